@@ -1,0 +1,10 @@
+// Umbrella header of libjitreader.
+#pragma once
+
+#include "basekit2/generic_iterator.h"
+#include "jitreader/base_object.h"
+#include "jitreader/error.h"
+#include "jitreader/jit_loader.h"
+#include "jitreader/jit_processes.h"
+#include "jitreader/symbol.h"
+#include "jitreader/symbol_resolver.h"

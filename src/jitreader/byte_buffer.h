@@ -1,0 +1,31 @@
+// A growable byte buffer whose storage never shrinks.
+#pragma once
+
+#include <vector>
+
+#include "jitreader/symbol.h"
+
+namespace velmark_3_11 {
+
+class ByteBuffer : public IByteBuffer {
+public:
+    /// 512 zero bytes of storage and a logical size of 0.
+    ByteBuffer() : m_data(512, 0), m_size(0) {}
+    ~ByteBuffer() = default;
+
+    unsigned int getSize() override { return m_size; }
+    const void* getData() override { return m_size == 0 ? nullptr : m_data.data(); }
+    void setData(const void* data, unsigned int size) override;
+
+    /// Storage held, also behind the logical size.
+    std::size_t capacity() const { return m_data.size(); }
+
+private:
+    std::vector<unsigned char> m_data;
+    unsigned int m_size;
+};
+
+/// A new buffer holding a copy of `size` bytes at `data`.
+boost::shared_ptr<IByteBuffer> makeByteBuffer(const void* data, unsigned int size);
+
+} // namespace velmark_3_11

@@ -1,0 +1,132 @@
+// The time-aware store of JIT-compiled code: every version of every method, by host, process,
+// ip range and time, and every code byte by its own jit rva.
+#pragma once
+
+#include <map>
+#include <vector>
+
+#include <boost/intrusive_ptr.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include "basekit2/generic_iterator.h"
+#include "jitreader/error.h"
+#include "jitreader/jit_file_decoder.h"
+#include "jitreader/jit_method.h"
+#include "jitreader/method_id.h"
+#include "jitreader/range.h"
+#include "jitreader/region.h"
+
+namespace velmark_3_11 {
+
+class JitDataManager : public JitFileDecoder::SearchRegionCallback {
+public:
+    /// Everything that ever lived at one ip range of one process.
+    class JitMethodContainer {
+    public:
+        std::map<unsigned long long, boost::intrusive_ptr<Region>> timeDomain;        ///< by load time
+        std::map<unsigned long long, boost::intrusive_ptr<JitMethod>> regionIdDomain; ///< by start jit rva
+    };
+
+    /// The ip space of one process on one host, cut into disjoint ranges.
+    typedef std::map<Range, boost::shared_ptr<JitMethodContainer>, Range::Comparator> RegionDomain;
+    typedef std::map<Range, std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>>,
+                     Range::Comparator>
+        JitRvaDomain;
+    typedef std::map<MethodId, boost::intrusive_ptr<JitMethod>> MethodMap;
+    typedef std::multimap<MethodId, boost::intrusive_ptr<JitMethod>> MethodMultiMap;
+
+    /// Flat copy of the jit rva domain, sorted by jit rva.
+    struct RvaTable {
+        std::vector<unsigned long long> startJitRvaTable;
+        std::vector<unsigned long long> lengthTable;
+        std::vector<unsigned long long> startAddressTable;
+    };
+
+    JitDataManager();
+    ~JitDataManager();
+    JitDataManager(const JitDataManager&) = delete;
+    JitDataManager& operator=(const JitDataManager&) = delete;
+
+    // Loading; all under the files manager's read lock.
+    /// Merges a decoded load record: meSuccess or meBadTrace.
+    velmark_error_t processMethodLoadRecord(unsigned int processId, unsigned int hostId,
+                                            boost::intrusive_ptr<JitMethod>& rawMethod);
+    /// Rewrites part of a live region's bytes: meSuccess or meFail.
+    velmark_error_t processMethodUpdateRecord(unsigned int processId, unsigned int hostId,
+                                              boost::intrusive_ptr<JitMethod>& rawMethod);
+    /// Attaches an inlined method below its parent's region, or caches it until the parent
+    /// arrives: meSuccess or meFail.
+    velmark_error_t processMethodInlineLoadRecord(unsigned int processId, unsigned int hostId,
+                                                  boost::intrusive_ptr<JitMethod>& rawMethod);
+    /// Gives inline regions and their line tables their jit rvas; runs after every file.
+    void finalize();
+
+    unsigned int getCollectorType() const { return m_collectorType; }
+    void setCollectorType(unsigned int collectorType) { m_collectorType = collectorType; }
+
+    // Lookups; const and lock-free, never beside a load.
+    velmark_error_t searchRegion(unsigned long long address, unsigned long long timestamp, unsigned int processId,
+                                 unsigned int hostId, boost::intrusive_ptr<Region>& region,
+                                 boost::intrusive_ptr<JitMethod>& method) const override;
+    /// Method and jit rva of a sample point.
+    velmark_error_t resolveJitPoint(unsigned long long vaddr, unsigned long long timestamp, unsigned int pid,
+                                    unsigned int hostId, boost::intrusive_ptr<JitMethod>& method,
+                                    unsigned long long& jitRva) const;
+    /// Method of a jit rva.
+    velmark_error_t resolveJitPoint(unsigned long long jitRva, boost::intrusive_ptr<JitMethod>& method) const;
+    /// The region loaded next after `timestamp` over [begin, end).
+    velmark_error_t findNextRegion(unsigned long long begin, unsigned long long end, unsigned long long timestamp,
+                                   unsigned int processId, unsigned int hostId,
+                                   boost::intrusive_ptr<ICodeRegion>& region) const;
+    /// Jit rva of `vaddr` in the process of the region holding `jitRva`, at its load time.
+    velmark_error_t resolveJitRvaByAddress(unsigned long long jitRva, unsigned long long vaddr,
+                                           unsigned long long& result) const;
+    /// Jit rva of `vaddr` of a method of the trace file that owns [rvaBegin, rvaEnd).
+    velmark_error_t translateJitAddress(unsigned int rawMethodId, unsigned long long vaddr,
+                                        unsigned long long rvaBegin, unsigned long long rvaEnd,
+                                        unsigned long long& result) const;
+
+    /// All merged methods, in order of first arrival.
+    basekit2::generic_iterator_t<boost::intrusive_ptr<ISymbol>> getMethods() const;
+    /// The region domain of a process, or null; creates nothing.
+    const RegionDomain* getRegionDomain(unsigned int processId, unsigned int hostId) const;
+    /// The region domain of a process, created empty when missing.
+    RegionDomain& getOrCreateRegionDomain(unsigned int processId, unsigned int hostId);
+
+    // Read access for tools and tests.
+    const JitRvaDomain& jitRvaDomain() const { return m_jitRvaDomain; }
+    const MethodMap& methods() const { return m_methods; }
+    const std::vector<boost::intrusive_ptr<JitMethod>>& methodList() const { return m_methodList; }
+
+private:
+    velmark_error_t splitRegions(const boost::intrusive_ptr<Region>& region, const boost::intrusive_ptr<JitMethod>& method,
+                                 const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
+                                 RegionDomain& splittedRegions) const;
+    velmark_error_t modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
+                                               const boost::intrusive_ptr<Region>& region,
+                                               boost::shared_ptr<JitMethodContainer>& container) const;
+    velmark_error_t addSplittedRegion(const Range& range, const boost::shared_ptr<JitMethodContainer>& container,
+                                      RegionDomain& splittedRegions) const;
+
+    velmark_error_t addInlineMethod(const boost::intrusive_ptr<JitMethod>& parentMethod,
+                                    boost::intrusive_ptr<Region>& parentRegion,
+                                    const boost::intrusive_ptr<JitMethod>& inlineMethod);
+    velmark_error_t addCachedInlineMethods(const boost::intrusive_ptr<JitMethod>& parentMethod);
+    velmark_error_t cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMethod);
+    velmark_error_t cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod);
+    velmark_error_t findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
+    velmark_error_t findInlineMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
+
+    JitRvaDomain m_jitRvaDomain;
+    MethodMap m_methods;
+    MethodMap m_cachedInlines;
+    MethodMultiMap m_cachedParents;
+    std::map<unsigned int, std::map<unsigned int, RegionDomain>> m_regionDomains;
+    std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
+    mutable RvaTable m_rvaTable;
+    mutable boost::mutex m_rvaTableMutex;
+    unsigned int m_collectorType;
+};
+
+} // namespace velmark_3_11

@@ -1,0 +1,124 @@
+// Reads one .jit trace file frame by frame and decodes the records into raw methods.
+#pragma once
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <boost/intrusive_ptr.hpp>
+
+#include "jitreader/error.h"
+#include "jitreader/jit_method.h"
+#include "jitreader/region.h"
+
+namespace velmark_3_11 {
+
+/// Frame types of a trace file.
+enum jit_trace_type_t : unsigned int {
+    jtFunctionLoad32 = 0,
+    jtFunctionLoad64 = 2,
+    jtFunctionLoad32_v1 = 4,
+    jtFunctionLoad64_v1 = 5,
+    jtFunctionLoad32_v2 = 6,
+    jtFunctionLoad64_v2 = 7,
+    jtFunctionLoad32_v3 = 8,
+    jtFunctionLoad64_v3 = 9,
+    jtFunctionUpdate = 10,
+    jtFunctionInlineLoad32 = 11,
+    jtFunctionInlineLoad64 = 12,
+    jtCollectorType = 13,
+    jtFunctionUpdate_v2 = 14,
+    jtMagic = 0x00400000,
+};
+
+/// The value of a CollectorType frame that marks traces of the JIT profiler.
+enum collector_type_t : unsigned int {
+    ctDefault = 0,
+    ctJitProfiler = 1,
+};
+
+/// One frame of a trace file.
+struct Record {
+    unsigned long long position = 0; ///< file offset of the frame's type field
+    unsigned int type = 0;
+    std::vector<unsigned char> data; ///< the payload; the value bytes for Magic and CollectorType
+};
+
+/// How much of a record is decoded; used as a bit set.
+enum decoding_mode_t : unsigned int {
+    decoding_mode_full = 1,    ///< code bytes are kept
+    decoding_mode_modules = 2, ///< no code bytes; old load forms stop at the module
+};
+
+class JitFileDecoder {
+public:
+    /// How a decoder finds the region that an update record refers to.
+    class SearchRegionCallback {
+    public:
+        /// meSuccess when a region of a known method covers `address` at `timestamp`.
+        virtual velmark_error_t searchRegion(unsigned long long address, unsigned long long timestamp,
+                                             unsigned int processId, unsigned int hostId,
+                                             boost::intrusive_ptr<Region>& region,
+                                             boost::intrusive_ptr<JitMethod>& method) const = 0;
+
+    protected:
+        ~SearchRegionCallback() = default;
+    };
+
+    /// Opens `path`; a file that can't be opened shows at the first getNextRecord.
+    JitFileDecoder(const std::wstring& path, unsigned int processId, unsigned int hostId,
+                   unsigned long long firstJitRva, decoding_mode_t mode);
+    ~JitFileDecoder();
+    JitFileDecoder(const JitFileDecoder&) = delete;
+    JitFileDecoder& operator=(const JitFileDecoder&) = delete;
+
+    /// Reads the next frame: meSuccess, meEndOfTrace at a clean end, meBadTrace for a corrupt
+    /// frame, meOpenFailed when the file isn't open.
+    velmark_error_t getNextRecord(Record& record);
+
+    /// Load form 1 (types 0 and 2).
+    bool decodeMethodLoadRecord(const Record& record, boost::intrusive_ptr<JitMethod>& method);
+    /// Load form 2 (types 4 and 5).
+    bool decodeMethodLoadRecordV1(const Record& record, boost::intrusive_ptr<JitMethod>& method);
+    /// Load form 3 (types 6 and 7).
+    bool decodeMethodLoadRecordV2(const Record& record, boost::intrusive_ptr<JitMethod>& method);
+    /// Load form 4 (types 8, 9 and 10); `isInline`, when not null, receives the isInline byte.
+    bool decodeMethodLoadRecordV3(const Record& record, boost::intrusive_ptr<JitMethod>& method,
+                                  unsigned char* isInline);
+    /// Inline form (types 11 and 12).
+    bool decodeMethodInlineLoadRecord(const Record& record, boost::intrusive_ptr<JitMethod>& method) const;
+    /// Update form (type 14).
+    bool decodeMethodUpdateRecordV2(const Record& record, boost::intrusive_ptr<JitMethod>& method) const;
+
+    void setSearchRegionCallback(const SearchRegionCallback* callback) { m_searchRegionCallback = callback; }
+
+    unsigned int processId() const { return m_pid; }
+    unsigned int hostId() const { return m_hostId; }
+    decoding_mode_t mode() const { return m_mode; }
+    unsigned int collectorType() const { return m_collectorType; }
+    /// True when load form 4 records named both module architecture 0 and 1.
+    bool bothArchitecturesSeen() const { return m_arch0Seen && m_arch1Seen; }
+
+    /// Returns the jit rva counter and then advances it by `size`.
+    unsigned long long allocJitRva(unsigned int size) const
+    {
+        const unsigned long long jitRva = m_nextJitRva;
+        m_nextJitRva += size;
+        return jitRva;
+    }
+
+private:
+    std::ifstream m_stream;
+    unsigned long long m_position;
+    decoding_mode_t m_mode;
+    unsigned int m_hostId;
+    unsigned int m_pid;
+    unsigned int m_collectorType;
+    mutable unsigned long long m_nextJitRva;
+    MethodIdMaker m_methodIdMaker;
+    const SearchRegionCallback* m_searchRegionCallback;
+    bool m_arch0Seen;
+    bool m_arch1Seen;
+};
+
+} // namespace velmark_3_11

@@ -1,0 +1,236 @@
+#include "jitreader/jit_files_manager.h"
+
+#include <set>
+#include <sstream>
+
+#include <boost/filesystem.hpp>
+#include <boost/thread/locks.hpp>
+#include <boost/tokenizer.hpp>
+
+#include "jitreader/jit_data_manager.h"
+#include "jitreader/jit_file_reader.h"
+#include "platform/log.h"
+
+namespace fs = boost::filesystem;
+
+namespace velmark_3_11 {
+namespace {
+
+constexpr auto kLogNumbers = logging::numbers_t::asIs;
+
+const std::wstring kTraceExtension = L".jit";
+
+typedef boost::tokenizer<boost::char_separator<wchar_t>, std::wstring::const_iterator, std::wstring> WideTokenizer;
+
+bool hasTraceExtension(const std::wstring& name)
+{
+    return name.size() > kTraceExtension.size() &&
+           name.compare(name.size() - kTraceExtension.size(), kTraceExtension.size(), kTraceExtension) == 0;
+}
+
+} // namespace
+
+JitFilesManager::JitFilesManager() : m_nextHostId(1), m_bitnessFilter(0), m_allRead(false) {}
+
+velmark_error_t JitFilesManager::scanDirectories(basekit2::generic_iterator_t<const wchar_t*>& directories,
+                                                 unsigned int bitnessFilter)
+{
+    m_hostNames.push_back(nullptr);
+    m_bitnessFilter = bitnessFilter;
+    unsigned long long runningJitRva = 1;
+
+    // A set: duplicates collapse, and directories are visited in sorted order.
+    std::set<std::wstring> sortedDirectories;
+    for (; !directories.at_end(); directories.next()) {
+        if (const wchar_t* directory = directories.current())
+            sortedDirectories.insert(directory);
+    }
+
+    for (const std::wstring& directory : sortedDirectories) {
+        const fs::path directoryPath(directory);
+        if (!fs::is_directory(fs::status(directoryPath)))
+            return meNotADirectory;
+
+        std::map<std::wstring, fs::directory_entry> traceFiles;
+        for (const fs::directory_entry& entry : fs::directory_iterator(directoryPath)) {
+            if (fs::is_directory(entry.status()))
+                continue;
+            std::wstring name = entry.path().filename().wstring();
+            if (hasTraceExtension(name))
+                traceFiles.emplace(std::move(name), entry);
+        }
+
+        for (const auto& file : traceFiles) {
+            const velmark_error_t result = registerFile(file.second.path().wstring(), file.first, runningJitRva);
+            if (result != meSuccess)
+                return result;
+        }
+    }
+    return meSuccess;
+}
+
+velmark_error_t JitFilesManager::parseFileName(const std::wstring& name, unsigned int& processId,
+                                               std::wstring& hostName)
+{
+    if (name.empty())
+        return meFail;
+
+    const WideTokenizer dotTokens(name, boost::char_separator<wchar_t>(L"."));
+    const std::vector<std::wstring> tokens(dotTokens.begin(), dotTokens.end());
+    if (tokens.size() < 3)
+        return meFail;
+
+    const std::wstring& processToken = tokens[tokens.size() - 2];
+    const WideTokenizer dashTokens(processToken, boost::char_separator<wchar_t>(L"-"));
+    if (dashTokens.begin() != dashTokens.end()) {
+        std::wistringstream number(*dashTokens.begin());
+        unsigned int value = 0;
+        if (number >> value)
+            processId = value;
+    }
+
+    // The host is all in front of the two last tokens and the dots before them, so that
+    // empty tokens in the host part (as in "a..1.jit") stay in it.
+    const std::size_t tailLength = tokens.back().size() + processToken.size() + 2;
+    hostName = name.substr(0, name.size() - tailLength);
+    return meSuccess;
+}
+
+velmark_error_t JitFilesManager::registerFile(const std::wstring& path, const std::wstring& name,
+                                              unsigned long long& runningJitRva)
+{
+    unsigned int processId = 0;
+    std::wstring hostName;
+    const velmark_error_t result = parseFileName(name, processId, hostName);
+    if (result != meSuccess)
+        return result;
+
+    const auto host = m_hostIds.emplace(hostName, m_nextHostId);
+    if (host.second) {
+        ++m_nextHostId;
+        m_hostNames.push_back(host.first->first.c_str());
+    }
+    const unsigned int hostId = host.first->second;
+
+    JitProcessEntry& process = m_hosts[hostId][processId];
+    process.read = false;
+    const unsigned long long size = fs::file_size(fs::path(path));
+    process.files.push_back(JitFileEntry{runningJitRva, size, path});
+    runningJitRva += size;
+    return meSuccess;
+}
+
+const wchar_t* JitFilesManager::getHostName(unsigned int hostId) const
+{
+    return hostId < m_hostNames.size() ? m_hostNames[hostId] : nullptr;
+}
+
+unsigned int JitFilesManager::getHostId(const std::wstring& hostName) const
+{
+    const auto host = m_hostIds.find(hostName);
+    return host == m_hostIds.end() ? 0 : host->second;
+}
+
+velmark_error_t JitFilesManager::getFileRange(const wchar_t* path, unsigned long long* begin,
+                                              unsigned long long* end)
+{
+    if (path == nullptr)
+        return meFileNotRegistered;
+    const fs::path filePath(path);
+    unsigned int processId = 0;
+    std::wstring hostName;
+    parseFileName(filePath.filename().wstring(), processId, hostName);
+
+    const JitProcessEntry* process = findProcess(processId, getHostId(hostName));
+    if (process == nullptr)
+        return meFileNotRegistered;
+    for (const JitFileEntry& file : process->files) {
+        if (fs::path(file.path).compare(filePath) == 0) {
+            if (begin)
+                *begin = file.firstJitRva;
+            if (end)
+                *end = file.firstJitRva + file.size;
+            return meSuccess;
+        }
+    }
+    return meFileNotRegistered;
+}
+
+basekit2::generic_iterator_t<unsigned int> JitFilesManager::getProcessIds()
+{
+    {
+        // Checked under the lock, so that two first callers can't fill the list twice.
+        boost::unique_lock<boost::mutex> lock(m_processMutex);
+        if (m_processIds.empty()) {
+            for (const auto& host : m_hosts)
+                for (const auto& process : host.second)
+                    m_processIds.push_back(process.first);
+        }
+    }
+    return basekit2::make_vector_iterator<unsigned int>(m_processIds);
+}
+
+JitFilesManager::JitProcessEntry* JitFilesManager::findProcess(unsigned int processId, unsigned int hostId)
+{
+    const auto host = m_hosts.find(hostId);
+    if (host == m_hosts.end())
+        return nullptr;
+    const auto process = host->second.find(processId);
+    return process == host->second.end() ? nullptr : &process->second;
+}
+
+velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManager& dataManager)
+{
+    boost::unique_lock<boost::mutex> lock(m_readMutex);
+    if (m_allRead)
+        return meSuccess;
+
+    for (auto& host : m_hosts) {
+        for (auto& process : host.second) {
+            if (process.second.read)
+                continue;
+            // A file that fails is not retried: the process counts as read all the same.
+            process.second.read = true;
+            for (const JitFileEntry& file : process.second.files) {
+                if (file.path.empty()) {
+                    VM_ERROR_AT(L"Skip reading jit file because path is empty");
+                    continue;
+                }
+                JitFileDecoder decoder(file.path, process.first, host.first, file.firstJitRva, mode);
+                decoder.setSearchRegionCallback(&dataManager);
+                if (readJitFile(decoder, m_bitnessFilter, dataManager) != meSuccess)
+                    VM_ERROR_AT(L"Could not read jit file " << file.path);
+            }
+        }
+    }
+    m_allRead = true;
+    return meSuccess;
+}
+
+velmark_error_t JitFilesManager::readProcessFiles(unsigned int processId, unsigned int hostId, decoding_mode_t mode,
+                                                  JitDataManager& dataManager)
+{
+    JitProcessEntry* process = findProcess(processId, hostId);
+    if (process == nullptr)
+        return meFail;
+    if (process->read)
+        return meSuccess;
+
+    boost::unique_lock<boost::mutex> lock(m_readMutex);
+    if (process->read)
+        return meSuccess;
+    for (const JitFileEntry& file : process->files) {
+        if (file.path.empty())
+            return meInvalidArgument;
+        JitFileDecoder decoder(file.path, processId, hostId, file.firstJitRva, mode);
+        decoder.setSearchRegionCallback(&dataManager);
+        const velmark_error_t result = readJitFile(decoder, m_bitnessFilter, dataManager);
+        if (result != meSuccess)
+            return result;
+    }
+    // Set only after full success, so that a failed process is read again from its first file.
+    process->read = true;
+    return meSuccess;
+}
+
+} // namespace velmark_3_11

@@ -1,0 +1,79 @@
+#include "jitreader/jit_loader.h"
+
+#include "jitreader/jit_data_manager.h"
+#include "jitreader/jit_files_manager.h"
+#include "jitreader/module_evaluator.h"
+
+namespace velmark_3_11 {
+namespace {
+
+class JitLoader : public IJitLoader {
+public:
+    JitFilesManager& filesManager() { return m_filesManager; }
+
+    velmark_error_t getHostId(const wchar_t* hostName, unsigned int* hostId) override
+    {
+        if (hostId == nullptr)
+            return meInvalidArgument;
+        *hostId = hostName ? m_filesManager.getHostId(hostName) : 0;
+        return meSuccess;
+    }
+
+    velmark_error_t resolveModule(unsigned long long timestamp, unsigned long long address, unsigned int processId,
+                                  unsigned int hostId, unsigned long long* jitRva,
+                                  boost::intrusive_ptr<IModule>& module) override
+    {
+        velmark_error_t result =
+            m_filesManager.readProcessFiles(processId, hostId, decoding_mode_modules, m_dataManager);
+        if (result != meSuccess)
+            return result;
+        boost::intrusive_ptr<JitMethod> method;
+        unsigned long long rva = 0;
+        // The store takes the address first, the loader's callers the time stamp.
+        result = m_dataManager.resolveJitPoint(address, timestamp, processId, hostId, method, rva);
+        if (result != meSuccess)
+            return result;
+        if (!method || rva == 0)
+            return meFail;
+        module = method->getModule();
+        if (jitRva)
+            *jitRva = rva;
+        return meSuccess;
+    }
+
+    velmark_error_t findNextRegion(unsigned long long timestamp, unsigned long long begin, unsigned long long end,
+                                   unsigned int processId, unsigned int hostId,
+                                   boost::intrusive_ptr<ICodeRegion>& region) override
+    {
+        const velmark_error_t result =
+            m_filesManager.readProcessFiles(processId, hostId, decoding_mode_modules, m_dataManager);
+        if (result != meSuccess)
+            return result;
+        return m_dataManager.findNextRegion(begin, end, timestamp, processId, hostId, region);
+    }
+
+    boost::intrusive_ptr<IModuleEvaluator> createModuleEvaluator(const wchar_t* modulePath) override
+    {
+        if (modulePath == nullptr)
+            return nullptr;
+        return boost::intrusive_ptr<IModuleEvaluator>(new ModuleEvaluator(modulePath));
+    }
+
+private:
+    JitDataManager m_dataManager;
+    JitFilesManager m_filesManager;
+};
+
+} // namespace
+
+boost::intrusive_ptr<IJitLoader> IJitLoader::create(basekit2::generic_iterator_t<const wchar_t*>& directories)
+{
+    JitLoader* loader = new JitLoader;
+    if (loader->filesManager().scanDirectories(directories, 0) != meSuccess) {
+        delete loader;
+        return nullptr;
+    }
+    return boost::intrusive_ptr<IJitLoader>(loader);
+}
+
+} // namespace velmark_3_11

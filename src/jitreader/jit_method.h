@@ -1,0 +1,154 @@
+// One JIT-compiled method: the raw method of a record, or the merged method of the store.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <boost/intrusive_ptr.hpp>
+
+#include "jitreader/method_id.h"
+#include "jitreader/module.h"
+#include "jitreader/range.h"
+#include "jitreader/region.h"
+#include "jitreader/source_file.h"
+#include "jitreader/symbol.h"
+
+namespace velmark_3_11 {
+
+/// What doesn't change between versions of a method.
+class BaseMethodInfo : public BaseObject {
+public:
+    MethodId methodId;
+    MethodId parentId;
+    unsigned int metadataToken = 0;
+    std::wstring name;
+    std::wstring fullName;
+    std::wstring className;
+    boost::intrusive_ptr<Module> module;
+    SourceFile sourceFile;
+};
+
+/// Kinds of line table.
+enum line_table_kind_t : unsigned int {
+    ltNativeToManaged = 0, ///< native offsets to IL offsets
+    ltManagedToSource = 1, ///< IL offsets to source lines
+    ltNativeToSource = 2,  ///< native offsets to source lines
+};
+
+/// The three line tables of one code range, by kind.
+struct LineNumberInfo {
+    std::vector<LineNumberEntry> tables[3];
+};
+
+class JitMethod : public ISymbol {
+public:
+    typedef std::map<Range, LineNumberInfo, Range::Comparator> LineNumberMap;
+
+    JitMethod();
+    ~JitMethod() override;
+    JitMethod(const JitMethod&) = delete;
+    JitMethod& operator=(const JitMethod&) = delete;
+
+    // ISymbol
+    unsigned int getMetadataToken() const override { return m_info->metadataToken; }
+    const wchar_t* getName() const override { return m_info->name.c_str(); }
+    const wchar_t* getFullName() const override { return m_info->fullName.c_str(); }
+    const wchar_t* getClassName() const override { return m_info->className.c_str(); }
+    boost::intrusive_ptr<IModule> getModule() const override { return m_info->module; }
+    boost::intrusive_ptr<ISourceFile> getSourceFile() const override;
+    basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> getCodeRegions() const override;
+    velmark_error_t getVirtualAddress(unsigned long long jitRva, unsigned long long* address) const override;
+    velmark_error_t getProcessId(unsigned long long jitRva, unsigned int* processId) const override;
+    unsigned long long getLoadTime() const override { return m_loadTime; }
+    unsigned long long getUnloadTime() const override { return m_unloadTime; }
+    velmark_error_t getLineNumberInfo(unsigned int kind, LineNumberEntry* rows, unsigned int* count,
+                                      unsigned long long jitRva) override;
+    velmark_error_t getLineNumberRange(LineNumberEntry* first, LineNumberEntry* last,
+                                       unsigned long long jitRva) override;
+    boost::intrusive_ptr<ISourceLocation> getSourceLocation(unsigned long long jitRva) const override;
+    unsigned long long getStartJitRva() const override { return m_startJitRva; }
+    unsigned int getRawMethodId() const override { return m_rawMethodId; }
+
+    // Identity
+    const MethodId& getMethodId() const { return m_info->methodId; }
+    const MethodId& getParentId() const { return m_info->parentId; }
+    void setMethodId(const MethodId& id) { m_info->methodId = id; }
+    void setParentId(const MethodId& id) { m_info->parentId = id; }
+    void setMetadataToken(unsigned int token) { m_info->metadataToken = token; }
+
+    // Module, source file and names
+    const boost::intrusive_ptr<Module>& module() const { return m_info->module; }
+    void setModule(const boost::intrusive_ptr<Module>& module) { m_info->module = module; }
+    const SourceFile& sourceFile() const { return m_info->sourceFile; }
+    /// Copies name, checksum, checksum type and language type.
+    void setSourceFile(const ISourceFile& file);
+    /// Splits at "." and joins with "::"; an empty name changes nothing.
+    void setClassName(const std::wstring& name);
+    /// Stores short and full name, qualified with the class; an empty name changes nothing.
+    void setName(const std::wstring& name);
+
+    // Record fields
+    void setStartJitRva(unsigned long long jitRva) { m_startJitRva = jitRva; }
+    void setRawMethodId(unsigned int id) { m_rawMethodId = id; }
+    unsigned int getRawParentId() const { return m_rawParentId; }
+    void setRawParentId(unsigned int id) { m_rawParentId = id; }
+    void setLoadTime(unsigned long long loadTime) { m_loadTime = loadTime; }
+    bool isInlined() const { return m_isInlined; }
+    void setInlined(bool inlined) { m_isInlined = inlined; }
+
+    // Regions
+    void addRegion(const boost::intrusive_ptr<Region>& region) { m_regions.push_back(region); }
+    std::size_t regionCount() const { return m_regions.size(); }
+    const Region::RegionVector& regions() const { return m_regions; }
+
+    // Line number information
+    /// Stores `rows` as the table of `kind` for the code range `key`. False when the rows are
+    /// empty or the range already has a table of that kind.
+    bool addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key);
+    /// Merges every table of `other`; the first refusal ends the merge with false.
+    bool addLineNumberInfo(const LineNumberMap& other);
+    /// False for a method without regions; reports rows that run past the first region.
+    bool validateLineNumberInfo() const;
+    /// Moves every line table key up by `base`.
+    void normalizeLineNumberInfoJitRvaRanges(unsigned long long base);
+    /// Reports at TRACE how the source file of `other` differs from this one's.
+    void compareSymbolicInfoTo(const boost::intrusive_ptr<JitMethod>& other) const;
+    const LineNumberMap& lineNumberInfo() const { return m_lineNumberInfo; }
+
+private:
+    /// Finds the entry for `jitRva` (0: the first) and copies its tables over the first entry's.
+    LineNumberInfo* selectLineNumberEntry(unsigned long long jitRva);
+
+    boost::intrusive_ptr<BaseMethodInfo> m_info;
+    unsigned long long m_startJitRva;
+    unsigned int m_rawMethodId;
+    unsigned int m_rawParentId;
+    unsigned long long m_loadTime;
+    unsigned long long m_unloadTime; // never set: methods have no unload time of their own
+    Region::RegionVector m_regions;
+    bool m_isInlined;
+    LineNumberMap m_lineNumberInfo;
+};
+
+/// The stateless maker of method ids that the decoder offers.
+class MethodIdMaker {
+public:
+    /// MD5 over "rawId.hostId.processId" (raw id not 0) or token, full name, class and module
+    /// path (raw id 0), each followed by the module's architecture.
+    MethodId makeMethodId(unsigned int rawId, const JitMethod& method) const;
+};
+
+} // namespace velmark_3_11
+
+namespace velmark_3_11 {
+
+/// Streams "(method id = <raw id>, name = <name>, load time = <load time>)", numbers in the
+/// stream's own format.
+struct MethodTag {
+    explicit MethodTag(const JitMethod& method_) : method(method_) {}
+    const JitMethod& method;
+};
+std::wostream& operator<<(std::wostream& stream, const MethodTag& tag);
+
+} // namespace velmark_3_11

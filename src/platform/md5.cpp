@@ -1,0 +1,36 @@
+#include "platform/md5.h"
+
+#include <cstring>
+
+#include <openssl/evp.h>
+
+namespace basekit2 {
+
+struct md5_t::context_t {
+    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+    ~context_t() { EVP_MD_CTX_free(ctx); }
+};
+
+md5_t::md5_t() : m_context(new context_t)
+{
+    EVP_DigestInit_ex(m_context->ctx, EVP_md5(), nullptr);
+}
+
+md5_t::~md5_t() = default;
+
+void md5_t::update(const void* data, std::size_t size)
+{
+    EVP_DigestUpdate(m_context->ctx, data, size);
+}
+
+md5_digest_t md5_t::get_digest()
+{
+    md5_digest_t digest;
+    unsigned int length = 0;
+    unsigned char buffer[EVP_MAX_MD_SIZE] = {};
+    EVP_DigestFinal_ex(m_context->ctx, buffer, &length);
+    std::memcpy(digest.bytes, buffer, sizeof digest.bytes);
+    return digest;
+}
+
+} // namespace basekit2

@@ -1,0 +1,13 @@
+// The subcommands of the jitreader tool.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace jitreader_tool {
+
+/// `jitreader processes DIR...`
+int runProcesses(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+
+} // namespace jitreader_tool

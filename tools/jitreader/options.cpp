@@ -1,0 +1,98 @@
+#include "options.h"
+
+#include <iomanip>
+
+namespace jitreader_tool {
+
+OptionParser::OptionParser(std::string command, std::string operands, std::string summary)
+    : m_command(std::move(command)), m_operands(std::move(operands)), m_summary(std::move(summary))
+{
+    flag("help", "show this help and exit");
+}
+
+OptionParser& OptionParser::flag(const std::string& name, const std::string& help)
+{
+    m_order.push_back(name);
+    m_declarations[name] = Declaration{"", help};
+    return *this;
+}
+
+OptionParser& OptionParser::option(const std::string& name, const std::string& valueName, const std::string& help)
+{
+    m_order.push_back(name);
+    m_declarations[name] = Declaration{valueName, help};
+    return *this;
+}
+
+bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
+            if (arg == "-h") {
+                printHelp(out);
+                m_exitCode = 0;
+                return false;
+            }
+            m_positional.push_back(arg);
+            continue;
+        }
+        std::string name = arg.substr(2);
+        std::string value;
+        bool hasValue = false;
+        const std::size_t equals = name.find('=');
+        if (equals != std::string::npos) {
+            value = name.substr(equals + 1);
+            name.resize(equals);
+            hasValue = true;
+        }
+        const auto declaration = m_declarations.find(name);
+        if (declaration == m_declarations.end()) {
+            err << "jitreader " << m_command << ": unknown option --" << name << "\n";
+            m_exitCode = 2;
+            return false;
+        }
+        if (name == "help") {
+            printHelp(out);
+            m_exitCode = 0;
+            return false;
+        }
+        if (declaration->second.valueName.empty()) {
+            if (hasValue) {
+                err << "jitreader " << m_command << ": --" << name << " takes no value\n";
+                m_exitCode = 2;
+                return false;
+            }
+            m_flags.insert(name);
+            continue;
+        }
+        if (!hasValue) {
+            if (i + 1 >= args.size()) {
+                err << "jitreader " << m_command << ": --" << name << " needs a value\n";
+                m_exitCode = 2;
+                return false;
+            }
+            value = args[++i];
+        }
+        m_values[name] = value;
+    }
+    return true;
+}
+
+std::string OptionParser::value(const std::string& name, const std::string& fallback) const
+{
+    const auto found = m_values.find(name);
+    return found == m_values.end() ? fallback : found->second;
+}
+
+void OptionParser::printHelp(std::ostream& out) const
+{
+    out << "usage: jitreader " << m_command << " [options] " << m_operands << "\n\n" << m_summary << "\n\noptions:\n";
+    for (const std::string& name : m_order) {
+        const Declaration& declaration = m_declarations.at(name);
+        std::string left = "--" + name + (declaration.valueName.empty() ? "" : " " + declaration.valueName);
+        out << "  " << std::left << std::setw(22) << left << declaration.help << "\n";
+    }
+}
+
+} // namespace jitreader_tool

@@ -1,0 +1,49 @@
+// A small command-line option parser: --name, --name VALUE, --name=VALUE and positional words.
+#pragma once
+
+#include <map>
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace jitreader_tool {
+
+class OptionParser {
+public:
+    OptionParser(std::string command, std::string operands, std::string summary);
+
+    /// Declares a switch without a value.
+    OptionParser& flag(const std::string& name, const std::string& help);
+    /// Declares an option that takes a value.
+    OptionParser& option(const std::string& name, const std::string& valueName, const std::string& help);
+
+    /// Parses `args`. False when the command should stop: after --help (exit code 0) or on a
+    /// bad option (exit code 2, with a message on `err`).
+    bool parse(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+    int exitCode() const { return m_exitCode; }
+
+    bool has(const std::string& name) const { return m_flags.count(name) != 0 || m_values.count(name) != 0; }
+    std::string value(const std::string& name, const std::string& fallback = "") const;
+    const std::vector<std::string>& positional() const { return m_positional; }
+
+    void printHelp(std::ostream& out) const;
+
+private:
+    struct Declaration {
+        std::string valueName; // empty for a switch
+        std::string help;
+    };
+
+    std::string m_command;
+    std::string m_operands;
+    std::string m_summary;
+    std::vector<std::string> m_order;
+    std::map<std::string, Declaration> m_declarations;
+    std::set<std::string> m_flags;
+    std::map<std::string, std::string> m_values;
+    std::vector<std::string> m_positional;
+    int m_exitCode = 0;
+};
+
+} // namespace jitreader_tool

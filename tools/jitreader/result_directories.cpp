@@ -1,0 +1,51 @@
+#include "result_directories.h"
+
+#include <boost/filesystem.hpp>
+
+#include "platform/text.h"
+
+namespace fs = boost::filesystem;
+using velmark_3_11::JitFilesManager;
+
+namespace jitreader_tool {
+
+basekit2::generic_iterator_t<const wchar_t*> directoryIterator(const std::vector<std::string>& directories)
+{
+    std::vector<std::wstring> paths;
+    for (const std::string& directory : directories)
+        paths.push_back(velmark_3_11::toWide(directory));
+    return basekit2::make_path_iterator(std::move(paths));
+}
+
+bool checkResultDirectories(const std::vector<std::string>& directories, std::ostream& err)
+{
+    bool good = true;
+    for (const std::string& directory : directories) {
+        boost::system::error_code error;
+        if (!fs::is_directory(fs::path(directory), error)) {
+            err << "jitreader: " << directory << ": not a directory\n";
+            good = false;
+            continue;
+        }
+        for (const fs::directory_entry& entry : fs::directory_iterator(directory, error)) {
+            const std::string name = entry.path().filename().string();
+            if (name.size() <= 4 || name.compare(name.size() - 4, 4, ".jit") != 0 ||
+                fs::is_directory(entry.path(), error))
+                continue;
+            unsigned int processId = 0;
+            std::wstring host;
+            if (JitFilesManager::parseFileName(velmark_3_11::toWide(name), processId, host) != velmark_3_11::meSuccess) {
+                err << "jitreader: " << entry.path().string()
+                    << ": trace file name is not of the form HOST.PID.jit\n";
+                good = false;
+            }
+        }
+        if (error) {
+            err << "jitreader: " << directory << ": " << error.message() << "\n";
+            good = false;
+        }
+    }
+    return good;
+}
+
+} // namespace jitreader_tool

@@ -1,0 +1,20 @@
+// Checks the result directories named on the command line and registers their trace files,
+// with a message that names the offending path when that fails.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "jitreader/jit_files_manager.h"
+
+namespace jitreader_tool {
+
+/// The directories as the library's factories take them.
+basekit2::generic_iterator_t<const wchar_t*> directoryIterator(const std::vector<std::string>& directories);
+
+/// Checks that every path is a directory and every trace file name can be parsed; writes
+/// one line per problem to `err` and returns false when there is one.
+bool checkResultDirectories(const std::vector<std::string>& directories, std::ostream& err);
+
+} // namespace jitreader_tool
