@@ -117,7 +117,8 @@ private:
     Bytes m_bytes;
 };
 
-/// The payload of a load record of `type` (0, 2, 4 to 10).
+/// The payload of a load record of `type` (0, 2, 4 to 10); any other type throws
+/// std::invalid_argument. Counts too large for their field throw std::length_error.
 Bytes encodeMethodLoad(std::uint32_t type, const MethodLoad& record);
 /// The payload of an inline load record.
 Bytes encodeInlineLoad(const InlineLoad& record);
@@ -133,7 +134,7 @@ public:
     TraceWriter& collectorType(std::uint32_t value);
     /// A load record (types 0, 2, 4 to 10).
     TraceWriter& load(std::uint32_t type, const MethodLoad& record);
-    /// An inline load record (types 11, 12).
+    /// An inline load record (types 11, 12); any other type throws std::invalid_argument.
     TraceWriter& inlineLoad(std::uint32_t type, const InlineLoad& record);
     /// An update record of version 2 (type 14).
     TraceWriter& updateV2(const UpdateV2& record);
@@ -143,7 +144,8 @@ public:
     // Broken frames, for tests.
     /// A sized frame whose size field is 0.
     TraceWriter& emptyFrame(std::uint32_t type);
-    /// A sized frame that announces `payload.size()` bytes but holds only the first `keep`.
+    /// A sized frame that announces `payload.size()` bytes but holds only the first `keep`;
+    /// `keep` must be below `payload.size()` (else std::invalid_argument).
     TraceWriter& truncatedFrame(std::uint32_t type, const Bytes& payload, std::size_t keep);
     /// A frame with an explicit size field, whatever the payload's length.
     TraceWriter& frameWithSize(std::uint32_t type, std::uint32_t size, const Bytes& payload);
