@@ -1,0 +1,93 @@
+#include "jitreader/base_object.h"
+
+#include <gtest/gtest.h>
+
+#include "jitreader/exception.h"
+
+namespace velmark_3_11 {
+namespace {
+
+// Exposes the protected counter and records its own destruction.
+class Probe : public BaseObject {
+public:
+    explicit Probe(int* destroyed = nullptr) : m_destroyed(destroyed) {}
+    Probe(const Probe& other) = default;
+    Probe& operator=(const Probe& other) = default;
+    ~Probe() override
+    {
+        if (m_destroyed)
+            ++*m_destroyed;
+    }
+
+    unsigned int add() const { return addRef(); }
+    unsigned int drop() const { return release(); }
+    // Reads the count without destroying: a count of 0 is left at 1, which is harmless
+    // for the stack objects that are read at 0 here.
+    unsigned int count() const
+    {
+        const unsigned int n = addRef() - 1;
+        if (n != 0)
+            release();
+        return n;
+    }
+
+private:
+    int* m_destroyed;
+};
+
+TEST(BaseObject, CountStartsAtZeroAndLastReleaseDestroys)
+{
+    int destroyed = 0;
+    Probe* probe = new Probe(&destroyed);
+    EXPECT_EQ(1u, probe->add());
+    EXPECT_EQ(2u, probe->add());
+    EXPECT_EQ(1u, probe->drop());
+    EXPECT_EQ(0, destroyed);
+    EXPECT_EQ(0u, probe->drop());
+    EXPECT_EQ(1, destroyed);
+}
+
+TEST(BaseObject, CopyStartsAtZeroAndAssignmentCopiesTheCount)
+{
+    boost::intrusive_ptr<Probe> shared(new Probe);
+    boost::intrusive_ptr<Probe> second = shared;
+    ASSERT_EQ(2u, shared->count());
+
+    Probe copy(*shared);
+    EXPECT_EQ(0u, copy.count());
+
+    // Assignment claims the references of the source although nothing holds the target.
+    Probe assigned;
+    assigned = *shared;
+    EXPECT_EQ(2u, assigned.count());
+
+    // A stack object that takes the value of a fresh temporary stays at 0.
+    Probe stackObject;
+    stackObject = Probe();
+    EXPECT_EQ(0u, stackObject.count());
+}
+
+TEST(BaseObject, IntrusivePointerManagesTheLifetime)
+{
+    int destroyed = 0;
+    {
+        boost::intrusive_ptr<Probe> first(new Probe(&destroyed));
+        {
+            boost::intrusive_ptr<Probe> second(first);
+            EXPECT_EQ(2u, first->count());
+        }
+        EXPECT_EQ(0, destroyed);
+    }
+    EXPECT_EQ(1, destroyed);
+}
+
+TEST(Exception, WhatIsNullAndMessageIsKept)
+{
+    const Exception error(14, L"bad trace");
+    EXPECT_EQ(nullptr, error.what());
+    EXPECT_EQ(L"bad trace", error.getMessage());
+    EXPECT_EQ(14u, error.getCode());
+}
+
+} // namespace
+} // namespace velmark_3_11

@@ -1,0 +1,182 @@
+#include "jitreader/jit_files_manager.h"
+
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace velmark_3_11 {
+namespace {
+
+using jrtest::TempDir;
+
+std::vector<unsigned char> bytesOf(std::size_t size)
+{
+    return std::vector<unsigned char>(size, 0);
+}
+
+std::vector<unsigned int> processIds(JitFilesManager& files)
+{
+    std::vector<unsigned int> ids;
+    for (auto it = files.getProcessIds(); !it.at_end(); it.next())
+        ids.push_back(it.current());
+    return ids;
+}
+
+TEST(JitFilesManager, ParsesHostAndProcessFromTheName)
+{
+    const struct {
+        const wchar_t* name;
+        velmark_error_t result;
+        const wchar_t* host;
+        unsigned int processId;
+    } cases[] = {
+        {L"node7.example.1234-5.jit", meSuccess, L"node7.example", 1234},
+        {L"host.42.jit", meSuccess, L"host", 42},
+        {L"a..1.jit", meSuccess, L"a.", 1},
+        {L"host.abc.jit", meSuccess, L"host", 0},     // no number: the id keeps its value
+        {L"host.-7.jit", meSuccess, L"host", 7},       // empty pieces around "-" are dropped
+        {L"host.12abc.jit", meSuccess, L"host", 12},   // a number as far as it goes
+        {L"h.x.y.99.jit", meSuccess, L"h.x.y", 99},
+        {L"a.jit", meFail, L"", 0},
+        {L"", meFail, L"", 0},
+        {L"..jit", meFail, L"", 0},
+    };
+    for (const auto& c : cases) {
+        unsigned int processId = 0;
+        std::wstring host;
+        EXPECT_EQ(c.result, JitFilesManager::parseFileName(c.name, processId, host)) << c.name;
+        EXPECT_EQ(c.host, host) << c.name;
+        EXPECT_EQ(c.processId, processId) << c.name;
+    }
+}
+
+TEST(JitFilesManager, KeepsTheProcessIdWhenTheTextIsNoNumber)
+{
+    unsigned int processId = 77;
+    std::wstring host;
+    EXPECT_EQ(meSuccess, JitFilesManager::parseFileName(L"host.abc.jit", processId, host));
+    EXPECT_EQ(77u, processId);
+}
+
+TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRanges)
+{
+    TempDir root;
+    // Given out of order and twice; visited sorted, once.
+    root.write("b/node.5.jit", bytesOf(100));
+    root.write("a/node.5.jit", bytesOf(100));
+    root.write("a/node.3-1.jit", bytesOf(7));
+    root.write("a/other.5.jit", bytesOf(1));
+    root.write("a/ignored.5.JIT", bytesOf(3)); // the extension is case-sensitive
+    root.write("a/.jit", bytesOf(3));          // too short to count
+    root.write("a/notes.txt", bytesOf(3));
+    root.mkdir("a/dir.9.jit");                 // a directory with a trace name
+
+    JitFilesManager files;
+    auto dirs = basekit2::make_path_iterator({root.wide("b"), root.wide("a"), root.wide("b")});
+    ASSERT_EQ(meSuccess, files.scanDirectories(dirs, 2));
+
+    EXPECT_STREQ(L"node", files.getHostName(1));
+    EXPECT_STREQ(L"other", files.getHostName(2));
+    EXPECT_EQ(nullptr, files.getHostName(0));
+    EXPECT_EQ(nullptr, files.getHostName(3));
+    EXPECT_EQ(1u, files.getHostId(L"node"));
+    EXPECT_EQ(0u, files.getHostId(L"NODE"));
+
+    // Registration order: a/node.3-1, a/node.5, a/other.5, b/node.5.
+    const struct {
+        std::string file;
+        unsigned long long begin;
+        unsigned long long end;
+    } ranges[] = {
+        {"a/node.3-1.jit", 1, 8},
+        {"a/node.5.jit", 8, 108},
+        {"a/other.5.jit", 108, 109},
+        {"b/node.5.jit", 109, 209},
+    };
+    for (const auto& r : ranges) {
+        unsigned long long begin = 0;
+        unsigned long long end = 0;
+        ASSERT_EQ(meSuccess, files.getFileRange(root.wide(r.file).c_str(), &begin, &end)) << r.file;
+        EXPECT_EQ(r.begin, begin) << r.file;
+        EXPECT_EQ(r.end, end) << r.file;
+    }
+
+    // Two files of process 5 on host 1, from two directories, in sorted directory order.
+    const auto& process = files.hosts().at(1).at(5);
+    ASSERT_EQ(2u, process.files.size());
+    EXPECT_EQ(root.wide("a/node.5.jit"), process.files[0].path);
+    EXPECT_EQ(root.wide("b/node.5.jit"), process.files[1].path);
+    EXPECT_FALSE(process.read);
+
+    EXPECT_EQ((std::vector<unsigned int>{3, 5, 5}), processIds(files));
+    EXPECT_EQ((std::vector<unsigned int>{3, 5, 5}), processIds(files));
+}
+
+TEST(JitFilesManager, FileRangeComparesPathsByElements)
+{
+    TempDir root;
+    root.write("node.5.jit", bytesOf(10));
+    JitFilesManager files;
+    auto dirs = basekit2::make_path_iterator({root.wide()});
+    ASSERT_EQ(meSuccess, files.scanDirectories(dirs, 0));
+
+    unsigned long long begin = 0;
+    unsigned long long end = 0;
+    const std::wstring doubled = root.wide() + L"//node.5.jit";
+    EXPECT_EQ(meSuccess, files.getFileRange(doubled.c_str(), &begin, &end));
+    EXPECT_EQ(1u, begin);
+    EXPECT_EQ(11u, end);
+
+    const struct {
+        std::wstring path;
+    } misses[] = {{root.wide() + L"/node.6.jit"}, {root.wide() + L"/other.5.jit"}, {L"/elsewhere/node.5.jit"}};
+    for (const auto& m : misses)
+        EXPECT_EQ(meFileNotRegistered, files.getFileRange(m.path.c_str(), &begin, &end));
+    EXPECT_EQ(meFileNotRegistered, files.getFileRange(nullptr, &begin, &end));
+}
+
+TEST(JitFilesManager, ScanFailures)
+{
+    TempDir root;
+    root.write("good/host.1.jit", bytesOf(4));
+    root.write("bad/a.jit", bytesOf(4));
+    root.write("file.txt", bytesOf(1));
+
+    const struct {
+        std::vector<std::string> dirs;
+        velmark_error_t result;
+        std::size_t hostsAfter; // what earlier directories registered stays
+    } cases[] = {
+        {{"missing"}, meNotADirectory, 0},
+        {{"file.txt"}, meNotADirectory, 0},
+        {{"bad"}, meFail, 0},
+        {{"good", "missing"}, meNotADirectory, 1},
+        {{"bad", "good"}, meFail, 0}, // "bad" sorts first and ends the scan
+    };
+    for (const auto& c : cases) {
+        std::vector<std::wstring> paths;
+        for (const auto& dir : c.dirs)
+            paths.push_back(root.wide(dir));
+        auto it = basekit2::make_path_iterator(paths);
+        JitFilesManager files;
+        EXPECT_EQ(c.result, files.scanDirectories(it, 0)) << c.dirs.back();
+        EXPECT_EQ(c.hostsAfter, files.hosts().size()) << c.dirs.back();
+    }
+}
+
+TEST(JitFilesManager, EmptyInputsRegisterNothing)
+{
+    TempDir root;
+    root.mkdir("empty");
+    for (const auto& paths : {std::vector<std::wstring>{}, std::vector<std::wstring>{root.wide("empty")}}) {
+        JitFilesManager files;
+        auto it = basekit2::make_path_iterator(paths);
+        ASSERT_EQ(meSuccess, files.scanDirectories(it, 0));
+        EXPECT_TRUE(files.hosts().empty());
+        EXPECT_EQ(nullptr, files.getHostName(0));
+        EXPECT_TRUE(files.getProcessIds().at_end());
+    }
+}
+
+} // namespace
+} // namespace velmark_3_11

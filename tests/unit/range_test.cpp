@@ -1,0 +1,51 @@
+#include "jitreader/range.h"
+
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "jitreader/method_id.h"
+
+namespace velmark_3_11 {
+namespace {
+
+typedef std::map<Range, int, Range::Comparator> RangeMap;
+
+TEST(Range, OverlapIsEquivalenceAndTouchingRangesAreOrdered)
+{
+    RangeMap map;
+    ASSERT_TRUE(map.emplace(Range(0x100, 0x100), 1).second);
+    ASSERT_TRUE(map.emplace(Range(0x200, 0x100), 2).second); // touches, shares no byte
+    EXPECT_FALSE(map.emplace(Range(0x1ff, 2), 3).second);    // shares one byte with each
+
+    const struct {
+        unsigned long long probe;
+        int expected; // 0: no key
+    } probes[] = {
+        {0xff, 0}, {0x100, 1}, {0x1ff, 1}, {0x200, 2}, {0x2ff, 2}, {0x300, 0},
+    };
+    for (const auto& p : probes) {
+        const auto found = map.find(Range(p.probe, 1));
+        EXPECT_EQ(p.expected, found == map.end() ? 0 : found->second) << std::hex << p.probe;
+    }
+
+    // equal_range of a new range yields exactly the keys that overlap it.
+    const auto overlapping = map.equal_range(Range(0x180, 0x100));
+    ASSERT_EQ(2, std::distance(overlapping.first, overlapping.second));
+    EXPECT_EQ(1, overlapping.first->second);
+    const auto none = map.equal_range(Range(0x300, 0x10));
+    EXPECT_EQ(none.first, none.second);
+}
+
+TEST(MethodId, OrderedByHalvesAndEmptyOnlyWhenBothAreZero)
+{
+    EXPECT_TRUE(MethodId().isEmpty());
+    EXPECT_FALSE(MethodId(0, 1).isEmpty());
+    EXPECT_FALSE(MethodId(1, 0).isEmpty());
+    EXPECT_LT(MethodId(1, 9), MethodId(2, 0));
+    EXPECT_LT(MethodId(1, 1), MethodId(1, 2));
+    EXPECT_FALSE(MethodId(1, 2) < MethodId(1, 2));
+}
+
+} // namespace
+} // namespace velmark_3_11
