@@ -1,6 +1,49 @@
 #include "jitreader/jit_method.h"
 
+#include <algorithm>
+#include <sstream>
+
+#include <boost/tokenizer.hpp>
+
+#include "basekit2/assertion.h"
+#include "platform/log.h"
+#include "platform/md5.h"
+#include "platform/symbol_name_demangler.h"
+
 namespace velmark_3_11 {
+
+namespace {
+
+constexpr auto kLogNumbers = logging::numbers_t::hex;
+
+typedef boost::char_separator<wchar_t> DotSeparator;
+typedef boost::tokenizer<DotSeparator, std::wstring::const_iterator, std::wstring> DotTokenizer;
+
+/// The pieces of `text` between dots, empty ones dropped, joined with "::".
+std::wstring joinDottedParts(const std::wstring& text)
+{
+    std::wstring result;
+    DotTokenizer pieces(text, DotSeparator(L"."));
+    for (const std::wstring& piece : pieces) {
+        if (!result.empty())
+            result += L"::";
+        result += piece;
+    }
+    return result;
+}
+
+/// The table of `kind`, or null for a kind that has none.
+std::vector<LineNumberEntry>* tableOf(LineNumberInfo& info, unsigned int kind)
+{
+    return kind <= ltNativeToSource ? &info.tables[kind] : nullptr;
+}
+
+bool startsOrContains(const LineNumberEntry& row, unsigned int offset)
+{
+    return row.start == offset || (row.start <= offset && offset < row.end);
+}
+
+} // namespace
 
 JitMethod::JitMethod()
     : m_info(new BaseMethodInfo),
@@ -55,47 +98,294 @@ void JitMethod::setSourceFile(const ISourceFile& file)
         SourceFile(file.getName(), file.getChecksum(), file.getChecksumType(), file.getLanguageType());
 }
 
-// TODO(jit_method): names, line number information, method ids.
-void JitMethod::setClassName(const std::wstring&) {}
-void JitMethod::setName(const std::wstring&) {}
-
-velmark_error_t JitMethod::getLineNumberInfo(unsigned int, LineNumberEntry*, unsigned int*, unsigned long long)
+void JitMethod::setClassName(const std::wstring& name)
 {
-    return meFail;
+    if (name.empty())
+        return;
+    m_info->className = joinDottedParts(name);
 }
 
-velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry*, LineNumberEntry*, unsigned long long)
+void JitMethod::setName(const std::wstring& name)
 {
-    return meFail;
+    if (name.empty())
+        return;
+
+    boost::shared_ptr<NAMEKIT_3_30::ISymbolNameDemangler> demangler =
+        NAMEKIT_3_30::ISymbolNameDemangler::create(name, NAMEKIT_3_30::efDotNet);
+    if (demangler) {
+        std::wstring shortName = demangler->getShortName();
+        if (!shortName.empty() && shortName != name) {
+            m_info->name = shortName;
+            m_info->fullName = demangler->getFullName(0);
+            return;
+        }
+    }
+
+    std::wstring text;
+    if (!m_info->className.empty())
+        text = m_info->className + L"::";
+    text += joinDottedParts(name);
+    m_info->fullName = text;
+    m_info->name = text.substr(0, text.find(L'('));
 }
 
-boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long long) const
+// ---------------------------------------------------------------------------------------------
+// Line number information
+
+bool JitMethod::addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key)
 {
-    return nullptr;
+    if (rows.empty())
+        return false;
+
+    // Overlapping ranges are one key, so a key may find an entry of another length.
+    auto found = m_lineNumberInfo.find(key);
+    if (found != m_lineNumberInfo.end()) {
+        std::vector<LineNumberEntry>* table = tableOf(found->second, kind);
+        if (table && !table->empty()) {
+            VM_ERROR_AT(L"Couldn't overwrite existing line number info for this code region of already "
+                        L"registered method "
+                        << MethodTag(*this));
+            return false;
+        }
+        if (table)
+            *table = rows;
+        return true;
+    }
+
+    LineNumberInfo info;
+    if (std::vector<LineNumberEntry>* table = tableOf(info, kind))
+        *table = rows;
+    if (!m_lineNumberInfo.insert(std::make_pair(key, info)).second) {
+        VM_ERROR_AT(L"Couldn't add line number info for this code region of already registered method "
+                    << MethodTag(*this));
+        return false;
+    }
+    return true;
 }
 
-bool JitMethod::addLineNumberInfo(unsigned int, const std::vector<LineNumberEntry>&, const Range&)
+bool JitMethod::addLineNumberInfo(const LineNumberMap& other)
 {
-    return false;
-}
-
-bool JitMethod::addLineNumberInfo(const LineNumberMap&)
-{
+    for (const auto& entry : other) {
+        for (unsigned int kind = ltNativeToManaged; kind <= ltNativeToSource; ++kind) {
+            const std::vector<LineNumberEntry>& rows = entry.second.tables[kind];
+            if (rows.empty())
+                continue;
+            if (!addLineNumberInfo(kind, rows, entry.first))
+                return false;
+        }
+    }
     return true;
 }
 
 bool JitMethod::validateLineNumberInfo() const
 {
-    return !m_regions.empty();
+    if (m_regions.empty())
+        return false;
+
+    const Region& region = *m_regions.front();
+    auto found = m_lineNumberInfo.find(Range(region.startJitRva(), 1));
+    if (found == m_lineNumberInfo.end())
+        return true;
+
+    // A bad row is reported, not dropped: the tables are kept as the agent wrote them.
+    for (const LineNumberEntry& row : found->second.tables[ltNativeToSource]) {
+        if (row.end > region.length()) {
+            VM_ERROR_AT(L"Detected line number (start offset = "
+                        << row.start << L", end offset = " << row.end << L", src line = " << row.value
+                        << L") that does not match to code range (ip range = " << region.startAddress() << L"-"
+                        << region.startAddress() + region.length() << L")");
+            break;
+        }
+    }
+    return true;
 }
 
-void JitMethod::normalizeLineNumberInfoJitRvaRanges(unsigned long long) {}
-
-void JitMethod::compareSymbolicInfoTo(const boost::intrusive_ptr<JitMethod>&) const {}
-
-MethodId MethodIdMaker::makeMethodId(unsigned int, const JitMethod&) const
+void JitMethod::normalizeLineNumberInfoJitRvaRanges(unsigned long long base)
 {
-    return MethodId();
+    if (m_lineNumberInfo.empty())
+        return;
+
+    LineNumberMap moved;
+    for (const auto& entry : m_lineNumberInfo) {
+        bool ret = moved.insert(std::make_pair(Range(entry.first.start + base, entry.first.size), entry.second)).second;
+        BASEKIT2_ASSERT(ret);
+    }
+    m_lineNumberInfo.swap(moved);
+}
+
+void JitMethod::compareSymbolicInfoTo(const boost::intrusive_ptr<JitMethod>& jitMethod) const
+{
+    BASEKIT2_ASSERT(jitMethod);
+    if (!jitMethod)
+        return;
+
+    const std::wstring& ownName = m_info->sourceFile.name();
+    const std::wstring& otherName = jitMethod->sourceFile().name();
+    if (ownName.empty()) {
+        VM_TRACE(L"Registred method has a null source file " << MethodTag(*jitMethod)
+                                                             << L". Mapping to source file is not available.");
+        return;
+    }
+    if (otherName.empty()) {
+        VM_TRACE(L"Supplied a null source file for "
+                 << MethodTag(*jitMethod)
+                 << L". Line number table will be associated with the source file of the first code region (src "
+                    L"name = "
+                 << ownName << L")");
+        return;
+    }
+    if (ownName != otherName) {
+        VM_TRACE(L"Supplied source file for " << MethodTag(*jitMethod)
+                                              << L" is differ from source file of the first code region (src name = "
+                                              << ownName << L"). Map to source file will be incorrect.");
+    }
+}
+
+LineNumberInfo* JitMethod::selectLineNumberEntry(unsigned long long jitRva)
+{
+    if (m_lineNumberInfo.empty())
+        return nullptr;
+    LineNumberInfo& first = m_lineNumberInfo.begin()->second;
+    if (jitRva != 0) {
+        auto found = m_lineNumberInfo.find(Range(jitRva, 1));
+        if (found == m_lineNumberInfo.end())
+            return nullptr;
+        // Callers rely on this lasting: a later query with jit rva 0 sees the tables of the
+        // range asked for last.
+        if (&found->second != &first)
+            first = found->second;
+    }
+    return &first;
+}
+
+velmark_error_t JitMethod::getLineNumberInfo(unsigned int kind, LineNumberEntry* rows, unsigned int* count,
+                                             unsigned long long jitRva)
+{
+    if (rows == nullptr && count == nullptr)
+        return meInvalidArgument;
+    if (m_lineNumberInfo.empty())
+        return meFail;
+
+    LineNumberInfo* info = selectLineNumberEntry(jitRva);
+    if (info == nullptr)
+        return meFail;
+    const std::vector<LineNumberEntry>* table = tableOf(*info, kind);
+    if (table == nullptr)
+        return meFail;
+
+    const unsigned int size = static_cast<unsigned int>(table->size());
+    if (rows == nullptr) {
+        *count = size;
+        return meSuccess;
+    }
+    // A caller that passes rows without a count gets nothing written: it said nothing about
+    // how many rows fit.
+    if (count == nullptr || size > *count)
+        return meBufferTooSmall;
+    std::copy(table->begin(), table->end(), rows);
+    *count = size;
+    return meSuccess;
+}
+
+velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry* first, LineNumberEntry* last,
+                                              unsigned long long jitRva)
+{
+    if (m_lineNumberInfo.empty() || first == nullptr || last == nullptr)
+        return meFail;
+
+    LineNumberInfo* info = selectLineNumberEntry(jitRva);
+    if (info == nullptr)
+        return meFail;
+    const std::vector<LineNumberEntry>* table = &info->tables[ltManagedToSource];
+    if (table->empty())
+        table = &info->tables[ltNativeToSource];
+    if (table->empty())
+        return meFail;
+
+    unsigned int minimum = table->front().value;
+    unsigned int maximum = minimum;
+    for (auto row = table->begin() + 1; row != table->end(); ++row) {
+        if (row->value < minimum)
+            minimum = row->value;
+        else if (row->value > maximum)
+            maximum = row->value;
+    }
+    *first = LineNumberEntry{0, 0, minimum};
+    *last = LineNumberEntry{0, 0, maximum};
+    return meSuccess;
+}
+
+boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long long jitRva) const
+{
+    if (m_lineNumberInfo.empty())
+        return nullptr;
+
+    auto found = m_lineNumberInfo.find(Range(jitRva, 1));
+    if (found == m_lineNumberInfo.end())
+        return nullptr;
+    const LineNumberInfo& info = found->second;
+    const auto& nativeToManaged = info.tables[ltNativeToManaged];
+    const auto& managedToSource = info.tables[ltManagedToSource];
+    const auto& nativeToSource = info.tables[ltNativeToSource];
+    if (nativeToManaged.empty() && managedToSource.empty() && nativeToSource.empty())
+        return nullptr;
+
+    const Range& key = found->first;
+    if (jitRva < key.start || jitRva - key.start >= key.size)
+        return nullptr;
+    const unsigned int offset = static_cast<unsigned int>(jitRva - key.start);
+
+    // Rows are taken in stored order and the first match wins, also where rows overlap.
+    unsigned int line = 0;
+    if (nativeToManaged.empty() || managedToSource.empty()) {
+        auto row = std::find_if(nativeToSource.begin(), nativeToSource.end(),
+                                [offset](const LineNumberEntry& r) { return startsOrContains(r, offset); });
+        if (row == nativeToSource.end())
+            return nullptr;
+        line = row->value;
+    } else {
+        auto native = std::find_if(nativeToManaged.begin(), nativeToManaged.end(), [offset](const LineNumberEntry& r) {
+            return r.start <= offset && offset < r.end;
+        });
+        if (native == nativeToManaged.end())
+            return nullptr;
+        const unsigned int ilOffset = native->value;
+        auto managed = std::find_if(managedToSource.begin(), managedToSource.end(),
+                                    [ilOffset](const LineNumberEntry& r) { return startsOrContains(r, ilOffset); });
+        if (managed == managedToSource.end())
+            return nullptr;
+        line = managed->value;
+    }
+    return boost::intrusive_ptr<ISourceLocation>(new SourceLocation(line, m_info->sourceFile));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Method ids
+
+MethodId MethodIdMaker::makeMethodId(unsigned int rawId, const JitMethod& method) const
+{
+    const boost::intrusive_ptr<Module>& module = method.module();
+    BASEKIT2_ASSERT(module);
+
+    std::wostringstream text;
+    if (rawId != 0) {
+        unsigned int hostId = 0;
+        unsigned int processId = 0;
+        if (method.regionCount() != 0) {
+            hostId = method.regions().front()->hostId();
+            processId = method.regions().front()->processId();
+        }
+        text << rawId << L'.' << hostId << L'.' << processId;
+    } else {
+        text << method.getMetadataToken() << method.getFullName() << method.getClassName()
+             << (module ? module->getName() : L"");
+    }
+    text << (module ? module->getArch() : 0u);
+
+    const std::wstring digestInput = text.str();
+    basekit2::md5_t md5;
+    md5.update(digestInput.data(), digestInput.size() * sizeof(wchar_t));
+    return MethodId(md5.get_digest());
 }
 
 std::wostream& operator<<(std::wostream& stream, const MethodTag& tag)
