@@ -108,6 +108,17 @@ public:
     }
 
 private:
+    /// The load forms, in the order in which they appeared.
+    enum load_form_t { lfPlain = 1, lfWideCounts = 2, lfMethodId = 3, lfInlineFlag = 4 };
+
+    /// The one algorithm behind the four load decoders; `form` tells their differences.
+    bool decodeLoadRecord(const Record& record, JitMethod& method, unsigned char* isInline, load_form_t form);
+    /// Prints Java names, stores class and name, and gives the method its module.
+    void storeNamesAndModule(JitMethod& method, std::string name, std::string className, std::wstring modulePath,
+                             unsigned int languageType, unsigned int arch) const;
+
+    // The stream's read buffer; declared first so that it outlives the stream.
+    std::vector<char> m_readBuffer;
     std::ifstream m_stream;
     unsigned long long m_position;
     decoding_mode_t m_mode;
@@ -119,6 +130,12 @@ private:
     const SearchRegionCallback* m_searchRegionCallback;
     bool m_arch0Seen;
     bool m_arch1Seen;
+    // Where the stream stands, so that a frame that follows the previous one needs no seek (a seek
+    // drops the stream's read buffer); kUnknownPosition after a failed read.
+    unsigned long long m_streamPosition;
+    // Size of the file when it was opened: a size field that asks for more than the file holds
+    // reads what is there, without allocating the rest.
+    unsigned long long m_fileSize;
 };
 
 } // namespace velmark_3_11
