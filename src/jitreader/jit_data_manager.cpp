@@ -1,61 +1,1129 @@
 #include "jitreader/jit_data_manager.h"
 
+#include <algorithm>
+#include <iterator>
+#include <optional>
+
+#include <boost/make_shared.hpp>
+#include <boost/thread/locks.hpp>
+
+#include "basekit2/assertion.h"
+#include "jitreader/method_dump.h"
+#include "platform/log.h"
+
 namespace velmark_3_11 {
 
-// TODO(jit_data_manager)
-JitDataManager::JitDataManager() : m_collectorType(0) {}
+namespace {
+
+constexpr auto kLogNumbers = logging::numbers_t::hex;
+
+constexpr unsigned long long kInvalidJitRva = 0xFFFFFFFFFFFFFFFFull;
+constexpr unsigned long long kPreJittedLoadTime = 1;
+
+typedef JitDataManager::JitMethodContainer Container;
+typedef boost::shared_ptr<Container> ContainerPtr;
+
+/// The interval [a, b) as a key.
+Range piece(unsigned long long a, unsigned long long b)
+{
+    return Range(a, static_cast<unsigned int>(b - a));
+}
+
+/// Copies up to `count` bytes of `source` from `sourceOffset` into `target` at `targetOffset`,
+/// never past either end: a buffer that is shorter than its region leaves zeros behind.
+void copyBytes(std::vector<unsigned char>& target, std::size_t targetOffset, IByteBuffer& source,
+               unsigned long long sourceOffset, unsigned long long count)
+{
+    const unsigned long long sourceSize = source.getSize();
+    const unsigned char* data = static_cast<const unsigned char*>(source.getData());
+    if (data == nullptr || sourceOffset >= sourceSize || targetOffset >= target.size())
+        return;
+    count = std::min(count, sourceSize - sourceOffset);
+    count = std::min<unsigned long long>(count, target.size() - targetOffset);
+    std::copy(data + sourceOffset, data + sourceOffset + count, target.begin() + targetOffset);
+}
+
+/// The scoped trace of the lookups. Building the signature text and copying the logger cost
+/// more than a lookup itself, so both happen only while TRACE is enabled.
+class LookupTraceScope {
+public:
+    LookupTraceScope(const char* signature, const char* file, int line)
+    {
+        log4cplus::Logger& logger = componentLogger();
+        if (logger.isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
+            m_scope.emplace(logger, signature, file, line);
+    }
+
+private:
+    std::optional<log4cplus::TraceLogger> m_scope;
+};
+
+#define VM_LOOKUP_TRACE_SCOPE(signature) LookupTraceScope vmTraceScope_(signature, __FILE__, __LINE__)
+
+/// Whether the key [start, start + size) holds `address` as a map with Range::Comparator sees
+/// it for the probe Range(address, 1).
+bool covers(unsigned long long start, unsigned int size, unsigned long long address)
+{
+    const Range::Comparator less;
+    return !less(Range(start, size), Range(address, 1)) && !less(Range(address, 1), Range(start, size));
+}
+
+/// The index of the last entry among [first, end), sorted by start, that starts at or before
+/// `address`; `end` when none does. With disjoint keys it is the only one that can hold it.
+template <class Entry, class Start>
+std::size_t lastStartingAtOrBefore(const std::vector<Entry>& entries, std::size_t first, std::size_t end,
+                                   unsigned long long address, Start start)
+{
+    const auto begin = entries.begin() + static_cast<std::ptrdiff_t>(first);
+    const auto it = std::upper_bound(begin, entries.begin() + static_cast<std::ptrdiff_t>(end), address,
+                                     [&start](unsigned long long value, const Entry& entry) {
+                                         return value < start(entry);
+                                     });
+    return it == begin ? end : static_cast<std::size_t>(it - entries.begin()) - 1;
+}
+
+} // namespace
+
+/// Sorted arrays with the content of m_jitRvaDomain and m_regionDomains, and the fields of the
+/// regions that a lookup reads. The raw pointers refer to objects that the maps keep alive, and
+/// the maps never drop anything.
+struct JitDataManager::LookupIndex {
+    /// The search key of the jit rva domain with its answer, so that the search brings the
+    /// method's address along; the size, read next to the method, lives apart.
+    struct JitEntry {
+        unsigned long long start;
+        JitMethod* method;
+    };
+    struct Key {
+        unsigned long long start;
+        unsigned int size;
+        unsigned int firstTime; ///< of its time entries; those of the next key follow
+    };
+    /// What a sample needs of one region, in one cache line.
+    struct TimeEntry {
+        unsigned long long loadTime;
+        unsigned long long unloadTime;
+        unsigned long long jitRvaOffset; ///< start jit rva minus start address, modulo 2^64
+        JitMethod* method;               ///< of the key's region id domain; null when it has none
+    };
+    struct Domain {
+        unsigned int hostId;
+        unsigned int processId;
+        std::size_t firstKey;
+        std::size_t endKey;
+    };
+
+    std::vector<JitEntry> jitEntries;
+    std::vector<unsigned int> jitSizes; ///< parallel to jitEntries
+    std::vector<Region*> jitRegions;    ///< parallel to jitEntries
+    std::vector<Domain> domains;              ///< by host id, then process id
+    std::vector<Key> keys;                    ///< domain after domain, and one more that ends the last
+    std::vector<TimeEntry> times;
+    std::vector<Region*> timeRegions; ///< parallel to times
+
+    /// The entry whose jit rva range holds `jitRva`, or the number of entries.
+    std::size_t findJitEntry(unsigned long long jitRva) const
+    {
+        const std::size_t entry = lastStartingAtOrBefore(jitEntries, 0, jitEntries.size(), jitRva,
+                                                         [](const JitEntry& e) { return e.start; });
+        if (entry != jitEntries.size() && !covers(jitEntries[entry].start, jitSizes[entry], jitRva))
+            return jitEntries.size();
+        return entry;
+    }
+
+    const Domain* findDomain(unsigned int processId, unsigned int hostId) const
+    {
+        const auto it = std::lower_bound(domains.begin(), domains.end(), std::make_pair(hostId, processId),
+                                         [](const Domain& domain, const std::pair<unsigned int, unsigned int>& id) {
+                                             return std::make_pair(domain.hostId, domain.processId) < id;
+                                         });
+        if (it == domains.end() || it->hostId != hostId || it->processId != processId)
+            return nullptr;
+        return &*it;
+    }
+};
+
+struct JitDataManager::SampleHit {
+    JitMethod* method;
+    unsigned long long jitRvaOffset; ///< start jit rva minus start address, modulo 2^64
+    Region* region;                  ///< only when asked for: reading it costs a cache miss
+};
+
+JitDataManager::JitDataManager()
+    : m_collectorType(ctDefault), m_rvaTableFilled(false), m_lookupIndex(nullptr), m_lookupsSinceChange(0)
+{
+}
 JitDataManager::~JitDataManager() = default;
 
-velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int, unsigned int, boost::intrusive_ptr<JitMethod>&)
+const JitDataManager::LookupIndex& JitDataManager::lookupIndex() const
 {
-    return meBadTrace;
+    const LookupIndex* index = m_lookupIndex.load(std::memory_order_acquire);
+    if (index != nullptr)
+        return *index;
+    boost::unique_lock<boost::mutex> lock(m_lookupIndexMutex);
+    index = m_lookupIndex.load(std::memory_order_relaxed);
+    if (index != nullptr)
+        return *index;
+
+    std::unique_ptr<LookupIndex> built(new LookupIndex);
+    built->jitEntries.reserve(m_jitRvaDomain.size());
+    built->jitSizes.reserve(m_jitRvaDomain.size());
+    built->jitRegions.reserve(m_jitRvaDomain.size());
+    for (const auto& entry : m_jitRvaDomain) {
+        built->jitEntries.push_back({entry.first.start, entry.second.second.get()});
+        built->jitSizes.push_back(entry.first.size);
+        built->jitRegions.push_back(entry.second.first.get());
+    }
+    for (const auto& host : m_regionDomains) {
+        for (const auto& process : host.second) {
+            LookupIndex::Domain domain = {host.first, process.first, built->keys.size(), 0};
+            for (const auto& key : process.second) {
+                const JitMethodContainer& container = *key.second;
+                built->keys.push_back(
+                    {key.first.start, key.first.size, static_cast<unsigned int>(built->times.size())});
+                for (const auto& time : container.timeDomain) {
+                    const Region& region = *time.second;
+                    const auto owner = container.regionIdDomain.find(region.startJitRva());
+                    built->times.push_back({time.first, region.unloadTime(),
+                                            region.startJitRva() - region.startAddress(),
+                                            owner == container.regionIdDomain.end() ? nullptr : owner->second.get()});
+                    built->timeRegions.push_back(time.second.get());
+                }
+            }
+            domain.endKey = built->keys.size();
+            built->domains.push_back(domain);
+        }
+    }
+    built->keys.push_back({0, 0, static_cast<unsigned int>(built->times.size())});
+    m_lookupIndexStorage = std::move(built);
+    m_lookupIndex.store(m_lookupIndexStorage.get(), std::memory_order_release);
+    return *m_lookupIndexStorage;
 }
 
-velmark_error_t JitDataManager::processMethodUpdateRecord(unsigned int, unsigned int, boost::intrusive_ptr<JitMethod>&)
+const JitDataManager::LookupIndex* JitDataManager::usableLookupIndex() const
 {
-    return meFail;
+    const LookupIndex* index = m_lookupIndex.load(std::memory_order_acquire);
+    if (index != nullptr)
+        return index;
+    // A build reads every entry, about the work of a map lookup each: it waits until the lookups
+    // since the last change have paid for it, so that loads and lookups taking turns stay linear.
+    if (m_lookupsSinceChange.fetch_add(1, std::memory_order_relaxed) < m_jitRvaDomain.size() / 2)
+        return nullptr;
+    return &lookupIndex();
 }
+
+bool JitDataManager::findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const
+{
+    const LookupIndex* index = usableLookupIndex();
+    if (index != nullptr) {
+        const std::size_t entry = index->findJitEntry(jitRva);
+        if (entry == index->jitEntries.size())
+            return false;
+        method = index->jitEntries[entry].method;
+        if (region != nullptr)
+            *region = index->jitRegions[entry];
+        return true;
+    }
+    const auto entry = m_jitRvaDomain.find(Range(jitRva, 1));
+    if (entry == m_jitRvaDomain.end())
+        return false;
+    method = entry->second.second.get();
+    if (region != nullptr)
+        *region = entry->second.first.get();
+    return true;
+}
+
+void JitDataManager::invalidateLookupIndex()
+{
+    m_lookupIndex.store(nullptr, std::memory_order_relaxed);
+    m_lookupIndexStorage.reset();
+    m_lookupsSinceChange.store(0, std::memory_order_relaxed);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Loading
+
+velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, unsigned int hostId,
+                                                        boost::intrusive_ptr<JitMethod>& rawMethod)
+{
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::processMethodLoadRecord(unsigned int, "
+                   "unsigned int, boost::intrusive_ptr<velmark_3_11::JitMethod> &)");
+    invalidateLookupIndex();
+    BASEKIT2_ASSERT_TEXT(rawMethod->regionCount(), "rawMethod->regionCount()");
+
+    const auto inserted = m_methods.insert(std::make_pair(rawMethod->getMethodId(), rawMethod));
+    const boost::intrusive_ptr<JitMethod> method = inserted.first->second;
+    const bool alreadyCached = method != rawMethod;
+
+    if (!alreadyCached) {
+        m_methodList.push_back(rawMethod);
+    } else {
+        VM_TRACE(L"Detected already cached code region with the same method id " << MethodTag(*method));
+
+        // Pre-jitted code is written again by every run that maps the image; one copy is enough.
+        if (rawMethod->getLoadTime() == method->getLoadTime() && rawMethod->getLoadTime() == kPreJittedLoadTime &&
+            rawMethod->regionCount() != 0) {
+            const Region& first = *rawMethod->regions().front();
+            for (const auto& known : method->regions()) {
+                if (known->startAddress() == first.startAddress() && known->length() == first.length()) {
+                    VM_WARN(L"Couldn't add a region (methodID="
+                            << rawMethod->getRawMethodId()
+                            << L") because there are two pre-jitted code ranges                         located "
+                               L"on the same address space for the same method");
+                    return meSuccess;
+                }
+            }
+        }
+
+        method->compareSymbolicInfoTo(rawMethod);
+        unsigned long long lowest = rawMethod->getStartJitRva();
+        if (rawMethod->getLoadTime() < method->getLoadTime())
+            method->setLoadTime(rawMethod->getLoadTime());
+        method->addLineNumberInfo(rawMethod->lineNumberInfo());
+        for (const auto& region : rawMethod->regions()) {
+            method->addRegion(region);
+            lowest = std::min(lowest, region->startJitRva());
+            VM_INFO(L"Added a new code region (ip range = " << region->startAddress() << L"-" << region->endAddress()
+                                                            << L") in method " << MethodTag(*method));
+        }
+        // Only this record counts: the method points at its latest code.
+        method->setStartJitRva(lowest);
+    }
+
+    for (const auto& region : rawMethod->regions()) {
+        const Range ipRange(region->startAddress(), region->length());
+        const Range jitRange(region->startJitRva(), region->length());
+
+        if (!m_jitRvaDomain.insert(std::make_pair(jitRange, std::make_pair(region, method))).second) {
+            VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
+                                                        << L", methodID=" << rawMethod->getRawMethodId()
+                                                        << L", jitRva=" << region->startJitRva()
+                                                        << L") because jit rva ranges are overlapped.");
+            return meBadTrace;
+        }
+
+        ContainerPtr container = boost::make_shared<Container>();
+        if (!container->timeDomain.insert(std::make_pair(region->loadTime(), region)).second) {
+            VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
+                                                        << L", methodID=" << rawMethod->getRawMethodId()
+                                                        << L", jitRva=" << region->startJitRva()
+                                                        << L") because load time values are overlapped.");
+            return meBadTrace;
+        }
+        if (!container->regionIdDomain.insert(std::make_pair(region->startJitRva(), method)).second) {
+            VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
+                                                        << L", methodID=" << rawMethod->getRawMethodId()
+                                                        << L", jitRva=" << region->startJitRva()
+                                                        << L") because jit rva values are overlapped.");
+            return meBadTrace;
+        }
+
+        RegionDomain& domain = getOrCreateRegionDomain(processId, hostId);
+        if (domain.insert(std::make_pair(ipRange, container)).second)
+            continue;
+
+        // The new code lands on addresses that older code holds: cut the old keys.
+        const auto bounds = domain.equal_range(ipRange);
+        RegionDomain splittedRegions;
+        if (splitRegions(region, method, bounds.first, bounds.second, splittedRegions) != meSuccess)
+            return meBadTrace;
+        BASEKIT2_ASSERT_TEXT(!splittedRegions.empty(), "!splittedRegions.empty()");
+
+        MethodMap updatedMethods;
+        for (auto it = bounds.first; it != bounds.second; ++it) {
+            boost::intrusive_ptr<Region> foundRegion;
+            boost::intrusive_ptr<JitMethod> foundMethod;
+            const velmark_error_t ret =
+                searchRegion(it->first.start, rawMethod->getLoadTime(), processId, hostId, foundRegion, foundMethod);
+            BASEKIT2_ASSERT_TEXT(ret == meSuccess, "ret == meSuccess");
+            if (ret != meSuccess || !foundMethod)
+                continue;
+            VM_INFO(L"Unloaded code region (ip range = " << it->first.start << L"-" << it->first.end()
+                                                         << L") from method " << MethodTag(*foundMethod));
+            updatedMethods.insert(std::make_pair(foundMethod->getMethodId(), foundMethod));
+        }
+        for (const auto& updated : updatedMethods)
+            VM_INFO(L"Updated method's state " << MethodTag(*updated.second) << dumpCodeRegions(*updated.second));
+
+        domain.erase(bounds.first, bounds.second);
+        domain.insert(splittedRegions.begin(), splittedRegions.end());
+    }
+
+    if (getCollectorType() == ctJitProfiler) {
+        addCachedInlineMethods(method);
+        if (!alreadyCached)
+            cacheParentMethod(method);
+    }
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::splitRegions(const boost::intrusive_ptr<Region>& region,
+                                             const boost::intrusive_ptr<JitMethod>& method,
+                                             const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
+                                             RegionDomain& splittedRegions) const
+{
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::splitRegions(const "
+                   "boost::intrusive_ptr<velmark_3_11::Region> &, const boost::intrusive_ptr<velmark_3_11::JitMethod> "
+                   "&, const std::map<velmark_3_11::Range, "
+                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
+                   "velmark_3_11::Range::Comparator>::iterator &, const std::map<velmark_3_11::Range, "
+                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
+                   "velmark_3_11::Range::Comparator>::iterator &, std::map<velmark_3_11::Range, "
+                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
+                   "velmark_3_11::Range::Comparator> &) const");
+    BASEKIT2_ASSERT_TEXT(splittedRegions.empty(), "splittedRegions.empty()");
+
+    unsigned long long ns = region->startAddress();
+    const unsigned long long ne = ns + region->length();
+    VM_INFO(L"Code region (ip range = " << ns << L"-" << ne << L")");
+
+    enum class kind_t { copy, fresh, old };
+    struct action_t {
+        unsigned long long start;
+        unsigned long long end;
+        kind_t kind;
+    };
+
+    for (auto it = lower; it != upper; ++it) {
+        const unsigned long long os = it->first.start;
+        const unsigned long long oe = it->first.end();
+        VM_INFO(L"Overlapped code region (ip range = " << os << L"-" << oe << L")");
+
+        // The pieces of this key, in the order in which they are made. The old container always
+        // comes last, so that copies are taken before the new region enters it; fresh and old
+        // pieces take the new region.
+        action_t actions[3];
+        std::size_t count = 0;
+        if (ns == os) {
+            if (ne < oe)
+                actions[count++] = {ne, oe, kind_t::copy};
+            else if (ne > oe)
+                actions[count++] = {oe, ne, kind_t::fresh};
+            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
+        } else if (ns > os) {
+            actions[count++] = {os, ns, kind_t::copy};
+            if (ne < oe)
+                actions[count++] = {ne, oe, kind_t::copy};
+            else if (ne > oe)
+                actions[count++] = {oe, ne, kind_t::fresh};
+            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
+        } else {
+            actions[count++] = {ns, os, kind_t::fresh};
+            if (ne < oe)
+                actions[count++] = {ne, oe, kind_t::copy};
+            else if (ne > oe)
+                actions[count++] = {oe, ne, kind_t::fresh};
+            actions[count++] = {os, std::min(ne, oe), kind_t::old};
+        }
+
+        for (std::size_t i = 0; i < count; ++i) {
+            const action_t& action = actions[i];
+            ContainerPtr container;
+            switch (action.kind) {
+            case kind_t::copy: container = boost::make_shared<Container>(*it->second); break;
+            case kind_t::fresh: container = boost::make_shared<Container>(); break;
+            case kind_t::old: container = it->second; break;
+            }
+            if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, container) != meSuccess)
+                return meFail;
+            if (addSplittedRegion(piece(action.start, action.end), container, splittedRegions) != meSuccess)
+                return meFail;
+        }
+
+        if (std::next(it) != upper) {
+            // The tail past this key is cut again by the next key.
+            ns = oe;
+            if (splittedRegions.empty())
+                return meFail;
+            splittedRegions.erase(std::prev(splittedRegions.end()));
+        }
+    }
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
+                                                           const boost::intrusive_ptr<Region>& region,
+                                                           boost::shared_ptr<JitMethodContainer>& container) const
+{
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::modifyRegionAssosiatedData(const "
+                   "boost::intrusive_ptr<velmark_3_11::JitMethod> &, const boost::intrusive_ptr<velmark_3_11::Region> "
+                   "&, boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer> &) const");
+    const unsigned long long loadTime = region->loadTime();
+
+    const auto inserted = container->timeDomain.insert(std::make_pair(loadTime, region));
+    if (!inserted.second) {
+        VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
+                                                                << region->endAddress() << L", loadTime=" << loadTime
+                                                                << L") in the single time domain");
+        return meFail;
+    }
+    VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
+                                                    << L", loadTime=" << loadTime << L") in the single time domain");
+
+    // The predecessor's life ends with the newcomer's load. A load older than everything there
+    // closes nothing, and an unload time once set stays.
+    if (inserted.first != container->timeDomain.begin()) {
+        Region& previous = *std::prev(inserted.first)->second;
+        if (previous.unloadTime() == 0) {
+            VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << previous.startAddress() << L"-"
+                                           << previous.endAddress() << L")");
+            previous.setUnloadTime(loadTime);
+        }
+    }
+
+    if (!container->regionIdDomain.insert(std::make_pair(region->startJitRva(), method)).second) {
+        VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
+                                                                << region->endAddress() << L", jitRva="
+                                                                << region->startJitRva()
+                                                                << L") in the single region id domain");
+        return meFail;
+    }
+    VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
+                                                    << L", jitRva=" << region->startJitRva()
+                                                    << L") in the single region id domain");
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::addSplittedRegion(const Range& range,
+                                                  const boost::shared_ptr<JitMethodContainer>& container,
+                                                  RegionDomain& splittedRegions) const
+{
+    if (!splittedRegions.insert(std::make_pair(range, container)).second) {
+        VM_ERROR(L"Couldn't add a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
+        return meFail;
+    }
+    VM_INFO(L"Added a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::processMethodUpdateRecord(unsigned int processId, unsigned int hostId,
+                                                          boost::intrusive_ptr<JitMethod>& rawMethod)
+{
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::processMethodUpdateRecord(unsigned int, "
+                   "unsigned int, boost::intrusive_ptr<velmark_3_11::JitMethod> &)");
+    invalidateLookupIndex();
+    const unsigned int rawId = rawMethod->getRawMethodId();
+
+    if (getCollectorType() != ctJitProfiler) {
+        VM_ERROR_AT(L"Couldn't accept update because jit file must be                                      "
+                    L"collected by old version of Tarnwell JIT agent");
+        return meFail;
+    }
+    if (rawId == 0) {
+        VM_ERROR_AT(L"Couldn't accept update because method ID is 0");
+        return meFail;
+    }
+    if (rawMethod->regionCount() != 1) {
+        VM_ERROR_AT(L"Couldn't accept update (method id = " << rawId << L") because it has multiple code ranges");
+        return meFail;
+    }
+
+    const Region& update = *rawMethod->regions().front();
+    boost::intrusive_ptr<Region> target;
+    boost::intrusive_ptr<JitMethod> targetMethod;
+    // The update's own time picks the code version that it patches.
+    if (searchRegion(update.startAddress(), update.loadTime(), processId, hostId, target, targetMethod) !=
+        meSuccess) {
+        VM_ERROR_AT(L"Couldn't accept update (method id = " << rawId
+                                                           << L") because a range to be updated is not found");
+        return meFail;
+    }
+    if (targetMethod->getRawMethodId() != rawId) {
+        VM_ERROR_AT(L"Couldn't accept update (method id = " << rawId
+                                                           << L") because a range to be updated has different "
+                                                              L"method id = "
+                                                           << targetMethod->getRawMethodId());
+        return meFail;
+    }
+
+    const unsigned long long updStart = update.startAddress();
+    const unsigned long long updEnd = updStart + update.length();
+    const unsigned long long regStart = target->startAddress();
+    const unsigned long long regEnd = regStart + target->length();
+    if (updStart < regStart || updEnd > regEnd) {
+        VM_ERROR_AT(L"Couldn't accept update (method id = " << rawId << L", ip range = " << updStart << L"-" << updEnd
+                                                           << L") because it overlaps parent's ip range " << regStart
+                                                           << L"-" << regEnd);
+        return meFail;
+    }
+    // The decoder gives both sides bytes; a side without them has nothing to merge.
+    const boost::shared_ptr<IByteBuffer> targetContent = target->content();
+    const boost::shared_ptr<IByteBuffer> updateContent = update.content();
+    if (!targetContent || !updateContent) {
+        VM_ERROR_AT(L"Couldn't accept update (method id = " << rawId
+                                                           << L") because a code range to be updated has no content");
+        return meFail;
+    }
+
+    std::vector<unsigned char> bytes(targetContent->getSize(), 0);
+    const unsigned long long head = updStart - regStart;
+    const unsigned long long patch = updEnd - updStart;
+    if (updStart > regStart) {
+        copyBytes(bytes, 0, *targetContent, 0, head);
+        copyBytes(bytes, head, *updateContent, 0, patch);
+        if (updEnd < regEnd)
+            copyBytes(bytes, head + patch, *targetContent, updEnd - regStart, regEnd - updEnd);
+    } else if (updEnd < regEnd) {
+        copyBytes(bytes, 0, *updateContent, 0, patch);
+        copyBytes(bytes, patch, *targetContent, patch, regEnd - updEnd);
+    } else {
+        copyBytes(bytes, 0, *updateContent, 0, updateContent->getSize());
+    }
+    targetContent->setData(bytes.data(), static_cast<unsigned int>(bytes.size()));
+
+    VM_INFO(L"Updated code region (ip range = " << regStart << L"-" << regStart + regEnd << L") from method "
+                                                << MethodTag(*targetMethod));
+    return meSuccess;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Inline methods
 
 velmark_error_t JitDataManager::processMethodInlineLoadRecord(unsigned int, unsigned int,
-                                                              boost::intrusive_ptr<JitMethod>&)
+                                                              boost::intrusive_ptr<JitMethod>& rawMethod)
 {
-    return meFail;
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::processMethodInlineLoadRecord(unsigned int, "
+                   "unsigned int, boost::intrusive_ptr<velmark_3_11::JitMethod> &)");
+    invalidateLookupIndex();
+    BASEKIT2_ASSERT_TEXT(rawMethod->regionCount() == 1, "rawMethod->regionCount() == 1");
+    if (rawMethod->regionCount() == 0)
+        return meFail;
+
+    const unsigned int rawMethodId = rawMethod->getRawMethodId();
+    const unsigned int rawParentId = rawMethod->getRawParentId();
+    const bool profiler = getCollectorType() == ctJitProfiler;
+
+    if (profiler) {
+        if (rawMethodId == 0) {
+            VM_ERROR(L"Couldn't inline method (method id = " << rawMethodId << L") because method id is invalid.");
+            return meFail;
+        }
+        if (rawParentId == 0) {
+            VM_ERROR(L"Couldn't inline method (method id = " << rawMethodId << L") because its parent id = "
+                                                             << rawParentId << L" is invalid.");
+            return meFail;
+        }
+        BASEKIT2_ASSERT_TEXT(!rawMethod->getMethodId().isEmpty(), "!rawMethod->getMethodId().isEmpty()");
+        BASEKIT2_ASSERT_TEXT(!rawMethod->getParentId().isEmpty(), "!rawMethod->getParentId().isEmpty()");
+    } else {
+        BASEKIT2_ASSERT_TEXT(rawMethodId == 0, "rawMethodId == 0");
+        BASEKIT2_ASSERT_TEXT(rawParentId == 0, "rawParentId == 0");
+    }
+
+    const boost::intrusive_ptr<Region>& rawRegion = rawMethod->regions().front();
+    BASEKIT2_ASSERT_TEXT(rawRegion->startAddress(), "rawRegion->startAddress()");
+    BASEKIT2_ASSERT_TEXT(rawRegion->length(), "rawRegion->length()");
+    BASEKIT2_ASSERT_TEXT(rawRegion->startJitRva() == 0, "rawRegion->startJitRva() == 0");
+    BASEKIT2_ASSERT_TEXT(rawRegion->processId(), "rawRegion->processId()");
+    BASEKIT2_ASSERT_TEXT(rawRegion->hostId(), "rawRegion->hostId()");
+    BASEKIT2_ASSERT_TEXT(rawRegion->loadTime(), "rawRegion->loadTime()");
+
+    boost::intrusive_ptr<Region> parentRegion;
+    boost::intrusive_ptr<JitMethod> parentMethod;
+    if (!profiler) {
+        // Without ids the parent is whatever code held the address when the inline was made.
+        if (searchRegion(rawRegion->startAddress(), rawRegion->loadTime(), rawRegion->processId(),
+                         rawRegion->hostId(), parentRegion, parentMethod) != meSuccess) {
+            VM_ERROR(L"Couldn't inline method (method id = " << rawMethodId
+                                                             << L") because parent method is not found.");
+            return meFail;
+        }
+    } else {
+        const bool found = findParentMethod(rawMethod->getParentId(), parentMethod) == meSuccess ||
+                           findInlineMethod(rawMethod->getParentId(), parentMethod) == meSuccess;
+        // Every inline is cached, found parent or not: it may be a parent itself, or arrive again.
+        cacheInlineMethod(rawMethod);
+        cacheParentMethod(rawMethod);
+        if (!found) {
+            VM_TRACE(L"Couldn't inline method (method id = "
+                     << rawMethodId << L") because parent method is not found. Inline method is cached.");
+            return meSuccess;
+        }
+    }
+
+    BASEKIT2_ASSERT_TEXT(parentMethod, "parentMethod");
+    if (!parentMethod)
+        return meFail;
+    VM_INFO(L"Found parent method " << MethodTag(*parentMethod));
+    return addInlineMethod(parentMethod, parentRegion, rawMethod);
 }
 
-void JitDataManager::finalize() {}
-
-velmark_error_t JitDataManager::searchRegion(unsigned long long, unsigned long long, unsigned int, unsigned int,
-                                             boost::intrusive_ptr<Region>&, boost::intrusive_ptr<JitMethod>&) const
+velmark_error_t JitDataManager::addInlineMethod(const boost::intrusive_ptr<JitMethod>& parentMethod,
+                                                boost::intrusive_ptr<Region>& parentRegion,
+                                                const boost::intrusive_ptr<JitMethod>& inlineMethod)
 {
-    return meFail;
+    BASEKIT2_ASSERT_TEXT(inlineMethod->regionCount() == 1, "inlineMethod->regionCount() == 1");
+    if (inlineMethod->regionCount() == 0)
+        return meFail;
+    const boost::intrusive_ptr<Region>& region = inlineMethod->regions().front();
+    const unsigned long long start = region->startAddress();
+    const unsigned long long end = region->endAddress();
+    const unsigned int rawId = inlineMethod->getRawMethodId();
+    const bool profiler = getCollectorType() == ctJitProfiler;
+
+    if (profiler) {
+        BASEKIT2_ASSERT_TEXT(!parentRegion, "!parentRegion");
+        parentRegion.reset();
+        // Only live code takes inlines; the first region that the inline touches decides.
+        for (const auto& candidate : parentMethod->regions()) {
+            if (candidate->unloadTime() != 0)
+                continue;
+            const unsigned long long rs = candidate->startAddress();
+            const unsigned long long re = candidate->endAddress();
+            if (!(start <= re && end >= rs))
+                continue;
+            if (!(start >= rs && end <= re)) {
+                VM_ERROR(L"Couldn't inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
+                                                                 << L") because it overlaps parent's ip range " << rs
+                                                                 << L"-" << re);
+                return meFail;
+            }
+            parentRegion = candidate;
+            break;
+        }
+        if (!parentRegion) {
+            VM_TRACE(L"Couldn't cached inline method (method id = "
+                     << rawId << L", ip range = " << start << L"-" << end
+                     << L") because parent method has not ip range suitable for insert."
+                     << L"The cached inline method is stayed awaiting for a parent.");
+            return meSuccess;
+        }
+    } else {
+        BASEKIT2_ASSERT_TEXT(parentRegion, "parentRegion");
+        if (!parentRegion)
+            return meFail;
+        const unsigned long long rs = parentRegion->startAddress();
+        const unsigned long long re = parentRegion->endAddress();
+        if (!(start >= rs && end <= re)) {
+            VM_ERROR(L"Couldn't inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
+                                                             << L") because it overlaps parent's ip range " << rs
+                                                             << L"-" << re);
+            return meFail;
+        }
+    }
+
+    BASEKIT2_ASSERT_TEXT(parentRegion, "parentRegion");
+    BASEKIT2_ASSERT_TEXT(parentRegion->inlinedRegions().size() == parentRegion->inlinedMethods().size(),
+                         "m_inlinedRegions.size() == m_inlinedMethods.size()");
+    for (const auto& sibling : parentRegion->inlinedRegions()) {
+        const unsigned long long startAddr = sibling->startAddress();
+        const unsigned long long endAddr = sibling->endAddress();
+        BASEKIT2_ASSERT_TEXT(startAddr, "startAddr");
+        BASEKIT2_ASSERT_TEXT(endAddr, "endAddr");
+        // Overlapping a sibling is fine only from inside it: that is a deeper inline.
+        if (end > startAddr && start < endAddr && (start < startAddr || end > endAddr)) {
+            VM_ERROR(L"Couldn't inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
+                                                             << L") because it intersects another parent's inline "
+                                                                L"with range "
+                                                             << startAddr << L"-" << endAddr);
+            return meFail;
+        }
+    }
+
+    if (profiler) {
+        // The parent's jit rva chain may still be incomplete; finalize places the inline.
+        BASEKIT2_ASSERT_TEXT(inlineMethod->getStartJitRva() == 0, "inlineMethod->getStartJitRva() == 0");
+    } else {
+        unsigned long long jit = parentRegion->startJitRva() + start - parentRegion->startAddress();
+        for (;;) {
+            const unsigned int index = parentRegion->inlineIndexAt(jit);
+            if (index >= parentRegion->inlinedRegions().size())
+                break;
+            parentRegion = parentRegion->inlinedRegions()[index];
+        }
+        const unsigned long long pj = parentRegion->startJitRva();
+        const unsigned long long pe = pj + parentRegion->length();
+        const unsigned long long jitEnd = jit + region->length();
+        if (jit < pj || jit >= pe || jitEnd < pj || jitEnd > pe) {
+            VM_ERROR(L"Couldn't inline method (method id = " << rawId << L", ip range = " << jit << L"-" << jitEnd
+                                                             << L") because it overlaps parent's ip range " << pj
+                                                             << L"-" << pe);
+            return meSuccess;
+        }
+        region->setStartJitRva(jit);
+    }
+
+    parentRegion->addInlined(region, inlineMethod);
+    inlineMethod->setInlined(true);
+    VM_INFO(L"Added inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
+                                                 << L") into parent's code region (method id = "
+                                                 << parentMethod->getRawMethodId() << L", ip range = "
+                                                 << parentRegion->startAddress() << L"-" << parentRegion->endAddress()
+                                                 << L")");
+    VM_INFO(L"Updated method's state " << MethodTag(*parentMethod) << dumpCodeRegions(*parentMethod));
+    return meSuccess;
 }
 
-velmark_error_t JitDataManager::resolveJitPoint(unsigned long long, unsigned long long, unsigned int, unsigned int,
-                                                boost::intrusive_ptr<JitMethod>&, unsigned long long&) const
+velmark_error_t JitDataManager::addCachedInlineMethods(const boost::intrusive_ptr<JitMethod>& parentMethod)
 {
-    return meFail;
+    BASEKIT2_ASSERT_TEXT(parentMethod, "parentMethod");
+    BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
+    if (!parentMethod)
+        return meSuccess;
+
+    const auto waiting = m_cachedParents.equal_range(parentMethod->getMethodId());
+    if (waiting.first == waiting.second) {
+        VM_TRACE(L"Couldn't find any cached inline method for parent id = " << parentMethod->getRawMethodId());
+        return meSuccess;
+    }
+    // Under a parent's id stand the parent itself and the inlines that name it; only the
+    // inlines not yet attached are taken.
+    std::vector<boost::intrusive_ptr<JitMethod>> pending;
+    for (auto it = waiting.first; it != waiting.second; ++it)
+        if (it->second->getRawParentId() != 0 && !it->second->isInlined())
+            pending.push_back(it->second);
+
+    for (const auto& inlineMethod : pending) {
+        VM_INFO(L"Found cached inline method " << MethodTag(*inlineMethod) << L" for parent id = "
+                                               << parentMethod->getRawMethodId());
+        BASEKIT2_ASSERT_TEXT(inlineMethod->regionCount() == 1, "inlineMethod->regionCount() == 1");
+        boost::intrusive_ptr<Region> parentRegion;
+        addInlineMethod(parentMethod, parentRegion, inlineMethod);
+    }
+    return meSuccess;
 }
 
-velmark_error_t JitDataManager::resolveJitPoint(unsigned long long, boost::intrusive_ptr<JitMethod>&) const
+velmark_error_t JitDataManager::cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMethod)
 {
-    return meFail;
+    BASEKIT2_ASSERT_TEXT(jitMethod, "jitMethod");
+    BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
+    if (!jitMethod)
+        return meSuccess;
+    BASEKIT2_ASSERT_TEXT(jitMethod->getRawMethodId(), "jitMethod->getRawMethodId()");
+
+    if (jitMethod->getRawParentId() != 0) {
+        // An inline may itself be a parent: it waits under the id of its own parent.
+        m_cachedParents.insert(std::make_pair(jitMethod->getParentId(), jitMethod));
+        VM_TRACE(L"Cached 'inline as a parent' method (method id = " << jitMethod->getRawMethodId() << L")");
+    } else {
+        m_cachedParents.insert(std::make_pair(jitMethod->getMethodId(), jitMethod));
+        VM_TRACE(L"Cached parent method (method id = " << jitMethod->getRawMethodId() << L")");
+    }
+    return meSuccess;
 }
 
-velmark_error_t JitDataManager::findNextRegion(unsigned long long, unsigned long long, unsigned long long,
-                                               unsigned int, unsigned int, boost::intrusive_ptr<ICodeRegion>&) const
+velmark_error_t JitDataManager::cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod)
 {
-    return meFail;
+    BASEKIT2_ASSERT_TEXT(inlineMethod, "inlineMethod");
+    BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
+    if (!inlineMethod)
+        return meSuccess;
+
+    if (!m_cachedInlines.insert(std::make_pair(inlineMethod->getMethodId(), inlineMethod)).second)
+        VM_TRACE(L"Already cached inline method (method id = " << inlineMethod->getRawMethodId() << L")");
+    // Inlines of this inline may have come first.
+    if (m_cachedParents.count(inlineMethod->getMethodId()) != 0)
+        addCachedInlineMethods(inlineMethod);
+    return meSuccess;
 }
 
-velmark_error_t JitDataManager::resolveJitRvaByAddress(unsigned long long, unsigned long long,
-                                                       unsigned long long&) const
+velmark_error_t JitDataManager::findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const
 {
-    return meFail;
+    BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
+    BASEKIT2_ASSERT_TEXT(!parentId.isEmpty(), "!parentId.isEmpty()");
+    const auto it = m_methods.find(parentId);
+    if (it == m_methods.end())
+        return meFail;
+    out = it->second;
+    BASEKIT2_ASSERT_TEXT(out->regionCount(), "jitMethod->regionCount()");
+    return meSuccess;
 }
 
-velmark_error_t JitDataManager::translateJitAddress(unsigned int, unsigned long long, unsigned long long,
-                                                    unsigned long long, unsigned long long&) const
+velmark_error_t JitDataManager::findInlineMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const
 {
+    BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
+    const auto it = m_cachedInlines.find(parentId);
+    if (it == m_cachedInlines.end())
+        return meFail;
+    out = it->second;
+    return meSuccess;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Finalisation
+
+void JitDataManager::finalize()
+{
+    VM_TRACE_SCOPE("void velmark_3_11::JitDataManager::finalize(void)");
+    invalidateLookupIndex();
+    for (const auto& entry : m_methods) {
+        const JitMethod& method = *entry.second;
+        for (const auto& region : method.regions()) {
+            const unsigned long long jitRva = region->startJitRva();
+            BASEKIT2_ASSERT_TEXT(jitRva, "jitRva");
+            const unsigned long long startAddr = region->startAddress();
+            BASEKIT2_ASSERT_TEXT(startAddr, "startAddr");
+            VM_TRACE(L"Normalize method's (method id = " << method.getRawMethodId() << L", startJitRva = " << jitRva
+                                                         << L") code region " << startAddr << L"-"
+                                                         << region->endAddress() << L":");
+            if (region->normalizeInlineJitRvaRanges(jitRva, startAddr) != meSuccess) {
+                VM_ERROR(L"Couldn't normalize method's (method id = "
+                         << method.getRawMethodId() << L", startJitRva = " << jitRva << L") code region " << startAddr
+                         << L"-" << region->endAddress() << L". The inlines can't be resolved for this method.");
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Lookups
+
+velmark_error_t JitDataManager::searchRegion(unsigned long long address, unsigned long long timestamp,
+                                             unsigned int processId, unsigned int hostId,
+                                             boost::intrusive_ptr<Region>& region,
+                                             boost::intrusive_ptr<JitMethod>& method) const
+{
+    region.reset();
+    method.reset();
+    SampleHit hit;
+    const velmark_error_t result = findSample(address, timestamp, processId, hostId, true, hit);
+    if (result == meSuccess) {
+        region = hit.region;
+        method = hit.method;
+    }
+    return result;
+}
+
+velmark_error_t JitDataManager::findSample(unsigned long long address, unsigned long long timestamp,
+                                           unsigned int processId, unsigned int hostId, bool wantRegion,
+                                           SampleHit& hit) const
+{
+    // The index answers when it is there; during a load, the maps do. Both give the same
+    // answers and messages.
+    const LookupIndex* index = m_lookupIndex.load(std::memory_order_acquire);
+    if (index != nullptr) {
+        const LookupIndex::Domain* domain = index->findDomain(processId, hostId);
+        if (domain == nullptr) {
+            VM_TRACE(L"Couldn't find a region domain for pid = " << processId);
+            return meFail;
+        }
+        std::size_t key = lastStartingAtOrBefore(index->keys, domain->firstKey, domain->endKey, address,
+                                                 [](const LookupIndex::Key& k) { return k.start; });
+        if (key != domain->endKey && !covers(index->keys[key].start, index->keys[key].size, address))
+            key = domain->endKey;
+        if (key == domain->endKey) {
+            VM_TRACE(L"Couldn't find a region for addr = " << address);
+            return meFail;
+        }
+        const auto first = index->times.begin() + index->keys[key].firstTime;
+        const auto last = index->times.begin() + index->keys[key + 1].firstTime;
+        // A key holds a few versions of code: a forward scan lets the processor fetch all of
+        // them at once, where a binary search would wait for each probe.
+        auto entry = first;
+        if (last - first <= 16) {
+            while (entry != last && entry->loadTime <= timestamp)
+                ++entry;
+        } else {
+            entry = std::upper_bound(first, last, timestamp,
+                                     [](unsigned long long time, const LookupIndex::TimeEntry& candidate) {
+                                         return time < candidate.loadTime;
+                                     });
+        }
+        if (entry == first) {
+            VM_TRACE(L"Couldn't find a region domain by tsc = " << timestamp);
+            return meFail;
+        }
+        --entry;
+        Region* const* region = &index->timeRegions[static_cast<std::size_t>(entry - index->times.begin())];
+        if (entry->unloadTime > entry->loadTime && entry->unloadTime <= timestamp) {
+            VM_TRACE(L"The found range (" << (*region)->startAddress() << L"-" << (*region)->endAddress()
+                                          << L") with life time (" << entry->loadTime << L"-" << entry->unloadTime
+                                          << L") was out of memory when a sample with tsc = " << timestamp
+                                          << L" occurred");
+            return meFail;
+        }
+        if (entry->method == nullptr) {
+            VM_TRACE(L"Couldn't find a method by code's jitrva = " << (*region)->startJitRva());
+            return meFail;
+        }
+        hit = {entry->method, entry->jitRvaOffset, wantRegion ? *region : nullptr};
+        return meSuccess;
+    }
+
+    const RegionDomain* domain = getRegionDomain(processId, hostId);
+    if (domain == nullptr) {
+        VM_TRACE(L"Couldn't find a region domain for pid = " << processId);
+        return meFail;
+    }
+    const auto key = domain->find(Range(address, 1));
+    if (key == domain->end()) {
+        VM_TRACE(L"Couldn't find a region for addr = " << address);
+        return meFail;
+    }
+    const JitMethodContainer& container = *key->second;
+
+    // A sample at the very load time already sees the new code.
+    auto entry = container.timeDomain.upper_bound(timestamp);
+    if (entry == container.timeDomain.begin()) {
+        VM_TRACE(L"Couldn't find a region domain by tsc = " << timestamp);
+        return meFail;
+    }
+    --entry;
+    Region& found = *entry->second;
+    if (found.unloadTime() > found.loadTime() && found.unloadTime() <= timestamp) {
+        VM_TRACE(L"The found range (" << found.startAddress() << L"-" << found.endAddress() << L") with life time ("
+                                      << found.loadTime() << L"-" << found.unloadTime()
+                                      << L") was out of memory when a sample with tsc = " << timestamp
+                                      << L" occurred");
+        return meFail;
+    }
+    const auto owner = container.regionIdDomain.find(found.startJitRva());
+    if (owner == container.regionIdDomain.end()) {
+        VM_TRACE(L"Couldn't find a method by code's jitrva = " << found.startJitRva());
+        return meFail;
+    }
+    hit = {owner->second.get(), found.startJitRva() - found.startAddress(), &found};
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsigned long long timestamp,
+                                                unsigned int pid, unsigned int hostId,
+                                                boost::intrusive_ptr<JitMethod>& method,
+                                                unsigned long long& jitRva) const
+{
+    VM_LOOKUP_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
+                          "unsigned __int64, unsigned int, unsigned int, "
+                          "boost::intrusive_ptr<velmark_3_11::JitMethod> &, unsigned __int64 &) const");
+    usableLookupIndex();
+    VM_INFO(L"RESOLVE JIT POINT: vaddr = " << vaddr << L", timestamp = " << timestamp << L", pid = " << pid
+                                          << L", hostId = " << hostId);
+
+    // The search of searchRegion, without taking a reference to the region: on a large store
+    // that reference is a cache miss of its own.
+    method.reset();
+    SampleHit hit;
+    if (findSample(vaddr, timestamp, pid, hostId, false, hit) != meSuccess) {
+        VM_TRACE(L"Couldn't match jit point (vaddr = " << vaddr << L", timestamp = " << timestamp << L", pid = " << pid
+                                                       << L") to any known ip address range.");
+        return meFail;
+    }
+    method = hit.method;
+    jitRva = vaddr + hit.jitRvaOffset;
+    VM_INFO(L"Resolved jit point (vaddr = " << vaddr << L", timestamp = " << timestamp << L") to jit rva = " << jitRva
+                                            << L" of method " << MethodTag(*method));
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::resolveJitPoint(unsigned long long jitRva,
+                                                boost::intrusive_ptr<JitMethod>& method) const
+{
+    VM_LOOKUP_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
+                          "boost::intrusive_ptr<velmark_3_11::JitMethod> &) const");
+    VM_INFO(L"RESOLVE JIT POINT: jit rva = " << jitRva);
+
+    if (jitRva == kInvalidJitRva) {
+        VM_TRACE(L"Couldn't resolve jit rva = " << jitRva << L" because it is invalid.");
+        return meFail;
+    }
+    JitMethod* found = nullptr;
+    if (!findJitRange(jitRva, nullptr, found)) {
+        VM_TRACE(L"Couldn't resolve jit rva = " << jitRva << L" because it is out of the jit rva domain.");
+        return meFail;
+    }
+    method = found;
+    VM_INFO(L"Resolved jit rva = " << jitRva << L" to method " << MethodTag(*method));
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::resolveJitRvaByAddress(unsigned long long jitRva, unsigned long long vaddr,
+                                                       unsigned long long& result) const
+{
+    Region* region = nullptr;
+    JitMethod* found = nullptr;
+    if (!findJitRange(jitRva, &region, found))
+        return meFail;
+    boost::intrusive_ptr<JitMethod> method;
+    return resolveJitPoint(vaddr, region->loadTime(), region->processId(), region->hostId(), method, result);
+}
+
+velmark_error_t JitDataManager::translateJitAddress(unsigned int rawMethodId, unsigned long long vaddr,
+                                                    unsigned long long rvaBegin, unsigned long long rvaEnd,
+                                                    unsigned long long& result) const
+{
+    // Only the call that builds the table moves the result by the index of the method's last
+    // entry; later calls don't. Callers have come to rely on both answers.
+    unsigned int offset = 0;
+    if (!m_rvaTableFilled.load(std::memory_order_acquire)) {
+        boost::unique_lock<boost::mutex> lock(m_rvaTableMutex);
+        if (!m_rvaTableFilled.load(std::memory_order_relaxed)) {
+            RvaTable table;
+            table.startJitRvaTable.resize(m_jitRvaDomain.size());
+            table.lengthTable.resize(m_jitRvaDomain.size());
+            table.startAddressTable.resize(m_jitRvaDomain.size());
+            unsigned int i = 0;
+            for (const auto& entry : m_jitRvaDomain) {
+                const Region& region = *entry.second.first;
+                table.startJitRvaTable[i] = region.startJitRva();
+                table.lengthTable[i] = region.length();
+                table.startAddressTable[i] = region.startAddress();
+                if (entry.second.second->getRawMethodId() == rawMethodId)
+                    offset = i;
+                ++i;
+            }
+            // An empty store leaves the table empty, and a later call builds it again.
+            if (table.startJitRvaTable.empty())
+                return meFail;
+            m_rvaTable = std::move(table);
+            m_rvaTableFilled.store(true, std::memory_order_release);
+        }
+    }
+
+    // From here on the table has entries and never changes again.
+    const std::vector<unsigned long long>& starts = m_rvaTable.startJitRvaTable;
+
+    // Signed bounds: a begin below the first entry ends the search at 0 instead of running off
+    // the front of the table.
+    const long long n = static_cast<long long>(starts.size());
+    long long low = 0;
+    long long high = n - 1;
+    long long mid = high / 2;
+    while (n != 1 && low < high && mid >= 0 && mid < n) {
+        if (starts[mid] < rvaBegin) {
+            low = mid + 1;
+            mid = (mid + high + 1) / 2;
+        } else if (starts[mid] > rvaBegin) {
+            high = mid - 1;
+            mid = (mid + low - 1) / 2;
+        } else {
+            low = mid;
+            high = mid;
+        }
+    }
+
+    const unsigned int index = offset + static_cast<unsigned int>(mid);
+    if (index >= starts.size())
+        return meFail;
+    if (starts[index] >= rvaEnd)
+        return meFail;
+    if (m_rvaTable.startAddressTable[index] > vaddr)
+        return meFail;
+    if (vaddr - m_rvaTable.startAddressTable[index] >= m_rvaTable.lengthTable[index])
+        return meFail;
+    result = vaddr + starts[index] - m_rvaTable.startAddressTable[index];
+    return meSuccess;
+}
+
+velmark_error_t JitDataManager::findNextRegion(unsigned long long begin, unsigned long long end,
+                                               unsigned long long timestamp, unsigned int processId,
+                                               unsigned int hostId, boost::intrusive_ptr<ICodeRegion>& region) const
+{
+    const RegionDomain* domain = getRegionDomain(processId, hostId);
+    if (domain == nullptr) {
+        VM_TRACE(L"Couldn't find a region domain for pid = " << processId);
+        return meFail;
+    }
+    const Range probe(begin, static_cast<unsigned int>(end - begin));
+    const auto key = domain->lower_bound(probe);
+    if (key == domain->end() || domain->key_comp()(probe, key->first)) {
+        VM_TRACE(L"Couldn't find a region for addr = " << begin);
+        return meFail;
+    }
+    const auto next = key->second->timeDomain.upper_bound(timestamp);
+    if (next != key->second->timeDomain.end() && next->second) {
+        region = next->second;
+        return meSuccess;
+    }
+    VM_TRACE(L"Couldn't find overlapped region domain by tsc = " << timestamp);
     return meFail;
 }
 
@@ -64,13 +1132,18 @@ basekit2::generic_iterator_t<boost::intrusive_ptr<ISymbol>> JitDataManager::getM
     return basekit2::make_vector_iterator<boost::intrusive_ptr<ISymbol>>(m_methodList);
 }
 
-const JitDataManager::RegionDomain* JitDataManager::getRegionDomain(unsigned int, unsigned int) const
+const JitDataManager::RegionDomain* JitDataManager::getRegionDomain(unsigned int processId, unsigned int hostId) const
 {
-    return nullptr;
+    const auto host = m_regionDomains.find(hostId);
+    if (host == m_regionDomains.end())
+        return nullptr;
+    const auto process = host->second.find(processId);
+    return process == host->second.end() ? nullptr : &process->second;
 }
 
 JitDataManager::RegionDomain& JitDataManager::getOrCreateRegionDomain(unsigned int processId, unsigned int hostId)
 {
+    invalidateLookupIndex();
     return m_regionDomains[hostId][processId];
 }
 

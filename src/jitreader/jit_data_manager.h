@@ -2,7 +2,9 @@
 // ip range and time, and every code byte by its own jit rva.
 #pragma once
 
+#include <atomic>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include <boost/intrusive_ptr.hpp>
@@ -35,6 +37,7 @@ public:
         JitRvaDomain;
     typedef std::map<MethodId, boost::intrusive_ptr<JitMethod>> MethodMap;
     typedef std::multimap<MethodId, boost::intrusive_ptr<JitMethod>> MethodMultiMap;
+    typedef std::map<unsigned int, std::map<unsigned int, RegionDomain>> RegionDomainMap;
 
     /// Flat copy of the jit rva domain, sorted by jit rva.
     struct RvaTable {
@@ -98,11 +101,13 @@ public:
     const JitRvaDomain& jitRvaDomain() const { return m_jitRvaDomain; }
     const MethodMap& methods() const { return m_methods; }
     const std::vector<boost::intrusive_ptr<JitMethod>>& methodList() const { return m_methodList; }
+    /// Region domains by host id, then process id.
+    const RegionDomainMap& regionDomains() const { return m_regionDomains; }
 
 private:
-    velmark_error_t splitRegions(const boost::intrusive_ptr<Region>& region, const boost::intrusive_ptr<JitMethod>& method,
-                                 const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
-                                 RegionDomain& splittedRegions) const;
+    velmark_error_t splitRegions(const boost::intrusive_ptr<Region>& region,
+                                 const boost::intrusive_ptr<JitMethod>& method, const RegionDomain::iterator& lower,
+                                 const RegionDomain::iterator& upper, RegionDomain& splittedRegions) const;
     velmark_error_t modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
                                                const boost::intrusive_ptr<Region>& region,
                                                boost::shared_ptr<JitMethodContainer>& container) const;
@@ -118,15 +123,41 @@ private:
     velmark_error_t findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
     velmark_error_t findInlineMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
 
+    struct LookupIndex;
+    struct SampleHit;
+    /// The search of searchRegion, with its messages; the hit's pointers are owned by the maps.
+    velmark_error_t findSample(unsigned long long address, unsigned long long timestamp, unsigned int processId,
+                               unsigned int hostId, bool wantRegion, SampleHit& hit) const;
+    /// The flat copy of the maps that lookups walk, made now if it isn't there.
+    const LookupIndex& lookupIndex() const;
+    /// The flat copy when it is there or has become worth making; null while the maps answer.
+    const LookupIndex* usableLookupIndex() const;
+    /// The entry of the jit rva domain that holds `jitRva`, from the flat copy or the map.
+    bool findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const;
+    /// Drops the flat copy; every operation that may change the maps calls it first.
+    void invalidateLookupIndex();
+
     JitRvaDomain m_jitRvaDomain;
     MethodMap m_methods;
     MethodMap m_cachedInlines;
     MethodMultiMap m_cachedParents;
-    std::map<unsigned int, std::map<unsigned int, RegionDomain>> m_regionDomains;
+    RegionDomainMap m_regionDomains;
     std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
     mutable RvaTable m_rvaTable;
     mutable boost::mutex m_rvaTableMutex;
     unsigned int m_collectorType;
+    // Set, with release order, once m_rvaTable holds entries, so that the check before the
+    // lock doesn't race with the build.
+    mutable std::atomic<bool> m_rvaTableFilled;
+    // The tree maps scatter their nodes over the heap; on a large store their cache misses cost
+    // more than everything else of a lookup. Lookups therefore search sorted arrays, built once
+    // enough lookups followed the last change, and published through the atomic pointer. Loads
+    // run alone, so they may drop the arrays without a lock; until the arrays are there again,
+    // searches use the maps.
+    mutable boost::mutex m_lookupIndexMutex;
+    mutable std::unique_ptr<LookupIndex> m_lookupIndexStorage;
+    mutable std::atomic<const LookupIndex*> m_lookupIndex;
+    mutable std::atomic<std::size_t> m_lookupsSinceChange;
 };
 
 } // namespace velmark_3_11
