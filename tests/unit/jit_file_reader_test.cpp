@@ -1,0 +1,249 @@
+// The read loop over whole trace files, into a real store.
+#include "jitreader/jit_file_reader.h"
+
+#include <gtest/gtest.h>
+
+#include "jitreader/jit_data_manager.h"
+#include "jitreader/jit_file_decoder.h"
+#include "support/assertion_capture.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "tracewriter/trace_writer.h"
+
+namespace velmark_3_11 {
+namespace {
+
+using namespace tracewriter;
+
+const char* const kFinalizeEnter = "ENTER: void velmark_3_11::JitDataManager::finalize(void)";
+
+MethodLoad load(std::uint32_t rawId, std::uint64_t address, std::uint32_t size, std::uint64_t time,
+                const std::string& name, std::uint16_t arch = 1)
+{
+    MethodLoad record;
+    record.rawMethodId = rawId;
+    record.loadTime = time;
+    record.ranges.push_back({address, size, Bytes(size, 0x90)});
+    record.modulePath = "/opt/app.dll";
+    record.moduleArch = arch;
+    record.methodName = name;
+    return record;
+}
+
+struct ReadResult {
+    velmark_error_t result;
+    std::vector<std::wstring> names;
+    bool finalized;
+};
+
+class Reader {
+public:
+    ReadResult read(const TraceWriter& trace, unsigned int filter = bfAll, decoding_mode_t mode = decoding_mode_full)
+    {
+        const std::string path = m_root.write("host.7.jit", trace.bytes());
+        JitFileDecoder decoder(m_root.wide("host.7.jit"), 7, 1, 1, mode);
+        decoder.setSearchRegionCallback(&store);
+        ReadResult out;
+        {
+            jrtest::LogCapture trace(log4cplus::TRACE_LOG_LEVEL);
+            out.result = readJitFile(decoder, filter, store);
+            out.finalized = trace.contains(log4cplus::TRACE_LOG_LEVEL, kFinalizeEnter);
+            lines = trace.lines();
+        }
+        for (const auto& method : store.methodList())
+            out.names.push_back(method->getName());
+        return out;
+    }
+    std::size_t count(log4cplus::LogLevel level, const std::string& fragment) const
+    {
+        std::size_t n = 0;
+        for (const auto& line : lines)
+            n += line.level == level && line.text.find(fragment) != std::string::npos;
+        return n;
+    }
+
+    JitDataManager store;
+    std::vector<jrtest::LogLine> lines;
+
+private:
+    jrtest::TempDir m_root;
+};
+
+TEST(JitFileReader, WhereTheReadingEndsAndWhetherTheStoreIsFinalised)
+{
+    const struct {
+        const char* what;
+        TraceWriter trace;
+        unsigned int filter;
+        velmark_error_t result;
+        std::vector<std::wstring> names;
+        bool finalized;
+    } cases[] = {
+        {"empty file", TraceWriter(), bfAll, meSuccess, {}, true},
+        {"no Magic at the start",
+         TraceWriter().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a")).load(kFunctionLoad64_v3, load(2, 0x2000, 16, 10, "b")),
+         bfAll, meSuccess, {L"a", L"b"}, true},
+        {"Magic further on",
+         TraceWriter().magic().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a")).magic().load(kFunctionLoad64_v3, load(2, 0x2000, 16, 10, "b")),
+         bfAll, meSuccess, {L"a"}, true},
+        {"64-bit only, first record 32-bit",
+         TraceWriter().magic().load(kFunctionLoad32_v3, load(1, 0x1000, 16, 10, "a")), bfOnly64, meSuccess, {}, true},
+        {"32-bit only, ends at the first 64-bit record",
+         TraceWriter().load(kFunctionLoad32, load(0, 0x1000, 16, 10, "a")).load(kFunctionLoad64_v1, load(0, 0x2000, 16, 10, "b")).load(kFunctionLoad32, load(0, 0x3000, 16, 10, "c")),
+         bfOnly32, meSuccess, {L"a"}, true},
+        {"corrupt frame",
+         TraceWriter().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a")).frame(15, {0}).load(kFunctionLoad64_v3, load(2, 0x2000, 16, 10, "b")),
+         bfAll, meBadTrace, {L"a"}, false},
+        {"store refuses a load",
+         TraceWriter().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a")).load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a")),
+         bfAll, meBadTrace, {L"a"}, false},
+    };
+    for (const auto& c : cases) {
+        Reader reader;
+        const ReadResult read = reader.read(c.trace, c.filter);
+        EXPECT_EQ(c.result, read.result) << c.what;
+        EXPECT_EQ(c.names, read.names) << c.what;
+        EXPECT_EQ(c.finalized, read.finalized) << c.what;
+    }
+}
+
+TEST(JitFileReader, RenamesArchitectureOneModulesOnlyUnderTheJitProfilerWithBothArchitectures)
+{
+    const struct {
+        bool profiler;
+        std::uint16_t secondArch;
+        std::vector<std::wstring> modules;
+    } cases[] = {
+        {true, 0, {L"/opt/app.dll (64)", L"/opt/app.dll", L"[Dynamic code] (64)"}},
+        {false, 0, {L"/opt/app.dll", L"/opt/app.dll", L"[Dynamic code]"}},
+        {true, 1, {L"/opt/app.dll", L"/opt/app.dll", L"[Dynamic code]"}}, // architecture 0 never seen
+    };
+    for (const auto& c : cases) {
+        TraceWriter trace;
+        trace.magic();
+        if (c.profiler)
+            trace.collectorType(1);
+        MethodLoad dynamic = load(3, 0x3000, 16, 10, "c", 1);
+        dynamic.modulePath.clear();
+        trace.load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a", 1))
+            .load(kFunctionLoad64_v3, load(2, 0x2000, 16, 10, "b", c.secondArch))
+            .load(kFunctionLoad64_v3, dynamic);
+        Reader reader;
+        ASSERT_EQ(meSuccess, reader.read(trace).result);
+        std::vector<std::wstring> modules;
+        for (const auto& method : reader.store.methodList())
+            modules.push_back(method->getModule()->getName());
+        EXPECT_EQ(c.modules, modules) << c.profiler << c.secondArch;
+    }
+}
+
+TEST(JitFileReader, InlineByteOfALoadRecordStaysForOlderRecordsBehindIt)
+{
+    // Collector type 0: inlines carry no ids and find their parent by address and time.
+    MethodLoad inlined = load(0, 0x1010, 8, 20, "inlined");
+    inlined.isInline = 1;
+    MethodLoad older = load(0, 0x1020, 8, 20, "older");
+    TraceWriter trace;
+    trace.magic()
+        .load(kFunctionLoad64_v3, load(0, 0x1000, 0x40, 10, "parent"))
+        .load(kFunctionLoad64_v3, inlined)
+        .load(kFunctionLoad64_v2, older) // takes the inline route too
+        .load(kFunctionLoad64_v3, load(0, 0x2000, 16, 30, "plain"))
+        .load(kFunctionLoad64_v2, load(0, 0x3000, 16, 30, "older but plain"));
+
+    jrtest::AssertionCapture assertions;
+    Reader reader;
+    const ReadResult read = reader.read(trace);
+    ASSERT_EQ(meSuccess, read.result);
+    EXPECT_EQ((std::vector<std::wstring>{L"parent", L"plain", L"older but plain"}), read.names);
+    const auto& parentRegion = reader.store.methodList().front()->regions().front();
+    ASSERT_EQ(2u, parentRegion->inlinedMethods().size());
+    EXPECT_STREQ(L"inlined", parentRegion->inlinedMethods()[0]->getName());
+    EXPECT_STREQ(L"older", parentRegion->inlinedMethods()[1]->getName());
+    // The older form allocated a jit rva of its own, which an inline region must not have.
+    EXPECT_TRUE(assertions.contains("rawRegion->startJitRva() == 0"));
+}
+
+TEST(JitFileReader, UpdatesGoToTheStoreOnlyInFullMode)
+{
+    MethodLoad update = load(5, 0x1004, 4, 10, "");
+    update.ranges[0].bytes = {0xAA, 0xBB, 0xCC, 0xDD};
+    TraceWriter trace;
+    trace.magic().collectorType(1).load(kFunctionLoad64_v3, load(5, 0x1000, 16, 10, "f")).load(kFunctionUpdate, update);
+
+    Reader full;
+    ASSERT_EQ(meSuccess, full.read(trace).result);
+    const auto content = full.store.methodList().front()->regions().front()->getContent();
+    ASSERT_TRUE(content);
+    const auto* bytes = static_cast<const unsigned char*>(content->getData());
+    EXPECT_EQ((std::vector<unsigned char>{0x90, 0x90, 0x90, 0x90, 0xAA, 0xBB, 0xCC, 0xDD, 0x90}),
+              std::vector<unsigned char>(bytes, bytes + 9));
+    EXPECT_EQ(1u, full.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
+
+    Reader modules;
+    ASSERT_EQ(meSuccess, modules.read(trace, bfAll, decoding_mode_modules).result);
+    EXPECT_EQ(0u, modules.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
+    EXPECT_EQ(0u, modules.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't accept update"));
+}
+
+TEST(JitFileReader, FailedRangeUpdateIsLoggedAndTheReadingGoesOn)
+{
+    UpdateV2 update;
+    update.loadTime = 10;
+    update.codeAddr = 0x9000; // nothing lives there
+    update.codeLen = 4;
+    update.bytes = {1, 2, 3, 4};
+    TraceWriter trace;
+    trace.magic().updateV2(update).load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "after"));
+
+    Reader reader;
+    const ReadResult read = reader.read(trace);
+    EXPECT_EQ(meSuccess, read.result);
+    EXPECT_EQ((std::vector<std::wstring>{L"after"}), read.names);
+    EXPECT_EQ(1u, reader.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't find a range to be updated"));
+    EXPECT_EQ(1u, reader.count(log4cplus::ERROR_LOG_LEVEL, "Failed to decode a UPDATE_V2 record, at file: "));
+}
+
+TEST(JitFileReader, RangeUpdateOfAKnownRegionLoadsANewVersion)
+{
+    UpdateV2 update;
+    update.loadTime = 20;
+    update.codeAddr = 0x1004;
+    update.codeLen = 4;
+    update.bytes = {1, 2, 3, 4};
+    TraceWriter trace;
+    trace.magic().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "f")).updateV2(update);
+
+    Reader reader;
+    ASSERT_EQ(meSuccess, reader.read(trace).result);
+    boost::intrusive_ptr<Region> region;
+    boost::intrusive_ptr<JitMethod> method;
+    ASSERT_EQ(meSuccess, reader.store.searchRegion(0x1004, 25, 7, 1, region, method));
+    EXPECT_EQ(20u, region->loadTime());
+    const auto* bytes = static_cast<const unsigned char*>(region->getContent()->getData());
+    EXPECT_EQ(1, bytes[4]);
+    ASSERT_EQ(meSuccess, reader.store.searchRegion(0x1004, 15, 7, 1, region, method));
+    EXPECT_EQ(0x90, static_cast<const unsigned char*>(region->getContent()->getData())[4]);
+}
+
+TEST(JitFileReader, RefusedInlineEndsTheFileWithBadTrace)
+{
+    InlineLoad inlined;
+    inlined.rawMethodId = 0; // refused under the JIT profiler
+    inlined.parentRawMethodId = 1;
+    inlined.loadTime = 10;
+    inlined.startAddr = 0x1000;
+    inlined.size = 4;
+    inlined.bytes = {1, 2, 3, 4};
+    TraceWriter trace;
+    trace.magic().collectorType(1).inlineLoad(kFunctionInlineLoad64, inlined).load(kFunctionLoad64_v3,
+                                                                                   load(1, 0x1000, 16, 10, "never"));
+    Reader reader;
+    const ReadResult read = reader.read(trace, bfOnly32); // inline types are not filtered
+    EXPECT_EQ(meBadTrace, read.result);
+    EXPECT_TRUE(read.names.empty());
+    EXPECT_FALSE(read.finalized);
+}
+
+} // namespace
+} // namespace velmark_3_11
