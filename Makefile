@@ -28,7 +28,10 @@ check-sanitize: deps
 		ctest --output-on-failure -j $(JOBS)
 
 demo: build
-	$(BUILD_DIR)/tools/jitreader processes samples/processes
+	@[ -d $(DEMO_DIR) ] || $(BUILD_DIR)/tools/jitreader-sample-gen $(DEMO_DIR)
+	$(BUILD_DIR)/tools/jitreader processes $(DEMO_DIR)/alpha $(DEMO_DIR)/beta
+	@echo
+	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

@@ -9,5 +9,9 @@ namespace jitreader_tool {
 
 /// `jitreader processes DIR...`
 int runProcesses(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// `jitreader methods DIR...`
+int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// `jitreader resolve DIR... --samples FILE`
+int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 } // namespace jitreader_tool

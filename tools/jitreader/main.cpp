@@ -13,6 +13,8 @@ void printUsage(std::ostream& out)
            "\n"
            "commands:\n"
            "  processes   list the hosts and processes that have trace files\n"
+           "  methods     list every method of the traces, or dump them with --dump\n"
+           "  resolve     resolve sample points to methods, source lines and inline frames\n"
            "\n"
            "Run 'jitreader <command> --help' for the options of a command.\n";
 }
@@ -30,6 +32,10 @@ int main(int argc, char** argv)
     args.erase(args.begin());
     if (command == "processes")
         return jitreader_tool::runProcesses(args, std::cout, std::cerr);
+    if (command == "methods")
+        return jitreader_tool::runMethods(args, std::cout, std::cerr);
+    if (command == "resolve")
+        return jitreader_tool::runResolve(args, std::cout, std::cerr);
     std::cerr << "jitreader: unknown command '" << command << "'\n";
     printUsage(std::cerr);
     return 2;

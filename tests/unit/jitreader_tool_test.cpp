@@ -1,0 +1,146 @@
+// The command-line tool, run in process on written result directories.
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "commands.h"
+#include "demo_traces.h"
+#include "samples.h"
+#include "support/temp_dir.h"
+#include "table.h"
+
+namespace jitreader_tool {
+namespace {
+
+struct CommandRun {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+CommandRun run(int (*command)(const std::vector<std::string>&, std::ostream&, std::ostream&),
+        const std::vector<std::string>& args)
+{
+    std::ostringstream out, err;
+    const int code = command(args, out, err);
+    return CommandRun{code, out.str(), err.str()};
+}
+
+std::size_t countOf(const std::string& text, const std::string& fragment)
+{
+    std::size_t n = 0;
+    for (std::size_t at = text.find(fragment); at != std::string::npos; at = text.find(fragment, at + 1))
+        ++n;
+    return n;
+}
+
+TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
+{
+    const struct {
+        const char* text;
+        bool good;
+        std::size_t count;
+        const char* error;
+    } cases[] = {
+        {"# comment\n\n100 0x1000 7 host\n0x10 4096 8 other.host\n", true, 2, ""},
+        {"100 0x1000 7\n", false, 0, "line 1: expected TIME ADDRESS PID HOST"},
+        {"1 2 3 h\n100 0x1000 seven host\n", false, 1, "line 2: not a number"},
+        {"100 0x1000 4294967296 host\n", false, 0, "line 1: not a number"},
+        {"100 0x1000 7 host extra\n", false, 0, "line 1: expected"},
+        {"-1 0x1000 7 host\n", false, 0, "line 1: not a number"},
+    };
+    for (const auto& c : cases) {
+        std::istringstream in(c.text);
+        std::vector<SamplePoint> samples;
+        std::string error;
+        EXPECT_EQ(c.good, readSamples(in, samples, error)) << c.text;
+        EXPECT_EQ(c.count, samples.size()) << c.text;
+        EXPECT_EQ(0u, error.find(c.error)) << error;
+    }
+    std::istringstream in("0x10 4096 8 other.host\n");
+    std::vector<SamplePoint> samples;
+    std::string error;
+    ASSERT_TRUE(readSamples(in, samples, error));
+    EXPECT_EQ(16u, samples[0].time);
+    EXPECT_EQ(4096u, samples[0].address);
+    EXPECT_EQ(8u, samples[0].processId);
+    EXPECT_EQ("other.host", samples[0].host);
+}
+
+TEST(JitreaderTool, MachineFormatsEscapeTheirFields)
+{
+    Table table({"a", "b"});
+    table.add({"x,\"y\"", "line\nbreak \\ \x01"});
+    std::ostringstream csv, json;
+    table.print(csv, OutputFormat::csv);
+    table.print(json, OutputFormat::json);
+    EXPECT_EQ("a,b\n\"x,\"\"y\"\"\",\"line\nbreak \\ \x01\"\n", csv.str());
+    EXPECT_EQ("[\n {\"a\": \"x,\\\"y\\\"\", \"b\": \"line\\nbreak \\\\ \\u0001\"}\n]\n", json.str());
+}
+
+TEST(JitreaderTool, BadDirectoriesAndNamesGiveClearErrors)
+{
+    jrtest::TempDir root;
+    root.write("bad/x.jit", {});
+    root.write("file.txt", {});
+    const struct {
+        std::vector<std::string> args;
+        int code;
+        const char* message;
+    } cases[] = {
+        {{root.file("missing")}, 1, ": not a directory"},
+        {{root.file("file.txt")}, 1, ": not a directory"},
+        {{root.file("bad")}, 1, "x.jit: trace file name is not of the form HOST.PID.jit"},
+        {{}, 2, "no result directory given"},
+        {{"--bogus"}, 2, "unknown option --bogus"},
+    };
+    for (const auto& c : cases) {
+        const CommandRun processes = run(runProcesses, c.args);
+        EXPECT_EQ(c.code, processes.code) << processes.err;
+        EXPECT_NE(std::string::npos, processes.err.find(c.message)) << processes.err;
+    }
+    const CommandRun help = run(runResolve, {"--help"});
+    EXPECT_EQ(0, help.code);
+    EXPECT_NE(std::string::npos, help.out.find("--samples FILE"));
+}
+
+TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
+{
+    jrtest::TempDir root;
+    jitreader_demo::writeDemoResults(root.path(), "");
+    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
+    const std::vector<std::string> dirs{root.file("alpha"), root.file("beta")};
+
+    std::vector<std::string> args = dirs;
+    args.insert(args.end(), {"--samples", samples});
+    const CommandRun table = run(runResolve, args);
+    ASSERT_EQ(0, table.code) << table.err;
+    EXPECT_NE(std::string::npos, table.out.find("resolved 26 / 30 samples")) << table.out;
+    // One address at three times: three methods.
+    EXPECT_NE(std::string::npos, table.out.find("0x7f3a10000048  4242  alpha.lab  0x49     com::example::shop::Catalog::groupBy"))
+        << table.out;
+    EXPECT_NE(std::string::npos, table.out.find("0x7f3a10000048  4242  alpha.lab  0x3959   com::example::shop::Cart::addItem"));
+    EXPECT_EQ(1u + 3u, countOf(table.out, "inlined\n")); // the header and three frames
+    EXPECT_EQ(1u, countOf(table.out, "unresolved: unknown host"));
+    EXPECT_EQ(1u, countOf(table.out, "unresolved: no traces of this process"));
+
+    args.insert(args.end(), {"--format", "json"});
+    const CommandRun json = run(runResolve, args);
+    EXPECT_EQ(30u, countOf(json.out, "\"time\""));
+    EXPECT_NE(std::string::npos, json.out.find("\"inlined\": \"java::util::ArrayList::size (ArrayList.java:693)\""));
+
+    std::vector<std::string> lazyArgs = dirs;
+    lazyArgs.insert(lazyArgs.end(), {"--samples", samples, "--lazy"});
+    const CommandRun lazy = run(runResolve, lazyArgs);
+    EXPECT_NE(std::string::npos, lazy.out.find("resolved 26 / 30 samples; read 4 of 4 processes")) << lazy.out;
+
+    std::vector<std::string> methodArgs = dirs;
+    methodArgs.insert(methodArgs.end(), {"--format", "csv"});
+    const CommandRun methods = run(runMethods, methodArgs);
+    ASSERT_EQ(0, methods.code);
+    EXPECT_EQ(1u + 360u, countOf(methods.out, "\n")) << methods.out.substr(0, 400);
+}
+
+} // namespace
+} // namespace jitreader_tool

@@ -1,0 +1,72 @@
+#include <sstream>
+
+#include "commands.h"
+#include "jitreader/jit_method.h"
+#include "jitreader/method_dump.h"
+#include "options.h"
+#include "platform/text.h"
+#include "result_directories.h"
+#include "symbols.h"
+#include "table.h"
+
+using namespace velmark_3_11;
+
+namespace jitreader_tool {
+
+int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+{
+    OptionParser options("methods", "DIR...", "Reads every trace of the result directories and lists the methods.");
+    options.flag("dump", "print the full dump of each method (regions, disassembly, line tables)")
+        .option("format", "FORMAT", "table (default), csv or json");
+    if (!options.parse(args, out, err))
+        return options.exitCode();
+    OutputFormat format = OutputFormat::table;
+    if (!parseOutputFormat(options.value("format", "table"), format)) {
+        err << "jitreader methods: unknown format '" << options.value("format") << "'\n";
+        return 2;
+    }
+    const std::vector<std::string>& directories = options.positional();
+    if (directories.empty()) {
+        err << "jitreader methods: no result directory given\n";
+        return 2;
+    }
+    if (!checkResultDirectories(directories, err))
+        return 1;
+
+    auto iterator = directoryIterator(directories);
+    boost::intrusive_ptr<ISymbolFileLocator> noLocator;
+    const boost::intrusive_ptr<ISymbolResolver> resolver = ISymbolResolver::create(iterator, noLocator);
+    if (!resolver) {
+        err << "jitreader methods: the result directories could not be read\n";
+        return 1;
+    }
+
+    Table table({"jit rva", "load time", "regions", "module", "method", "source"});
+    for (auto methods = resolver->getMethods(); !methods.at_end(); methods.next()) {
+        const boost::intrusive_ptr<ISymbol> symbol = methods.current();
+        if (options.has("dump")) {
+            // The tool is built with the library's own units, so every symbol is a JitMethod.
+            std::wostringstream dump;
+            dumpMethod(dump, static_cast<JitMethod&>(*symbol));
+            out << toUtf8(dump.str()) << "\n\n";
+            continue;
+        }
+        unsigned long long first = 0;
+        unsigned long long end = 0;
+        std::size_t regions = 0;
+        for (auto it = symbol->getCodeRegions(); !it.at_end(); it.next(), ++regions) {
+            const auto region = it.current();
+            if (regions == 0) {
+                first = region->startJitRva();
+                end = first + region->length();
+            }
+        }
+        table.add({hex(first) + "-" + hex(end), std::to_string(symbol->getLoadTime()), std::to_string(regions),
+                   moduleName(*symbol), qualifiedName(*symbol), sourceFileName(*symbol)});
+    }
+    if (!options.has("dump"))
+        table.print(out, format);
+    return 0;
+}
+
+} // namespace jitreader_tool

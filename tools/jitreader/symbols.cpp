@@ -1,0 +1,84 @@
+#include "symbols.h"
+
+#include "platform/text.h"
+
+using namespace velmark_3_11;
+
+namespace jitreader_tool {
+
+std::string qualifiedName(const ISymbol& symbol)
+{
+    const std::string name = toUtf8(symbol.getName());
+    const std::string className = toUtf8(symbol.getClassName());
+    // Names made from a class already carry it in front.
+    if (className.empty() || name.compare(0, className.size() + 2, className + "::") == 0)
+        return name.empty() ? "(unnamed)" : name;
+    return className + "::" + (name.empty() ? "(unnamed)" : name);
+}
+
+std::string moduleName(const ISymbol& symbol)
+{
+    const boost::intrusive_ptr<IModule> module = symbol.getModule();
+    return module ? toUtf8(module->getName()) : std::string();
+}
+
+std::string sourceFileName(const ISymbol& symbol)
+{
+    const boost::intrusive_ptr<ISourceFile> file = symbol.getSourceFile();
+    return file ? toUtf8(file->getName()) : std::string();
+}
+
+namespace {
+
+Frame frameOf(const boost::intrusive_ptr<ISymbol>& symbol, unsigned long long jitRva)
+{
+    Frame frame;
+    frame.symbol = symbol;
+    frame.source = sourceFileName(*symbol);
+    if (const boost::intrusive_ptr<ISourceLocation> location = symbol->getSourceLocation(jitRva)) {
+        frame.line = location->getLine();
+        if (const boost::intrusive_ptr<ISourceFile> file = location->getSourceFile())
+            frame.source = toUtf8(file->getName());
+    }
+    return frame;
+}
+
+} // namespace
+
+std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
+{
+    std::vector<Frame> frames{frameOf(method, jitRva)};
+    boost::intrusive_ptr<ICodeRegion> region;
+    for (auto regions = method->getCodeRegions(); !regions.at_end(); regions.next()) {
+        const boost::intrusive_ptr<ICodeRegion> candidate = regions.current();
+        if (candidate->startJitRva() <= jitRva && jitRva - candidate->startJitRva() < candidate->length()) {
+            region = candidate;
+            break;
+        }
+    }
+    // Descend through the inlines that hold the point; the depth is bounded by the data, and
+    // a region never holds itself.
+    while (region) {
+        const boost::intrusive_ptr<ISymbol> inlined = region->getInlinedMethod(jitRva);
+        const boost::intrusive_ptr<ICodeRegion> inner = region->getInlinedRegion(jitRva);
+        if (!inlined || !inner || inner == region)
+            break;
+        frames.push_back(frameOf(inlined, jitRva));
+        region = inner;
+    }
+    return frames;
+}
+
+std::string describe(const Frame& frame)
+{
+    std::string text = qualifiedName(*frame.symbol);
+    if (!frame.source.empty()) {
+        text += " (" + frame.source;
+        if (frame.line != 0)
+            text += ":" + std::to_string(frame.line);
+        text += ")";
+    }
+    return text;
+}
+
+} // namespace jitreader_tool

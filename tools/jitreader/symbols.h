@@ -1,0 +1,32 @@
+// Text of what the library hands out: names, modules, source lines and inline frames.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "jitreader/jitreader.h"
+
+namespace jitreader_tool {
+
+/// "Class::name", or the name alone when there is no class.
+std::string qualifiedName(const velmark_3_11::ISymbol& symbol);
+/// The module path, or "" when there is none.
+std::string moduleName(const velmark_3_11::ISymbol& symbol);
+/// The source file's name, or "".
+std::string sourceFileName(const velmark_3_11::ISymbol& symbol);
+
+/// One frame of a resolved point: a method and the source line of the point in it.
+struct Frame {
+    boost::intrusive_ptr<velmark_3_11::ISymbol> symbol;
+    std::string source; ///< source file name, "" when unknown
+    unsigned int line = 0; ///< 0 when unknown
+};
+
+/// The frames at `jitRva`: the method itself first, then the methods inlined into it at
+/// that point, outermost to innermost.
+std::vector<Frame> framesAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method, unsigned long long jitRva);
+
+/// "name (file:line)" for a frame, leaving out what is unknown.
+std::string describe(const Frame& frame);
+
+} // namespace jitreader_tool

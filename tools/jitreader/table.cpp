@@ -1,0 +1,127 @@
+#include "table.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace jitreader_tool {
+
+bool parseOutputFormat(const std::string& text, OutputFormat& format)
+{
+    if (text == "table")
+        format = OutputFormat::table;
+    else if (text == "csv")
+        format = OutputFormat::csv;
+    else if (text == "json")
+        format = OutputFormat::json;
+    else
+        return false;
+    return true;
+}
+
+void Table::print(std::ostream& out, OutputFormat format) const
+{
+    switch (format) {
+    case OutputFormat::table:
+        printAligned(out);
+        break;
+    case OutputFormat::csv:
+        printCsv(out);
+        break;
+    case OutputFormat::json:
+        printJson(out);
+        break;
+    }
+}
+
+void Table::printAligned(std::ostream& out) const
+{
+    std::vector<std::size_t> widths;
+    for (const std::string& column : m_columns)
+        widths.push_back(column.size());
+    for (const auto& row : m_rows)
+        for (std::size_t i = 0; i < row.size() && i < widths.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+
+    auto printRow = [&](const std::vector<std::string>& row) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size())
+                line += std::string(widths[i] - row[i].size() + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        out << line << "\n";
+    };
+    printRow(m_columns);
+    for (const auto& row : m_rows)
+        printRow(row);
+}
+
+void Table::printCsv(std::ostream& out) const
+{
+    auto printRow = [&](const std::vector<std::string>& row) {
+        for (std::size_t i = 0; i < row.size(); ++i)
+            out << (i ? "," : "") << csvField(row[i]);
+        out << "\n";
+    };
+    printRow(m_columns);
+    for (const auto& row : m_rows)
+        printRow(row);
+}
+
+void Table::printJson(std::ostream& out) const
+{
+    out << "[";
+    for (std::size_t r = 0; r < m_rows.size(); ++r) {
+        out << (r ? ",\n " : "\n ") << "{";
+        for (std::size_t i = 0; i < m_columns.size(); ++i)
+            out << (i ? ", " : "") << jsonString(m_columns[i]) << ": " << jsonString(m_rows[r][i]);
+        out << "}";
+    }
+    out << "\n]\n";
+}
+
+std::string jsonString(const std::string& text)
+{
+    std::string result = "\"";
+    for (const char c : text) {
+        switch (c) {
+        case '"': result += "\\\""; break;
+        case '\\': result += "\\\\"; break;
+        case '\n': result += "\\n"; break;
+        case '\t': result += "\\t"; break;
+        case '\r': result += "\\r"; break;
+        default:
+            if (static_cast<unsigned char>(c) < 0x20) {
+                char escaped[8];
+                std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+                result += escaped;
+            } else {
+                result += c;
+            }
+        }
+    }
+    return result + "\"";
+}
+
+std::string csvField(const std::string& text)
+{
+    if (text.find_first_of(",\"\n\r") == std::string::npos)
+        return text;
+    std::string result = "\"";
+    for (const char c : text) {
+        if (c == '"')
+            result += '"';
+        result += c;
+    }
+    return result + "\"";
+}
+
+std::string hex(unsigned long long value)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", value);
+    return text;
+}
+
+} // namespace jitreader_tool

@@ -1,0 +1,41 @@
+// Rows of named text fields, printed as an aligned table, CSV or JSON.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace jitreader_tool {
+
+enum class OutputFormat { table, csv, json };
+
+/// Parses "table", "csv" or "json".
+bool parseOutputFormat(const std::string& text, OutputFormat& format);
+
+class Table {
+public:
+    explicit Table(std::vector<std::string> columns) : m_columns(std::move(columns)) {}
+
+    /// Appends a row; it must have one field per column.
+    void add(std::vector<std::string> row) { m_rows.push_back(std::move(row)); }
+    std::size_t size() const { return m_rows.size(); }
+
+    void print(std::ostream& out, OutputFormat format) const;
+
+private:
+    void printAligned(std::ostream& out) const;
+    void printCsv(std::ostream& out) const;
+    void printJson(std::ostream& out) const;
+
+    std::vector<std::string> m_columns;
+    std::vector<std::vector<std::string>> m_rows;
+};
+
+/// The text as a JSON string literal, quotes included.
+std::string jsonString(const std::string& text);
+/// The text as a CSV field, quoted when it needs to be.
+std::string csvField(const std::string& text);
+/// "0x" and lower-case hexadecimal digits.
+std::string hex(unsigned long long value);
+
+} // namespace jitreader_tool
