@@ -1,0 +1,192 @@
+#include <gtest/gtest.h>
+
+#include "e2e_util.h"
+#include "support/log_capture.h"
+
+using namespace velmark_3_11;
+using namespace tracewriter;
+
+namespace {
+
+std::string write(const jrtest::TempDir& root, const std::string& file, const TraceWriter& trace)
+{
+    return root.write(file, trace.bytes());
+}
+
+TEST(SymbolResolver, BitnessFilterEndsTheReadingAtTheOtherGroup)
+{
+    jrtest::TempDir root;
+    TraceWriter trace;
+    trace.magic()
+        .load(kFunctionLoad32_v3, e2e::method(1, 0x1000, 0x40, 100, "first32"))
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 110, "then64"))
+        .load(kFunctionLoad32_v3, e2e::method(3, 0x3000, 0x40, 120, "again32"));
+    write(root, "d/host.1.jit", trace);
+
+    const struct {
+        int arch; // -1: the overload without architecture
+        std::vector<std::wstring> names;
+    } cases[] = {
+        {-1, {L"App::Main::first32", L"App::Main::then64", L"App::Main::again32"}},
+        {farad32, {L"App::Main::first32"}},
+        {farad64, {}},
+        {faradit, {}},
+        {kolbe, {}},
+    };
+    for (const auto& c : cases) {
+        auto directories = e2e::dirs(root, {"d"});
+        boost::intrusive_ptr<ISymbolFileLocator> locator;
+        auto resolver = c.arch < 0 ? ISymbolResolver::create(directories, locator)
+                                   : ISymbolResolver::create(directories, locator, static_cast<velmark_arch>(c.arch));
+        ASSERT_TRUE(resolver);
+        EXPECT_EQ(c.names, e2e::methodNames(*resolver)) << c.arch;
+    }
+}
+
+TEST(SymbolResolver, MagicFurtherOnEndsTheUsablePartOfAFile)
+{
+    jrtest::TempDir root;
+    TraceWriter trace;
+    trace.magic()
+        .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "before"))
+        .magic()
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 110, "behind"));
+    write(root, "d/host.1.jit", trace);
+    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
+    auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
+    ASSERT_TRUE(resolver);
+    EXPECT_EQ((std::vector<std::wstring>{L"App::Main::before"}), e2e::methodNames(*resolver));
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+}
+
+TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreRead)
+{
+    jrtest::TempDir root;
+    TraceWriter good1, corrupt, good3;
+    good1.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "one"));
+    corrupt.magic()
+        .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "two"))
+        .frame(99, {1, 2, 3, 4})
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 100, "lost"));
+    good3.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "three"));
+    write(root, "d/host.1.jit", good1);
+    const std::string corruptPath = write(root, "d/host.2.jit", corrupt);
+    write(root, "d/host.3.jit", good3);
+
+    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
+    auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
+    ASSERT_TRUE(resolver);
+    EXPECT_EQ((std::vector<std::wstring>{L"App::Main::one", L"App::Main::two", L"App::Main::three"}),
+              e2e::methodNames(*resolver));
+    EXPECT_EQ(1u, log.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't recognize type of the jit trace"));
+    EXPECT_EQ(1u, log.count(log4cplus::ERROR_LOG_LEVEL, "Could not read jit file " + corruptPath + ", at file: "))
+        << log.dump();
+}
+
+TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfiler)
+{
+    const struct {
+        bool collectorType;
+        std::wstring module32;
+        std::wstring module64;
+    } cases[] = {
+        {true, L"/opt/app/app.dll", L"/opt/app/app.dll (64)"},
+        {false, L"/opt/app/app.dll", L"/opt/app/app.dll"},
+    };
+    for (const auto& c : cases) {
+        jrtest::TempDir root;
+        TraceWriter trace;
+        trace.magic();
+        if (c.collectorType)
+            trace.collectorType(1);
+        MethodLoad narrow = e2e::method(1, 0x1000, 0x40, 100, "narrow");
+        narrow.moduleArch = 0;
+        MethodLoad wide = e2e::method(2, 0x2000, 0x40, 100, "wide");
+        MethodLoad dynamic = e2e::method(3, 0x3000, 0x40, 100, "dynamic");
+        dynamic.modulePath.clear();
+        trace.load(kFunctionLoad64_v3, narrow).load(kFunctionLoad64_v3, wide).load(kFunctionLoad64_v3, dynamic);
+        write(root, "d/host.1.jit", trace);
+
+        auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
+        ASSERT_TRUE(resolver);
+        std::vector<std::wstring> modules;
+        for (auto it = resolver->getMethods(); !it.at_end(); it.next())
+            modules.push_back(it.current()->getModule()->getName());
+        const std::wstring dynamicName = c.collectorType ? L"[Dynamic code] (64)" : L"[Dynamic code]";
+        EXPECT_EQ((std::vector<std::wstring>{c.module32, c.module64, dynamicName}), modules);
+    }
+}
+
+TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
+{
+    jrtest::TempDir root;
+    TraceWriter first, second;
+    first.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "older"));
+    second.magic().load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 200, "newer"));
+    write(root, "b/host.5.jit", first); // "a" sorts first, but time decides who answers
+    write(root, "a/host.5.jit", second);
+
+    auto resolver = e2e::resolverOf(e2e::dirs(root, {"b", "a"}));
+    auto loaderDirectories = e2e::dirs(root, {"b", "a"});
+    auto loader = IJitLoader::create(loaderDirectories);
+    ASSERT_TRUE(resolver);
+    ASSERT_TRUE(loader);
+    unsigned int host = 0;
+    ASSERT_EQ(meSuccess, loader->getHostId(L"host", &host));
+    ASSERT_EQ(1u, host);
+
+    // a/host.5.jit is registered first and owns the jit rvas from 1; b/host.5.jit follows it.
+    const unsigned long long olderBase = 1 + second.size();
+    const struct {
+        unsigned long long time;
+        const wchar_t* name;
+        unsigned long long jitRva;
+    } points[] = {
+        {150, L"App::Main::older", olderBase + 0x10},
+        {200, L"App::Main::newer", 1 + 0x10},
+        {1000, L"App::Main::newer", 1 + 0x10},
+    };
+    for (const auto& p : points) {
+        unsigned long long jitRva = 0;
+        boost::intrusive_ptr<IModule> module;
+        ASSERT_EQ(meSuccess, loader->resolveModule(p.time, 0x1010, 5, host, &jitRva, module)) << p.time;
+        EXPECT_EQ(p.jitRva, jitRva) << p.time;
+        auto symbol = resolver->resolveSymbol(jitRva);
+        ASSERT_TRUE(symbol) << p.time;
+        EXPECT_STREQ(p.name, symbol->getName()) << p.time;
+        unsigned long long address = 0;
+        EXPECT_EQ(meSuccess, symbol->getVirtualAddress(jitRva, &address));
+        EXPECT_EQ(0x1010u, address);
+    }
+    unsigned long long jitRva = 0;
+    boost::intrusive_ptr<IModule> module;
+    EXPECT_EQ(meFail, loader->resolveModule(99, 0x1010, 5, host, &jitRva, module));
+}
+
+TEST(SymbolResolver, CreationFailuresAndEmptyInputs)
+{
+    jrtest::TempDir root;
+    root.write("file.txt", {1});
+    root.write("bad/x.jit", {1});
+    root.mkdir("empty");
+    for (const char* dir : {"file.txt", "missing", "bad"}) {
+        EXPECT_FALSE(e2e::resolverOf(e2e::dirs(root, {"empty", dir}))) << dir;
+    }
+
+    auto resolver = e2e::resolverOf(basekit2::make_path_iterator({}));
+    ASSERT_TRUE(resolver);
+    EXPECT_TRUE(resolver->getMethods().at_end());
+    EXPECT_FALSE(resolver->resolveSymbol(1));
+    const wchar_t* name = L"unchanged";
+    EXPECT_EQ(meSuccess, resolver->getHostName(0, &name));
+    EXPECT_EQ(nullptr, name);
+    EXPECT_EQ(meInvalidArgument, resolver->getHostName(1, nullptr));
+
+    unsigned long long result = 0;
+    EXPECT_EQ(meSuccess, resolver->translateJitAddress(0, 0x1234, nullptr, &result));
+    EXPECT_EQ(0x1234u, result);
+    EXPECT_EQ(meFail, resolver->translateJitAddress(1, 0x1234, nullptr, &result));
+    EXPECT_EQ(meFileNotRegistered, resolver->translateJitAddress(1, 0x1234, L"/nowhere/host.1.jit", &result));
+}
+
+} // namespace
