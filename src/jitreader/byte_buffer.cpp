@@ -1,5 +1,6 @@
 #include "jitreader/byte_buffer.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace velmark_3_11 {
@@ -19,6 +20,18 @@ void ByteBuffer::setData(const void* data, unsigned int size)
         m_data.resize(size);
     std::memcpy(m_data.data(), data, size);
     m_size = size;
+}
+
+void copyBytes(std::vector<unsigned char>& target, unsigned long long targetOffset, IByteBuffer& source,
+               unsigned long long sourceOffset, unsigned long long count)
+{
+    const unsigned long long sourceSize = source.getSize();
+    const auto* data = static_cast<const unsigned char*>(source.getData());
+    if (data == nullptr || sourceOffset >= sourceSize || targetOffset >= target.size())
+        return;
+    count = std::min(count, sourceSize - sourceOffset);
+    count = std::min<unsigned long long>(count, target.size() - targetOffset);
+    std::memcpy(target.data() + targetOffset, data + sourceOffset, static_cast<std::size_t>(count));
 }
 
 boost::shared_ptr<IByteBuffer> makeByteBuffer(const void* data, unsigned int size)

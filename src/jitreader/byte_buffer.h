@@ -25,6 +25,12 @@ private:
     unsigned int m_size;
 };
 
+/// Copies up to `count` bytes of `source` from `sourceOffset` into `target` at `targetOffset`,
+/// never past the end of either: where a buffer is shorter than the range it stands for, the
+/// bytes it lacks stay as they are in `target`.
+void copyBytes(std::vector<unsigned char>& target, unsigned long long targetOffset, IByteBuffer& source,
+               unsigned long long sourceOffset, unsigned long long count);
+
 /// A new buffer holding a copy of `size` bytes at `data`.
 boost::shared_ptr<IByteBuffer> makeByteBuffer(const void* data, unsigned int size);
 

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <iterator>
-#include <optional>
 
 #include <boost/make_shared.hpp>
 #include <boost/thread/locks.hpp>
 
 #include "basekit2/assertion.h"
+#include "jitreader/byte_buffer.h"
 #include "jitreader/method_dump.h"
 #include "platform/log.h"
 
@@ -29,36 +29,6 @@ Range piece(unsigned long long a, unsigned long long b)
     return Range(a, static_cast<unsigned int>(b - a));
 }
 
-/// Copies up to `count` bytes of `source` from `sourceOffset` into `target` at `targetOffset`,
-/// never past either end: a buffer that is shorter than its region leaves zeros behind.
-void copyBytes(std::vector<unsigned char>& target, std::size_t targetOffset, IByteBuffer& source,
-               unsigned long long sourceOffset, unsigned long long count)
-{
-    const unsigned long long sourceSize = source.getSize();
-    const unsigned char* data = static_cast<const unsigned char*>(source.getData());
-    if (data == nullptr || sourceOffset >= sourceSize || targetOffset >= target.size())
-        return;
-    count = std::min(count, sourceSize - sourceOffset);
-    count = std::min<unsigned long long>(count, target.size() - targetOffset);
-    std::copy(data + sourceOffset, data + sourceOffset + count, target.begin() + targetOffset);
-}
-
-/// The scoped trace of the lookups. Building the signature text and copying the logger cost
-/// more than a lookup itself, so both happen only while TRACE is enabled.
-class LookupTraceScope {
-public:
-    LookupTraceScope(const char* signature, const char* file, int line)
-    {
-        log4cplus::Logger& logger = componentLogger();
-        if (logger.isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
-            m_scope.emplace(logger, signature, file, line);
-    }
-
-private:
-    std::optional<log4cplus::TraceLogger> m_scope;
-};
-
-#define VM_LOOKUP_TRACE_SCOPE(signature) LookupTraceScope vmTraceScope_(signature, __FILE__, __LINE__)
 
 /// Whether the key [start, start + size) holds `address` as a map with Range::Comparator sees
 /// it for the probe Range(address, 1).
@@ -743,6 +713,14 @@ velmark_error_t JitDataManager::addInlineMethod(const boost::intrusive_ptr<JitMe
         region->setStartJitRva(jit);
     }
 
+    // Records that name each other as parents would hang a region below itself; every walk
+    // down the inlines relies on there being no such cycle.
+    if (region->holds(*parentRegion)) {
+        VM_ERROR(L"Couldn't inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
+                                                         << L") because its code region already holds the parent's "
+                                                            L"code region");
+        return meFail;
+    }
     parentRegion->addInlined(region, inlineMethod);
     inlineMethod->setInlined(true);
     VM_INFO(L"Added inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
@@ -981,7 +959,7 @@ velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsign
                                                 boost::intrusive_ptr<JitMethod>& method,
                                                 unsigned long long& jitRva) const
 {
-    VM_LOOKUP_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
                           "unsigned __int64, unsigned int, unsigned int, "
                           "boost::intrusive_ptr<velmark_3_11::JitMethod> &, unsigned __int64 &) const");
     usableLookupIndex();
@@ -1007,7 +985,7 @@ velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsign
 velmark_error_t JitDataManager::resolveJitPoint(unsigned long long jitRva,
                                                 boost::intrusive_ptr<JitMethod>& method) const
 {
-    VM_LOOKUP_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
                           "boost::intrusive_ptr<velmark_3_11::JitMethod> &) const");
     VM_INFO(L"RESOLVE JIT POINT: jit rva = " << jitRva);
 

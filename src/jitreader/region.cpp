@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iomanip>
+#include <iterator>
 
 #include <boost/io/ios_state.hpp>
 
@@ -16,19 +17,6 @@ namespace velmark_3_11 {
 namespace {
 
 constexpr auto kLogNumbers = logging::numbers_t::hex;
-
-/// Copies up to `count` bytes from `source` at `sourceOffset` to `target` at `targetOffset`,
-/// only as far as both buffers reach: bytes that either side lacks stay as they are.
-void copyBounded(std::vector<unsigned char>& target, unsigned long long targetOffset, const void* source,
-                 unsigned long long sourceSize, unsigned long long sourceOffset, unsigned long long count)
-{
-    if (source == nullptr || targetOffset >= target.size() || sourceOffset >= sourceSize)
-        return;
-    count = std::min(count, static_cast<unsigned long long>(target.size()) - targetOffset);
-    count = std::min(count, sourceSize - sourceOffset);
-    std::memcpy(target.data() + targetOffset, static_cast<const unsigned char*>(source) + sourceOffset,
-                static_cast<std::size_t>(count));
-}
 
 } // namespace
 
@@ -60,7 +48,40 @@ Region::Region(const Region& other)
         m_content = makeByteBuffer(other.m_content->getData(), other.m_content->getSize());
 }
 
-Region::~Region() = default;
+Region::~Region()
+{
+    // Inlines nest as deep as a trace makes them. Their regions and methods are let go here one
+    // at a time, rather than by a chain of destructors as deep as the nesting, which a long
+    // enough chain would run off the stack.
+    RegionVector regions;
+    MethodVector methods;
+    regions.swap(m_inlinedRegions);
+    methods.swap(m_inlinedMethods);
+    while (!regions.empty() || !methods.empty()) {
+        if (!methods.empty()) {
+            // An inline's method holds the inline's region, which waits in `regions`, so the
+            // method goes without taking the region along.
+            methods.pop_back();
+            continue;
+        }
+        boost::intrusive_ptr<Region> region = std::move(regions.back());
+        regions.pop_back();
+        if (region->isLastReference()) {
+            std::move(region->m_inlinedRegions.begin(), region->m_inlinedRegions.end(), std::back_inserter(regions));
+            std::move(region->m_inlinedMethods.begin(), region->m_inlinedMethods.end(), std::back_inserter(methods));
+            region->m_inlinedRegions.clear();
+            region->m_inlinedMethods.clear();
+        }
+    }
+}
+
+bool Region::isLastReference() const
+{
+    // The count is read through a reference that is taken back at once.
+    const unsigned int count = addRef();
+    release();
+    return count == 2;
+}
 
 unsigned int Region::inlineIndexAt(unsigned long long jitRva) const
 {
@@ -74,8 +95,7 @@ unsigned int Region::inlineIndexAt(unsigned long long jitRva) const
 
 boost::intrusive_ptr<ISymbol> Region::getInlinedMethod(unsigned long long jitRva) const
 {
-    BASEKIT2_ASSERT_TEXT(m_inlinedRegions.size() == m_inlinedMethods.size(),
-                         "m_inlinedRegions.size() == m_inlinedMethods.size()");
+    assertParallelInlines();
     const unsigned int index = inlineIndexAt(jitRva);
     if (index >= m_inlinedMethods.size())
         return nullptr;
@@ -84,8 +104,7 @@ boost::intrusive_ptr<ISymbol> Region::getInlinedMethod(unsigned long long jitRva
 
 boost::intrusive_ptr<ICodeRegion> Region::getInlinedRegion(unsigned long long jitRva) const
 {
-    BASEKIT2_ASSERT_TEXT(m_inlinedRegions.size() == m_inlinedMethods.size(),
-                         "m_inlinedRegions.size() == m_inlinedMethods.size()");
+    assertParallelInlines();
     const unsigned int index = inlineIndexAt(jitRva);
     if (index >= m_inlinedRegions.size())
         return nullptr;
@@ -152,22 +171,24 @@ velmark_error_t Region::addBytesUpdate(unsigned long long codeAddr, unsigned int
 
     boost::shared_ptr<IByteBuffer> patch = content;
     if (effectiveType == stData) {
-        const std::vector<unsigned char> nops(codeLen, 0x90);
-        patch = makeByteBuffer(nops.data(), codeLen);
+        // No more filler than the region's bytes can take: a trace may claim a range far longer
+        // than the bytes it gave.
+        const unsigned int fill = std::min(codeLen, m_content->getSize());
+        const std::vector<unsigned char> nops(fill, 0x90);
+        patch = makeByteBuffer(nops.data(), fill);
     }
 
     // Neither buffer is trusted to be as long as the ranges say: every copy stops at the end
     // of its source and of the target.
     const unsigned int oldSize = m_content->getSize();
     std::vector<unsigned char> bytes(oldSize, 0);
-    const void* oldData = m_content->getData();
     if (codeAddr > regionStart)
-        copyBounded(bytes, 0, oldData, oldSize, 0, codeAddr - regionStart);
+        copyBytes(bytes, 0, *m_content, 0, codeAddr - regionStart);
     const unsigned long long patchLength =
         (codeAddr == regionStart && end == regionEnd) ? patch->getSize() : end - codeAddr;
-    copyBounded(bytes, codeAddr - regionStart, patch->getData(), patch->getSize(), 0, patchLength);
+    copyBytes(bytes, codeAddr - regionStart, *patch, 0, patchLength);
     if (end < regionEnd)
-        copyBounded(bytes, end - regionStart, oldData, oldSize, end - regionStart, regionEnd - end);
+        copyBytes(bytes, end - regionStart, *m_content, end - regionStart, regionEnd - end);
     m_content->setData(bytes.data(), oldSize);
 
     VM_INFO(L"Updated code region (ip range = " << regionStart << L"-" << regionStart + regionEnd
@@ -186,49 +207,93 @@ basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> Region::getInlin
     return basekit2::make_vector_iterator<boost::intrusive_ptr<ICodeRegion>>(m_inlinedRegions);
 }
 
-velmark_error_t Region::normalizeInlineJitRvaRanges(unsigned long long jitRva, unsigned long long startAddr)
+void Region::assertParallelInlines() const
 {
     BASEKIT2_ASSERT_TEXT(m_inlinedRegions.size() == m_inlinedMethods.size(),
                          "m_inlinedRegions.size() == m_inlinedMethods.size()");
+}
 
-    velmark_error_t result = meSuccess;
-    const std::size_t count = std::min(m_inlinedRegions.size(), m_inlinedMethods.size());
-    for (std::size_t i = 0; i < count; ++i) {
-        Region& inlined = *m_inlinedRegions[i];
-        JitMethod& method = *m_inlinedMethods[i];
-        // Every level is placed relative to the top-level region, whose values are handed down.
+std::size_t Region::inlineCount() const
+{
+    return std::min(m_inlinedRegions.size(), m_inlinedMethods.size());
+}
+
+bool Region::holds(const Region& other) const
+{
+    // Walked with a stack of its own: a trace decides how deep inlines nest.
+    std::vector<const Region*> pending{this};
+    while (!pending.empty()) {
+        const Region* region = pending.back();
+        pending.pop_back();
+        if (region == &other)
+            return true;
+        for (const auto& inlined : region->m_inlinedRegions)
+            pending.push_back(inlined.get());
+    }
+    return false;
+}
+
+velmark_error_t Region::normalizeInlineJitRvaRanges(unsigned long long jitRva, unsigned long long startAddr)
+{
+    // Depth first, each inline before its own inlines, with a stack of its own rather than
+    // recursion: a trace decides how deep inlines nest. Every level is placed relative to the
+    // top-level region, whose values stay the same all the way down.
+    struct Level {
+        Region* region;
+        std::size_t next;
+    };
+    assertParallelInlines();
+    std::vector<Level> levels{{this, 0}};
+    while (!levels.empty()) {
+        Level& level = levels.back();
+        if (level.next == level.region->inlineCount()) {
+            levels.pop_back();
+            continue;
+        }
+        const std::size_t i = level.next++;
+        Region& inlined = *level.region->m_inlinedRegions[i];
+        JitMethod& method = *level.region->m_inlinedMethods[i];
         const unsigned long long rva = jitRva + inlined.m_startAddress - startAddr;
         inlined.m_startJitRva = rva;
         method.setStartJitRva(rva);
         method.normalizeLineNumberInfoJitRvaRanges(rva);
         VM_TRACE(L"  Set jit rva range = " << rva << L"-" << rva + inlined.m_length << L" for ip range = "
                                            << inlined.m_startAddress << L"-" << inlined.endAddress() << L".");
-        result = inlined.normalizeInlineJitRvaRanges(jitRva, startAddr);
-        if (result != meSuccess)
-            return result;
+        inlined.assertParallelInlines();
+        levels.push_back({&inlined, 0});
     }
-    return result;
+    return meSuccess;
 }
 
 void Region::dumpInlines(std::wostream& stream, unsigned int indent) const
 {
-    BASEKIT2_ASSERT_TEXT(m_inlinedRegions.size() == m_inlinedMethods.size(),
-                         "m_inlinedRegions.size() == m_inlinedMethods.size()");
-
     // Exactly one "0x" before each address, whatever flags the caller's stream carries.
     boost::io::wios_all_saver saved(stream);
     stream.flags(std::ios_base::dec | std::ios_base::right);
     stream.fill(L' ');
 
-    const std::size_t count = std::min(m_inlinedRegions.size(), m_inlinedMethods.size());
-    for (std::size_t i = 0; i < count; ++i) {
-        const Region& inlined = *m_inlinedRegions[i];
-        const JitMethod& method = *m_inlinedMethods[i];
-        stream << L'\n' << std::setw(static_cast<int>(indent)) << L"#" << std::dec << (i + 1) << L' '
+    struct Level {
+        const Region* region;
+        std::size_t next;
+        unsigned int indent;
+    };
+    assertParallelInlines();
+    std::vector<Level> levels{{this, 0, indent}};
+    while (!levels.empty()) {
+        Level& level = levels.back();
+        if (level.next == level.region->inlineCount()) {
+            levels.pop_back();
+            continue;
+        }
+        const std::size_t i = level.next++;
+        const Region& inlined = *level.region->m_inlinedRegions[i];
+        const JitMethod& method = *level.region->m_inlinedMethods[i];
+        stream << L'\n' << std::setw(static_cast<int>(level.indent)) << L"#" << std::dec << (i + 1) << L' '
                << method.getName() << L" (method id = 0x" << std::hex << method.getRawMethodId()
                << L", ip range = 0x" << inlined.m_startAddress << L"-0x" << inlined.endAddress() << L")"
                << std::dec;
-        inlined.dumpInlines(stream, indent + 4);
+        inlined.assertParallelInlines();
+        levels.push_back({&inlined, 0, level.indent + 4});
     }
 }
 

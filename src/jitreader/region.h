@@ -81,6 +81,9 @@ public:
     basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> getInlinedRegions() const;
     const MarkupMap& markupRanges() const { return m_markupRanges; }
 
+    /// True when `other` is this region or lies anywhere among its inlines.
+    bool holds(const Region& other) const;
+
     /// Gives every inline, at any depth, its place in the jit rva range of the top-level
     /// region that starts at `jitRva` and `startAddr`. Always meSuccess.
     velmark_error_t normalizeInlineJitRvaRanges(unsigned long long jitRva, unsigned long long startAddr);
@@ -89,6 +92,12 @@ public:
     void dumpInlines(std::wostream& stream, unsigned int indent) const;
 
 private:
+    void assertParallelInlines() const;
+    /// True when the caller's reference is the only one.
+    bool isLastReference() const;
+    /// The number of inlines both vectors have.
+    std::size_t inlineCount() const;
+
     unsigned int m_hostId;
     unsigned int m_processId;
     unsigned long long m_startJitRva;

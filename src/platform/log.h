@@ -6,6 +6,7 @@
 // and then writes VM_INFO(L"Added " << count << L" regions"), VM_ERROR_AT(...) and so on.
 #pragma once
 
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -33,6 +34,22 @@ inline void emit(log4cplus::Logger& logger, log4cplus::LogLevel level, const std
 {
     logger.forcedLog(level, toUtf8(stream.str()), file, line);
 }
+
+/// Logs "ENTER: " and "EXIT:  " with a function's signature at TRACE. The trace logger (a copy
+/// of the logger and of the text) is made only while TRACE is enabled: on the lookup paths it
+/// would cost more than the lookup.
+class TraceScope {
+public:
+    TraceScope(const char* signature, const char* file, int line)
+    {
+        log4cplus::Logger& logger = componentLogger();
+        if (logger.isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
+            m_scope.emplace(logger, signature, file, line);
+    }
+
+private:
+    std::optional<log4cplus::TraceLogger> m_scope;
+};
 
 } // namespace logging
 } // namespace velmark_3_11
@@ -63,5 +80,4 @@ inline void emit(log4cplus::Logger& logger, log4cplus::LogLevel level, const std
 
 /// Opens a scope that logs "ENTER: " and "EXIT:  " with `signature` at TRACE.
 #define VM_TRACE_SCOPE(signature)                                                                   \
-    log4cplus::TraceLogger vmTraceScope_(::velmark_3_11::componentLogger(), signature, __FILE__,   \
-                                         __LINE__)
+    ::velmark_3_11::logging::TraceScope vmTraceScope_(signature, __FILE__, __LINE__)

@@ -236,3 +236,43 @@ TEST(InlineMethodTest, MalformedInlineRecordsAreReported)
         EXPECT_EQ(c.asserts, asserts.expressions());
     }
 }
+
+namespace {
+
+TEST(InlineMethodTest, InlinesThatNameThemselvesAsParentNeverHangARegionBelowItself)
+{
+    jrtest::LogCapture log(kError);
+    JitDataManager store;
+    store.setCollectorType(ctJitProfiler);
+    MethodPtr first = makeInline(2, 2, 0x1000, 0x10, 10);
+    MethodPtr second = makeInline(2, 2, 0x1000, 0x10, 10);
+    EXPECT_EQ(meSuccess, store.processMethodInlineLoadRecord(7, 1, first)); // waits for itself
+    // The second finds the first as its parent, while the first, waiting under the same id,
+    // has just been hung below the second.
+    EXPECT_EQ(meFail, store.processMethodInlineLoadRecord(7, 1, second));
+    EXPECT_EQ(1u, log.count(kError, "Couldn't inline method (method id = 0x2, ip range = 0x1000-0x1010) because "
+                                    "its code region already holds the parent's code region"));
+    EXPECT_STORE_CONSISTENT(store);
+    std::wostringstream dump;
+    second->regions().front()->dumpInlines(dump, 4);
+    EXPECT_EQ(L"\n   #1  (method id = 0x2, ip range = 0x1000-0x1010)", dump.str());
+}
+
+TEST(InlineMethodTest, DeepInlineChainsAreWalkedWithoutRecursion)
+{
+    JitDataManager store;
+    store.setCollectorType(ctJitProfiler);
+    MethodPtr parent = makeMethod(1, 10, {{0x1000, 0x10, 0x400}});
+    ASSERT_EQ(meSuccess, store.processMethodLoadRecord(7, 1, parent));
+    const unsigned int depth = 20000;
+    MethodPtr deepest;
+    for (unsigned int id = 2; id <= depth; ++id) {
+        deepest = makeInline(id, id - 1, 0x1000, 0x10, 10);
+        ASSERT_EQ(meSuccess, store.processMethodInlineLoadRecord(7, 1, deepest));
+    }
+    store.finalize();
+    EXPECT_EQ(0x400u, deepest->getStartJitRva());
+    EXPECT_EQ(0x400u, deepest->regions().front()->startJitRva());
+}
+
+} // namespace
