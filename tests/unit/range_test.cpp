@@ -37,6 +37,22 @@ TEST(Range, OverlapIsEquivalenceAndTouchingRangesAreOrdered)
     EXPECT_EQ(none.first, none.second);
 }
 
+TEST(Range, RangeRunningPastTheTopOfTheAddressSpaceKeepsTheOrder)
+{
+    const unsigned long long top = ~0ull;
+    RangeMap map;
+    ASSERT_TRUE(map.emplace(Range(0x100, 0x100), 1).second);
+    ASSERT_TRUE(map.emplace(Range(top - 0xf, 0x20), 2).second); // the sum wraps around
+    ASSERT_TRUE(map.emplace(Range(0x1000, 0x10), 3).second);
+    EXPECT_FALSE(map.emplace(Range(top - 1, 1), 4).second);
+    EXPECT_EQ(2, map.find(Range(top - 0xf, 1))->second);
+    EXPECT_EQ(1, map.find(Range(0x180, 1))->second);
+    EXPECT_EQ(3, std::prev(map.end(), 2)->second);
+    map.erase(map.find(Range(0x1000, 1)));
+    EXPECT_EQ(2u, map.size());
+    EXPECT_EQ(2, std::prev(map.end())->second);
+}
+
 TEST(MethodId, OrderedByHalvesAndEmptyOnlyWhenBothAreZero)
 {
     EXPECT_TRUE(MethodId().isEmpty());
