@@ -5,7 +5,10 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 DEMO_DIR ?= $(BUILD_DIR)/demo-results
 
-.PHONY: all deps build test check-sanitize demo bench clean
+FUZZ_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 60
+
+.PHONY: all deps build test check-sanitize demo bench fuzz clean
 
 all: build
 
@@ -36,5 +39,14 @@ demo: build
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
 
+fuzz: deps
+	CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=Debug -DJITREADER_FUZZ=ON -DJITREADER_BENCH=OFF -DJITREADER_WERROR=OFF
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target trace_file_fuzz java_names_fuzz
+	@for t in trace_file java_names; do \
+		mkdir -p $(FUZZ_DIR)/corpus-$$t; \
+		$(FUZZ_DIR)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=$(FUZZ_DIR)/$$t- \
+			$(FUZZ_DIR)/corpus-$$t fuzz/corpus/$$t || exit 1; \
+	done
+
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(FUZZ_DIR)
