@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include "e2e_util.h"
+
+using namespace velmark_3_11;
+using namespace tracewriter;
+
+namespace {
+
+InlineLoad inlined(std::uint32_t id, std::uint32_t parent, std::uint64_t address, std::uint32_t size,
+                   const std::string& name, std::uint32_t line)
+{
+    InlineLoad record;
+    record.rawMethodId = id;
+    record.parentRawMethodId = parent;
+    record.loadTime = 100;
+    record.startAddr = address;
+    record.size = size;
+    record.bytes = e2e::code(size);
+    record.moduleArch = 1;
+    record.className = "Lcom/example/Inner;";
+    record.methodName = name;
+    record.sourceFile = "Inner.java";
+    record.languageType = 5;
+    record.nativeToSource = {{0, size, line}};
+    return record;
+}
+
+struct FrameText {
+    std::wstring name;
+    unsigned int line;
+};
+
+/// The method at `jitRva` and the methods inlined there, outermost first, with their lines.
+std::vector<FrameText> framesAt(ISymbolResolver& resolver, unsigned long long jitRva)
+{
+    std::vector<FrameText> frames;
+    boost::intrusive_ptr<ISymbol> symbol = resolver.resolveSymbol(jitRva);
+    boost::intrusive_ptr<ICodeRegion> region;
+    if (symbol)
+        for (auto it = symbol->getCodeRegions(); !it.at_end(); it.next())
+            if (it.current()->startJitRva() <= jitRva && jitRva < it.current()->startJitRva() + it.current()->length())
+                region = it.current();
+    while (symbol) {
+        const auto location = symbol->getSourceLocation(jitRva);
+        frames.push_back({symbol->getName(), location ? location->getLine() : 0});
+        symbol = region ? region->getInlinedMethod(jitRva) : nullptr;
+        region = region ? region->getInlinedRegion(jitRva) : nullptr;
+    }
+    return frames;
+}
+
+TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFrames)
+{
+    // J is inlined into I, and I into P; the records arrive as J, I, P.
+    MethodLoad parent = e2e::method(1, 0x1000, 0x100, 100, "run", 10);
+    TraceWriter trace;
+    trace.magic()
+        .collectorType(1)
+        .inlineLoad(kFunctionInlineLoad64, inlined(3, 2, 0x1020, 0x10, "size()I", 300))
+        .inlineLoad(kFunctionInlineLoad64, inlined(2, 1, 0x1010, 0x40, "get(I)Ljava/lang/Object;", 200))
+        .load(kFunctionLoad64_v3, parent);
+    jrtest::TempDir root;
+    root.write("d/host.7.jit", trace.bytes());
+
+    auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
+    auto directories = e2e::dirs(root, {"d"});
+    auto loader = IJitLoader::create(directories);
+    ASSERT_TRUE(resolver);
+    ASSERT_TRUE(loader);
+
+    const struct {
+        unsigned long long address;
+        std::vector<FrameText> frames;
+    } samples[] = {
+        {0x1004, {{L"App::Main::run", 10}}},
+        {0x1014, {{L"App::Main::run", 11}, {L"com::example::Inner::get", 200}}},
+        {0x1024, {{L"App::Main::run", 12}, {L"com::example::Inner::get", 200}, {L"com::example::Inner::size", 300}}},
+        {0x104f, {{L"App::Main::run", 14}, {L"com::example::Inner::get", 200}}},
+        {0x1050, {{L"App::Main::run", 15}}},
+    };
+    for (const auto& sample : samples) {
+        unsigned long long jitRva = 0;
+        boost::intrusive_ptr<IModule> module;
+        ASSERT_EQ(meSuccess, loader->resolveModule(150, sample.address, 7, 1, &jitRva, module));
+        EXPECT_EQ(1 + sample.address - 0x1000, jitRva); // the file's jit rvas start at 1
+        const std::vector<FrameText> frames = framesAt(*resolver, jitRva);
+        ASSERT_EQ(sample.frames.size(), frames.size()) << std::hex << sample.address;
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            EXPECT_EQ(sample.frames[i].name, frames[i].name) << std::hex << sample.address;
+            EXPECT_EQ(sample.frames[i].line, frames[i].line) << std::hex << sample.address;
+        }
+    }
+}
+
+} // namespace
