@@ -43,22 +43,6 @@ TEST(SymbolResolver, BitnessFilterEndsTheReadingAtTheOtherGroup)
     }
 }
 
-TEST(SymbolResolver, MagicFurtherOnEndsTheUsablePartOfAFile)
-{
-    jrtest::TempDir root;
-    TraceWriter trace;
-    trace.magic()
-        .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "before"))
-        .magic()
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 110, "behind"));
-    write(root, "d/host.1.jit", trace);
-    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-    auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-    ASSERT_TRUE(resolver);
-    EXPECT_EQ((std::vector<std::wstring>{L"App::Main::before"}), e2e::methodNames(*resolver));
-    EXPECT_TRUE(log.lines().empty()) << log.dump();
-}
-
 TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreRead)
 {
     jrtest::TempDir root;
@@ -83,28 +67,30 @@ TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreRead)
         << log.dump();
 }
 
-TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfiler)
+TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothArchitectures)
 {
     const struct {
-        bool collectorType;
-        std::wstring module32;
-        std::wstring module64;
+        bool profiler;
+        std::uint16_t firstArch;
+        std::vector<std::wstring> modules;
     } cases[] = {
-        {true, L"/opt/app/app.dll", L"/opt/app/app.dll (64)"},
-        {false, L"/opt/app/app.dll", L"/opt/app/app.dll"},
+        {true, 0, {L"/opt/app/app.dll", L"/opt/app/app.dll (64)", L"[Dynamic code] (64)"}},
+        {false, 0, {L"/opt/app/app.dll", L"/opt/app/app.dll", L"[Dynamic code]"}},
+        {true, 1, {L"/opt/app/app.dll", L"/opt/app/app.dll", L"[Dynamic code]"}}, // architecture 0 never seen
     };
     for (const auto& c : cases) {
         jrtest::TempDir root;
         TraceWriter trace;
         trace.magic();
-        if (c.collectorType)
+        if (c.profiler)
             trace.collectorType(1);
-        MethodLoad narrow = e2e::method(1, 0x1000, 0x40, 100, "narrow");
-        narrow.moduleArch = 0;
-        MethodLoad wide = e2e::method(2, 0x2000, 0x40, 100, "wide");
+        MethodLoad first = e2e::method(1, 0x1000, 0x40, 100, "first");
+        first.moduleArch = c.firstArch;
         MethodLoad dynamic = e2e::method(3, 0x3000, 0x40, 100, "dynamic");
         dynamic.modulePath.clear();
-        trace.load(kFunctionLoad64_v3, narrow).load(kFunctionLoad64_v3, wide).load(kFunctionLoad64_v3, dynamic);
+        trace.load(kFunctionLoad64_v3, first)
+            .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 100, "wide"))
+            .load(kFunctionLoad64_v3, dynamic);
         write(root, "d/host.1.jit", trace);
 
         auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
@@ -112,8 +98,7 @@ TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfiler)
         std::vector<std::wstring> modules;
         for (auto it = resolver->getMethods(); !it.at_end(); it.next())
             modules.push_back(it.current()->getModule()->getName());
-        const std::wstring dynamicName = c.collectorType ? L"[Dynamic code] (64)" : L"[Dynamic code]";
-        EXPECT_EQ((std::vector<std::wstring>{c.module32, c.module64, dynamicName}), modules);
+        EXPECT_EQ(c.modules, modules) << c.profiler << c.firstArch;
     }
 }
 

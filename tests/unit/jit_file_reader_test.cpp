@@ -18,14 +18,14 @@ using namespace tracewriter;
 const char* const kFinalizeEnter = "ENTER: void velmark_3_11::JitDataManager::finalize(void)";
 
 MethodLoad load(std::uint32_t rawId, std::uint64_t address, std::uint32_t size, std::uint64_t time,
-                const std::string& name, std::uint16_t arch = 1)
+                const std::string& name)
 {
     MethodLoad record;
     record.rawMethodId = rawId;
     record.loadTime = time;
     record.ranges.push_back({address, size, Bytes(size, 0x90)});
     record.modulePath = "/opt/app.dll";
-    record.moduleArch = arch;
+    record.moduleArch = 1;
     record.methodName = name;
     return record;
 }
@@ -40,7 +40,7 @@ class Reader {
 public:
     ReadResult read(const TraceWriter& trace, unsigned int filter = bfAll, decoding_mode_t mode = decoding_mode_full)
     {
-        const std::string path = m_root.write("host.7.jit", trace.bytes());
+        m_root.write("host.7.jit", trace.bytes());
         JitFileDecoder decoder(m_root.wide("host.7.jit"), 7, 1, 1, mode);
         decoder.setSearchRegionCallback(&store);
         ReadResult out;
@@ -88,9 +88,6 @@ TEST(JitFileReader, WhereTheReadingEndsAndWhetherTheStoreIsFinalised)
          bfAll, meSuccess, {L"a"}, true},
         {"64-bit only, first record 32-bit",
          TraceWriter().magic().load(kFunctionLoad32_v3, load(1, 0x1000, 16, 10, "a")), bfOnly64, meSuccess, {}, true},
-        {"32-bit only, ends at the first 64-bit record",
-         TraceWriter().load(kFunctionLoad32, load(0, 0x1000, 16, 10, "a")).load(kFunctionLoad64_v1, load(0, 0x2000, 16, 10, "b")).load(kFunctionLoad32, load(0, 0x3000, 16, 10, "c")),
-         bfOnly32, meSuccess, {L"a"}, true},
         {"corrupt frame",
          TraceWriter().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a")).frame(15, {0}).load(kFunctionLoad64_v3, load(2, 0x2000, 16, 10, "b")),
          bfAll, meBadTrace, {L"a"}, false},
@@ -104,36 +101,6 @@ TEST(JitFileReader, WhereTheReadingEndsAndWhetherTheStoreIsFinalised)
         EXPECT_EQ(c.result, read.result) << c.what;
         EXPECT_EQ(c.names, read.names) << c.what;
         EXPECT_EQ(c.finalized, read.finalized) << c.what;
-    }
-}
-
-TEST(JitFileReader, RenamesArchitectureOneModulesOnlyUnderTheJitProfilerWithBothArchitectures)
-{
-    const struct {
-        bool profiler;
-        std::uint16_t secondArch;
-        std::vector<std::wstring> modules;
-    } cases[] = {
-        {true, 0, {L"/opt/app.dll (64)", L"/opt/app.dll", L"[Dynamic code] (64)"}},
-        {false, 0, {L"/opt/app.dll", L"/opt/app.dll", L"[Dynamic code]"}},
-        {true, 1, {L"/opt/app.dll", L"/opt/app.dll", L"[Dynamic code]"}}, // architecture 0 never seen
-    };
-    for (const auto& c : cases) {
-        TraceWriter trace;
-        trace.magic();
-        if (c.profiler)
-            trace.collectorType(1);
-        MethodLoad dynamic = load(3, 0x3000, 16, 10, "c", 1);
-        dynamic.modulePath.clear();
-        trace.load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "a", 1))
-            .load(kFunctionLoad64_v3, load(2, 0x2000, 16, 10, "b", c.secondArch))
-            .load(kFunctionLoad64_v3, dynamic);
-        Reader reader;
-        ASSERT_EQ(meSuccess, reader.read(trace).result);
-        std::vector<std::wstring> modules;
-        for (const auto& method : reader.store.methodList())
-            modules.push_back(method->getModule()->getName());
-        EXPECT_EQ(c.modules, modules) << c.profiler << c.secondArch;
     }
 }
 

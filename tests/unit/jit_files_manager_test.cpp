@@ -28,34 +28,26 @@ TEST(JitFilesManager, ParsesHostAndProcessFromTheName)
         const wchar_t* name;
         velmark_error_t result;
         const wchar_t* host;
-        unsigned int processId;
+        unsigned int processId; // 77 going in
     } cases[] = {
         {L"node7.example.1234-5.jit", meSuccess, L"node7.example", 1234},
         {L"host.42.jit", meSuccess, L"host", 42},
         {L"a..1.jit", meSuccess, L"a.", 1},
-        {L"host.abc.jit", meSuccess, L"host", 0},     // no number: the id keeps its value
+        {L"host.abc.jit", meSuccess, L"host", 77},     // no number: the id keeps its value
         {L"host.-7.jit", meSuccess, L"host", 7},       // empty pieces around "-" are dropped
         {L"host.12abc.jit", meSuccess, L"host", 12},   // a number as far as it goes
         {L"h.x.y.99.jit", meSuccess, L"h.x.y", 99},
-        {L"a.jit", meFail, L"", 0},
-        {L"", meFail, L"", 0},
-        {L"..jit", meFail, L"", 0},
+        {L"a.jit", meFail, L"", 77},
+        {L"", meFail, L"", 77},
+        {L"..jit", meFail, L"", 77},
     };
     for (const auto& c : cases) {
-        unsigned int processId = 0;
+        unsigned int processId = 77;
         std::wstring host;
         EXPECT_EQ(c.result, JitFilesManager::parseFileName(c.name, processId, host)) << c.name;
         EXPECT_EQ(c.host, host) << c.name;
         EXPECT_EQ(c.processId, processId) << c.name;
     }
-}
-
-TEST(JitFilesManager, KeepsTheProcessIdWhenTheTextIsNoNumber)
-{
-    unsigned int processId = 77;
-    std::wstring host;
-    EXPECT_EQ(meSuccess, JitFilesManager::parseFileName(L"host.abc.jit", processId, host));
-    EXPECT_EQ(77u, processId);
 }
 
 TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRanges)
