@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -35,13 +34,12 @@ void expectGolden(const std::string& name, const std::wstring& actual)
 }
 
 boost::intrusive_ptr<Region> addRegion(JitMethod& method, unsigned long long jitRva, unsigned long long start,
-                                       unsigned int length, const std::vector<unsigned char>& bytes)
+                                       unsigned int length, const std::vector<unsigned char>& bytes = {})
 {
-    boost::intrusive_ptr<Region> region = new Region(
-        7003, 1, 0x1f4, jitRva, start, length,
-        bytes.empty() ? nullptr : makeByteBuffer(bytes.data(), static_cast<unsigned int>(bytes.size())));
-    method.addRegion(region);
-    return region;
+    const unsigned int size = static_cast<unsigned int>(bytes.size());
+    method.addRegion(
+        new Region(7003, 1, 0x1f4, jitRva, start, length, size ? makeByteBuffer(bytes.data(), size) : nullptr));
+    return method.regions().back();
 }
 
 boost::intrusive_ptr<JitMethod> makeMethod(unsigned int arch, unsigned int rawId = 0x10,
@@ -63,16 +61,11 @@ boost::intrusive_ptr<JitMethod> makeMethod(unsigned int arch, unsigned int rawId
 
 TEST(MethodDump, GoldenTexts)
 {
-    struct Case {
-        const char* golden;
-        unsigned int arch;
-        std::function<void(JitMethod&)> build;
-    };
-    const Case cases[] = {
+    const struct { const char* golden; unsigned int arch; void (*build)(JitMethod&); } cases[] = {
         {"two_regions_x64", 2,
          [](JitMethod& m) {
              addRegion(m, 0x5000, 0x7f0000001000, 5, {0x55, 0x48, 0x89, 0xE5, 0xC3});
-             addRegion(m, 0x6000, 0x7f0000002000, 8, {});
+             addRegion(m, 0x6000, 0x7f0000002000, 8);
              m.addLineNumberInfo(ltManagedToSource, {{0, 2, 10}, {2, 6, 11}}, Range(0x5000, 5));
              m.addLineNumberInfo(ltNativeToManaged, {{0, 1, 0}, {1, 5, 2}}, Range(0x5000, 5));
              m.addLineNumberInfo(ltNativeToSource, {{0, 1, 10}, {1, 5, 11}}, Range(0x5000, 5));
@@ -83,12 +76,11 @@ TEST(MethodDump, GoldenTexts)
         {"wrong_arch", 3, [](JitMethod& m) { addRegion(m, 0x100, 0x1000, 1, {0x90}); }},
         {"no_regions", 9, [](JitMethod&) {}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.golden);
         boost::intrusive_ptr<JitMethod> method = makeMethod(c.arch);
         c.build(*method);
-        // A log line's stream comes with these flags; the dump must neither add a second "0x"
-        // nor leave the flags changed.
+        // The flags of a log line's stream: no second "0x", and the flags come back unchanged.
         std::wostringstream stream;
         stream << std::showbase << std::uppercase << std::hex << L"Raw JIT file data:\n" << MethodDump(*method);
         EXPECT_EQ(stream.flags(), std::ios_base::showbase | std::ios_base::uppercase | std::ios_base::hex |
@@ -100,14 +92,12 @@ TEST(MethodDump, GoldenTexts)
 TEST(MethodDump, LiveCodeRegionsWithNestedInlines)
 {
     JitMethod method;
-    boost::intrusive_ptr<Region> first = addRegion(method, 0x5000, 0x1000, 0x100, {});
-    addRegion(method, 0x6000, 0x2000, 0x10, {})->setUnloadTime(0x300);
-    addRegion(method, 0x7000, 0x3000, 0x10, {});
-
-    boost::intrusive_ptr<JitMethod> inl = makeMethod(1, 0x21, L"Inl"), deep = makeMethod(1, 0x22, L"Deep");
-    boost::intrusive_ptr<Region> inlRegion = new Region(7003, 1, 0, 0, 0x1010, 0x10, nullptr);
-    inlRegion->addInlined(new Region(7003, 1, 0, 0, 0x1012, 2, nullptr), deep);
-    first->addInlined(inlRegion, inl);
+    boost::intrusive_ptr<Region> first = addRegion(method, 0x5000, 0x1000, 0x100);
+    addRegion(method, 0x6000, 0x2000, 0x10)->setUnloadTime(0x300);
+    addRegion(method, 0x7000, 0x3000, 0x10);
+    boost::intrusive_ptr<Region> inlined = new Region(7003, 1, 0, 0, 0x1010, 0x10, nullptr);
+    inlined->addInlined(new Region(7003, 1, 0, 0, 0x1012, 2, nullptr), makeMethod(1, 0x22, L"Deep"));
+    first->addInlined(inlined, makeMethod(1, 0x21, L"Inl"));
 
     EXPECT_EQ(dumpCodeRegions(method), L"\nCode region #1 (ip range = 0x1000-0x1100)"
                                        L"\n   #1 App::Program::Inl (method id = 0x21, ip range = 0x1010-0x1020)"
