@@ -2,10 +2,12 @@
 #include "jitreader/jit_file_decoder.h"
 
 #include <functional>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "jitreader/byte_buffer.h"
+#include "platform/text.h"
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "tracewriter/trace_writer.h"
@@ -20,157 +22,101 @@ using tracewriter::UpdateV2;
 const unsigned long long kBase = 0x2000;
 
 // The one region that the store knows: 64 bytes of 0xCC at 0x401000, of method 16.
-class FakeStore : public JitFileDecoder::SearchRegionCallback {
-public:
-    FakeStore()
-        : region(new Region(7003, 1, 0x100, 0x5000, 0x401000, 64, makeByteBuffer(Bytes(64, 0xCC).data(), 64))),
-          method(new JitMethod)
-    {
-        method->setRawMethodId(16);
-    }
+struct FakeStore : JitFileDecoder::SearchRegionCallback {
     velmark_error_t searchRegion(unsigned long long address, unsigned long long, unsigned int, unsigned int,
                                  boost::intrusive_ptr<Region>& found,
-                                 boost::intrusive_ptr<JitMethod>& foundMethod) const override
+                                 boost::intrusive_ptr<JitMethod>& owner) const override
     {
-        if (address < region->startAddress() || address >= region->endAddress())
-            return meFail;
         found = region;
-        foundMethod = method;
-        return meSuccess;
+        owner = method;
+        return address >= 0x401000 && address < 0x401040 ? meSuccess : meFail;
     }
-    boost::intrusive_ptr<Region> region;
-    boost::intrusive_ptr<JitMethod> method;
+    boost::intrusive_ptr<Region> region{
+        new Region(7003, 1, 0x100, 0x5000, 0x401000, 64, makeByteBuffer(Bytes(64, 0xCC).data(), 64))};
+    boost::intrusive_ptr<JitMethod> method{[] { auto* m = new JitMethod; m->setRawMethodId(16); return m; }()};
 };
 
-Bytes contentOf(const Region& region)
+// A region as "jitRva:address+length tLoadTime" in hex, then its content as runs of
+// "byte x count" with decimal counts.
+std::string regionText(const Region& region)
 {
-    if (!region.getContent())
-        return Bytes();
-    const auto* data = static_cast<const unsigned char*>(region.getContent()->getData());
-    return Bytes(data, data + region.getContent()->getSize());
-}
-
-std::vector<std::string> errorsOf(const jrtest::LogCapture& log)
-{
-    std::vector<std::string> errors;
-    for (const std::string& text : log.texts(log4cplus::ERROR_LOG_LEVEL))
-        errors.push_back(text.substr(0, text.find(jrtest::kAtFileSuffix)));
-    return errors;
-}
-
-InlineLoad sampleInline()
-{
-    InlineLoad record;
-    record.rawMethodId = 17;
-    record.parentRawMethodId = 16;
-    record.loadTime = 0x300;
-    record.startAddr = 0x401010;
-    record.size = 8;
-    record.bytes = Bytes(8, 0x90);
-    record.moduleArch = 1;
-    record.methodName = "Inner";
-    record.className = "App.Worker";
-    record.languageType = 3;
-    record.nativeToSource = {{0, 8, 42}};
-    return record;
-}
-
-TEST(InlineRecord, ChecksItsFieldsAndKeepsTheCounter)
-{
-    struct Case {
-        const char* name;
-        std::function<void(InlineLoad&)> change;
-        decoding_mode_t mode;
-        const char* error; // null: the record is taken
-    };
-    const Case cases[] = {
-        {"taken", [](InlineLoad&) {}, decoding_mode_full, nullptr},
-        {"taken without bytes", [](InlineLoad&) {}, decoding_mode_modules, nullptr},
-        {"load time 0", [](InlineLoad& r) { r.loadTime = 0; }, decoding_mode_full, "Invalid load time: 0"},
-        {"two ranges", [](InlineLoad& r) { r.rangeCount = 2; }, decoding_mode_full,
-         "Invalid number of code regions: 0x2"},
-        {"start 0", [](InlineLoad& r) { r.startAddr = 0; }, decoding_mode_full,
-         "Invalid start address of code range: 0"},
-        {"size 0", [](InlineLoad& r) { r.size = 0; }, decoding_mode_full, "Invalid size of code range: 0"},
-        {"no bytes", [](InlineLoad& r) { r.bytes.clear(); }, decoding_mode_full,
-         "Invalid number of code range's bytes: 0"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        InlineLoad input = sampleInline();
-        c.change(input);
-        JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, c.mode);
-        boost::intrusive_ptr<JitMethod> method(new JitMethod);
-        jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        const bool taken = decoder.decodeMethodInlineLoadRecord(Record{0, 12, tracewriter::encodeInlineLoad(input)},
-                                                                method);
-        EXPECT_EQ(taken, c.error == nullptr);
-        EXPECT_EQ(errorsOf(log), c.error ? std::vector<std::string>{c.error} : std::vector<std::string>{});
-        EXPECT_EQ(decoder.allocJitRva(0), kBase);
-        if (!taken)
-            continue;
-        ASSERT_EQ(method->regionCount(), 1u);
-        const Region& region = *method->regions()[0];
-        EXPECT_EQ(region.startJitRva(), 0u);
-        EXPECT_EQ(region.startAddress(), 0x401010u);
-        EXPECT_EQ(region.length(), 8u);
-        EXPECT_EQ(contentOf(region), c.mode == decoding_mode_full ? input.bytes : Bytes());
-        EXPECT_EQ(method->getRawParentId(), 16u);
-        EXPECT_STREQ(method->getName(), L"App::Worker::Inner");
-        EXPECT_STREQ(method->getModule()->getName(), L"[Dynamic code]");
-        EXPECT_EQ(method->lineNumberInfo().begin()->first, Range(0, 8));
-        EXPECT_EQ(method->lineNumberInfo().begin()->second.tables[ltNativeToSource].size(), 1u);
-        EXPECT_EQ(method->getMethodId(), MethodIdMaker().makeMethodId(17, *method));
-        EXPECT_EQ(method->getParentId(), MethodIdMaker().makeMethodId(16, *method));
+    std::ostringstream out;
+    out << std::hex << region.startJitRva() << ":" << region.startAddress() << "+" << region.length() << " t"
+        << region.loadTime();
+    const auto content = region.getContent();
+    const auto* data = content ? static_cast<const unsigned char*>(content->getData()) : nullptr;
+    for (unsigned int i = 0, run = 1; content && i < content->getSize(); i += run, run = 1) {
+        while (i + run < content->getSize() && data[i + run] == data[i])
+            ++run;
+        out << std::hex << " " << int(data[i]) << "x" << std::dec << run;
     }
+    return out.str();
 }
 
-TEST(UpdateRecord, CopiesTheFoundRegionOrRefuses)
+Record inlineRecord(const std::function<void(InlineLoad&)>& change = [](InlineLoad&) {})
 {
-    struct Case {
+    // Raw id, parent, load time, rangeCount, address, size, code, module, arch, name, class,
+    // source file, language, native-to-source rows.
+    InlineLoad record{17, 16, 0x300, 1, 0x401010, 8, Bytes(8, 0x90), "", 1, "Inner", "App.Worker", "", 3, {{0, 8, 42}}};
+    change(record);
+    return Record{0, 12, tracewriter::encodeInlineLoad(record)};
+}
+
+Record updateRecord(const std::function<void(UpdateV2&)>& change = [](UpdateV2&) {})
+{
+    UpdateV2 record{1, 0x400, 1, "patch", 0x401010, 8, Bytes(8, 0x22)}; // segment type, time, arch, name, range
+    change(record);
+    return Record{0, 14, tracewriter::encodeUpdateV2(record)};
+}
+
+TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
+{
+    const std::string dynamic = " | [Dynamic code] 0 | ";
+    const struct {
         const char* name;
-        std::function<void(UpdateV2&)> change;
-        bool withStore;
-        decoding_mode_t mode;
-        const char* error;  // null: the record is taken
-        unsigned long long start, jitRva, counter;
-        unsigned int length;
-        std::size_t patched; // offset of the new bytes in the content; npos: no content
+        Record record;
+        const char* error; // null: the record is taken
+        unsigned long long counter;
+        std::string summary = ""; // the region, module and type, name and raw id of the method taken
+        decoding_mode_t mode = decoding_mode_full;
+        bool withStore = true;
+    } cases[] = {
+        {"inline", inlineRecord(), nullptr, kBase, "0:401010+8 t300 90x8" + dynamic + "App::Worker::Inner 17"},
+        {"inline without bytes", inlineRecord(), nullptr, kBase, "0:401010+8 t300" + dynamic + "App::Worker::Inner 17",
+         decoding_mode_modules},
+        {"inline: load time 0", inlineRecord([](InlineLoad& r) { r.loadTime = 0; }), "Invalid load time: 0", kBase},
+        {"inline: two ranges", inlineRecord([](InlineLoad& r) { r.rangeCount = 2; }),
+         "Invalid number of code regions: 0x2", kBase},
+        {"inline: start 0", inlineRecord([](InlineLoad& r) { r.startAddr = 0; }),
+         "Invalid start address of code range: 0", kBase},
+        {"inline: size 0", inlineRecord([](InlineLoad& r) { r.size = 0; }), "Invalid size of code range: 0", kBase},
+        {"inline: no bytes", inlineRecord([](InlineLoad& r) { r.bytes.clear(); }),
+         "Invalid number of code range's bytes: 0", kBase},
+        {"update, no store", updateRecord(), nullptr, kBase, "0:401010+8 t400 22x8" + dynamic + " 0",
+         decoding_mode_full, false},
+        {"update inside the region", updateRecord(), nullptr, kBase + 64,
+         "2000:401000+40 t400 ccx16 22x8 ccx40" + dynamic + " 16"},
+        {"update of the whole region",
+         updateRecord([](UpdateV2& u) { u.codeAddr = 0x401000; u.codeLen = 64; u.bytes = Bytes(64, 0x11); }),
+         nullptr, kBase + 64, "2000:401000+40 t400 11x64" + dynamic + " 16"},
+        {"update without bytes", updateRecord(), nullptr, kBase + 64, "2000:401000+40 t400" + dynamic + " 16",
+         decoding_mode_modules},
+        {"update: larger than the region", updateRecord([](UpdateV2& u) { u.codeAddr = 0x401000; u.codeLen = 65; }),
+         "Couldn't update the detected range (0x401000-0x401040) because it's size is small", kBase},
+        {"update: not in the store", updateRecord([](UpdateV2& u) { u.codeAddr = 0x500000; }),
+         "Couldn't find a range to be updated", kBase},
+        {"update: refused by the region", updateRecord([](UpdateV2& u) { u.segmentType = 7; }),
+         "Couldn't update because the input segment type =0x7 is not recognized", kBase + 64},
+        {"update: load time 0", updateRecord([](UpdateV2& u) { u.loadTime = 0; }), "Invalid load time: 0", kBase},
+        {"update: address 0", updateRecord([](UpdateV2& u) { u.codeAddr = 0; }),
+         "Invalid start address of code range: 0", kBase},
+        {"update: length 0", updateRecord([](UpdateV2& u) { u.codeLen = 0; }), "Invalid length of code range: 0",
+         kBase},
+        {"update: no bytes", updateRecord([](UpdateV2& u) { u.bytes.clear(); }),
+         "Invalid number of code range's bytes: 0", kBase},
     };
-    const std::size_t none = std::string::npos;
-    const Case cases[] = {
-        {"no store", [](UpdateV2&) {}, false, decoding_mode_full, nullptr, 0x401010, 0, kBase, 8, 0},
-        {"inside the region", [](UpdateV2&) {}, true, decoding_mode_full, nullptr, 0x401000, kBase, kBase + 64, 64,
-         16},
-        {"the whole region", [](UpdateV2& u) { u.codeAddr = 0x401000; u.codeLen = 64; u.bytes = Bytes(64, 0x11); },
-         true, decoding_mode_full, nullptr, 0x401000, kBase, kBase + 64, 64, 0},
-        {"modules mode", [](UpdateV2&) {}, true, decoding_mode_modules, nullptr, 0x401000, kBase, kBase + 64, 64, none},
-        {"one byte more than the region", [](UpdateV2& u) { u.codeAddr = 0x401000; u.codeLen = 65; }, true,
-         decoding_mode_full, "Couldn't update the detected range (0x401000-0x401040) because it's size is small", 0, 0,
-         kBase, 0, none},
-        {"not in the store", [](UpdateV2& u) { u.codeAddr = 0x500000; }, true, decoding_mode_full,
-         "Couldn't find a range to be updated", 0, 0, kBase, 0, none},
-        {"refused by the region", [](UpdateV2& u) { u.segmentType = 7; }, true, decoding_mode_full,
-         "Couldn't update because the input segment type =0x7 is not recognized", 0, 0, kBase + 64, 0, none},
-        {"load time 0", [](UpdateV2& u) { u.loadTime = 0; }, true, decoding_mode_full, "Invalid load time: 0", 0, 0,
-         kBase, 0, none},
-        {"address 0", [](UpdateV2& u) { u.codeAddr = 0; }, true, decoding_mode_full,
-         "Invalid start address of code range: 0", 0, 0, kBase, 0, none},
-        {"length 0", [](UpdateV2& u) { u.codeLen = 0; }, true, decoding_mode_full, "Invalid length of code range: 0",
-         0, 0, kBase, 0, none},
-        {"no bytes", [](UpdateV2& u) { u.bytes.clear(); }, true, decoding_mode_full,
-         "Invalid number of code range's bytes: 0", 0, 0, kBase, 0, none},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        UpdateV2 input;
-        input.loadTime = 0x400;
-        input.moduleArch = 1;
-        input.name = "patch";
-        input.codeAddr = 0x401010;
-        input.codeLen = 8;
-        input.bytes = Bytes(8, 0x22);
-        c.change(input);
         FakeStore store;
         JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, c.mode);
         if (c.withStore)
@@ -178,75 +124,50 @@ TEST(UpdateRecord, CopiesTheFoundRegionOrRefuses)
         boost::intrusive_ptr<JitMethod> method(new JitMethod);
         jrtest::AssertionCapture assertions; // a record without bytes ends at its byte count
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        const bool taken = decoder.decodeMethodUpdateRecordV2(Record{0, 14, tracewriter::encodeUpdateV2(input)}, method);
+        const bool taken = c.record.type == 14 ? decoder.decodeMethodUpdateRecordV2(c.record, method)
+                                               : decoder.decodeMethodInlineLoadRecord(c.record, method);
         EXPECT_EQ(taken, c.error == nullptr);
-        EXPECT_EQ(errorsOf(log), c.error ? std::vector<std::string>{c.error} : std::vector<std::string>{});
+        const std::vector<std::string> errors = log.texts(log4cplus::ERROR_LOG_LEVEL);
+        const std::string expected = c.error ? std::string(c.error) + jrtest::kAtFileSuffix : "";
+        EXPECT_TRUE(c.error ? errors.size() == 1 && errors[0].rfind(expected, 0) == 0 : errors.empty()) << log.dump();
         EXPECT_EQ(decoder.allocJitRva(0), c.counter);
-        EXPECT_EQ(contentOf(*store.region), Bytes(64, 0xCC)); // the store's region is never touched
+        EXPECT_EQ(regionText(*store.region), "5000:401000+40 t100 ccx64"); // the store's region is never touched
         if (!taken)
             continue;
-        EXPECT_EQ(method->getStartJitRva(), kBase);
-        EXPECT_EQ(method->getRawMethodId(), c.withStore ? 16u : 0u);
-        EXPECT_STREQ(method->getModule()->getName(), L"[Dynamic code]");
-        EXPECT_EQ(method->getModule()->getType(), 0u);
-        EXPECT_EQ(method->getMethodId(), MethodIdMaker().makeMethodId(method->getRawMethodId(), *method));
         ASSERT_EQ(method->regionCount(), 1u);
-        const Region& region = *method->regions()[0];
-        EXPECT_EQ(region.startAddress(), c.start);
-        EXPECT_EQ(region.length(), c.length);
-        EXPECT_EQ(region.startJitRva(), c.jitRva);
-        EXPECT_EQ(region.loadTime(), 0x400u);
-        Bytes expected;
-        if (c.patched != none) {
-            expected = c.withStore ? Bytes(64, 0xCC) : Bytes();
-            expected.resize(std::max<std::size_t>(expected.size(), c.patched + input.bytes.size()));
-            std::copy(input.bytes.begin(), input.bytes.end(), expected.begin() + static_cast<std::ptrdiff_t>(c.patched));
-        }
-        EXPECT_EQ(contentOf(region), expected);
+        const IModule& module = *method->getModule();
+        EXPECT_EQ(regionText(*method->regions()[0]) + " | " + toUtf8(module.getName()) + " " +
+                      std::to_string(module.getType()) + " | " + toUtf8(method->getName()) + " " +
+                      std::to_string(method->getRawMethodId()), c.summary);
+        EXPECT_EQ(method->getStartJitRva(), c.record.type == 14 ? kBase : 0u);
+        EXPECT_EQ(method->getMethodId(), MethodIdMaker().makeMethodId(method->getRawMethodId(), *method));
     }
 }
 
-TEST(UpdateRecord, TrailingBytesAreReportedAndDecodingGoesOn)
+// Truncated payloads, whose fields lie about what follows, are reported; so are bytes behind
+// an update's code, and the update is taken all the same.
+TEST(InlineAndUpdateRecords, TruncatedOrTrailingPayloadsAreReported)
 {
-    UpdateV2 input;
-    input.loadTime = 0x400;
-    input.codeAddr = 0x401010;
-    input.codeLen = 8;
-    input.bytes = Bytes(8, 0x22);
-    Bytes payload = tracewriter::encodeUpdateV2(input);
-    payload.push_back(0);
-    jrtest::AssertionCapture assertions;
-    JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, decoding_mode_full);
-    boost::intrusive_ptr<JitMethod> method(new JitMethod);
-    EXPECT_TRUE(decoder.decodeMethodUpdateRecordV2(Record{0, 14, payload}, method));
-    EXPECT_EQ(assertions.expressions(), std::vector<std::string>{"bytesRead == traceLen"});
-}
-
-TEST(InlineAndUpdateRecords, EveryTruncatedPrefixDecodesWithoutHarm)
-{
-    UpdateV2 update;
-    update.loadTime = 0x400;
-    update.name = "patch";
-    update.codeAddr = 0x401010;
-    update.codeLen = 8;
-    update.bytes = Bytes(8, 0x22);
-    const Record valid[] = {{0, 11, tracewriter::encodeInlineLoad(sampleInline())},
-                            {0, 14, tracewriter::encodeUpdateV2(update)}};
     FakeStore store;
     jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-    for (const Record& record : valid) {
-        for (std::size_t length = 0; length <= record.data.size(); ++length) {
+    for (const Record& record : {inlineRecord(), updateRecord()}) {
+        for (std::size_t length = 0; length <= record.data.size() + 1; ++length) {
+            SCOPED_TRACE(testing::Message() << "type " << record.type << " length " << length);
             jrtest::AssertionCapture assertions;
             JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, decoding_mode_full);
             decoder.setSearchRegionCallback(&store);
             boost::intrusive_ptr<JitMethod> method(new JitMethod);
-            const Record prefix{0, record.type,
-                                Bytes(record.data.begin(), record.data.begin() + static_cast<std::ptrdiff_t>(length))};
-            if (record.type == 11)
-                decoder.decodeMethodInlineLoadRecord(prefix, method);
+            Record prefix{0, record.type, record.data};
+            prefix.data.resize(length);
+            const bool taken = record.type == 14 ? decoder.decodeMethodUpdateRecordV2(prefix, method)
+                                                 : decoder.decodeMethodInlineLoadRecord(prefix, method);
+            std::vector<std::string> expected;
+            if (length > record.data.size() && record.type == 14)
+                expected.push_back("bytesRead == traceLen");
+            if (length < record.data.size())
+                EXPECT_FALSE(assertions.reports().empty());
             else
-                decoder.decodeMethodUpdateRecordV2(prefix, method);
-            EXPECT_EQ(assertions.reports().empty(), length == record.data.size()) << record.type << " " << length;
+                EXPECT_TRUE(taken && assertions.expressions() == expected);
         }
     }
 }

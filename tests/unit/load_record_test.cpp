@@ -2,9 +2,11 @@
 #include "jitreader/jit_file_decoder.h"
 
 #include <functional>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
+#include "platform/text.h"
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -19,258 +21,185 @@ using tracewriter::Payload;
 
 const unsigned long long kBase = 0x1000;
 
-MethodLoad sampleLoad()
+// Raw id, token, isInline, load time, ranges, module and arch, name, class, source file, checksum
+// type, checksum, language, then the managed-to-source, native-to-managed and native-to-source tables.
+const MethodLoad kLoad{16, 0x06000001, 0, 0x5000, {{0x401000, 64, Bytes(64, 0xC3)}, {0x402000, 32, {0x90, 0x90}}},
+                       "/opt/app/libapp.so", 1, "Run", "App.Worker", "Worker.cs", 2, "ab12", 3,
+                       {{0, 4, 10}, {4, 8, 11}}, {{0, 16, 0}, {16, 32, 4}}, {{0, 16, 10}, {16, 64, 11}}};
+
+// A decoder of process 7003 on host 1 whose jit rvas start at kBase, and the method it fills.
+struct Decoding {
+    explicit Decoding(decoding_mode_t mode = decoding_mode_full, const std::wstring& path = L"/nonexistent.jit")
+        : decoder(path, 7003, 1, kBase, mode) {}
+    bool run(std::uint32_t type, const Bytes& payload)
+    {
+        const Record record{0, type, payload};
+        switch (type) {
+        case 0: case 2: return decoder.decodeMethodLoadRecord(record, method);
+        case 4: case 5: return decoder.decodeMethodLoadRecordV1(record, method);
+        case 6: case 7: return decoder.decodeMethodLoadRecordV2(record, method);
+        default: return decoder.decodeMethodLoadRecordV3(record, method, nullptr);
+        }
+    }
+    JitFileDecoder decoder;
+    boost::intrusive_ptr<JitMethod> method{new JitMethod};
+};
+
+// The regions as "jitRva:address+length " in hex, then "| module type | class | name" if the
+// method has a module, then "| source checksum checksumType language" if it has a source file.
+std::string summary(const JitMethod& method)
 {
-    MethodLoad load;
-    load.rawMethodId = 16;
-    load.metadataToken = 0x06000001;
-    load.loadTime = 0x5000;
-    load.ranges = {{0x401000, 64, Bytes(64, 0xC3)}, {0x402000, 32, {0x90, 0x90}}};
-    load.modulePath = "/opt/app/libapp.so";
-    load.moduleArch = 1;
-    load.methodName = "Run";
-    load.className = "App.Worker";
-    load.sourceFile = "Worker.cs";
-    load.checksumType = 2;
-    load.checksum = "ab12";
-    load.languageType = 3;
-    load.managedToSource = {{0, 4, 10}, {4, 8, 11}};
-    load.nativeToManaged = {{0, 16, 0}, {16, 32, 4}};
-    load.nativeToSource = {{0, 16, 10}, {16, 64, 11}};
-    return load;
+    std::ostringstream out;
+    for (const auto& r : method.regions())
+        out << std::hex << r->startJitRva() << ":" << r->startAddress() << "+" << r->length() << " " << std::dec;
+    if (method.getModule())
+        out << "| " << toUtf8(method.getModule()->getName()) << " " << method.getModule()->getType() << " | "
+            << toUtf8(method.getClassName()) << " | " << toUtf8(method.getName());
+    const SourceFile& source = method.sourceFile();
+    if (method.getSourceFile())
+        out << " | " << toUtf8(source.getName()) << " " << toUtf8(source.getChecksum()) << " "
+            << source.getChecksumType() << " " << source.getLanguageType();
+    return out.str();
 }
 
-bool decode(JitFileDecoder& decoder, const Record& record, boost::intrusive_ptr<JitMethod>& method,
-            unsigned char* isInline = nullptr)
-{
-    switch (record.type) {
-    case 0: case 2: return decoder.decodeMethodLoadRecord(record, method);
-    case 4: case 5: return decoder.decodeMethodLoadRecordV1(record, method);
-    case 6: case 7: return decoder.decodeMethodLoadRecordV2(record, method);
-    default: return decoder.decodeMethodLoadRecordV3(record, method, isInline);
-    }
-}
+const std::string kRegions = "1000:401000+40 1040:402000+20 ";
+const std::string kNames = "| /opt/app/libapp.so 4 | App::Worker | App::Worker::Run | Worker.cs ab12 2 3";
 
-void expectRows(const std::vector<LineNumberEntry>& actual, const std::vector<tracewriter::LineRow>& expected)
+// A line table as "start-end=value " rows.
+std::string rowsOf(const std::vector<LineNumberEntry>& rows)
 {
-    ASSERT_EQ(actual.size(), expected.size());
-    for (std::size_t i = 0; i < actual.size(); ++i) {
-        EXPECT_EQ(actual[i].start, expected[i].first);
-        EXPECT_EQ(actual[i].end, expected[i].second);
-        EXPECT_EQ(actual[i].value, expected[i].third);
-    }
+    std::string text;
+    for (const LineNumberEntry& r : rows)
+        text += std::to_string(r.start) + "-" + std::to_string(r.end) + "=" + std::to_string(r.value) + " ";
+    return text;
 }
 
 TEST(LoadRecord, EveryFormRoundTripsInBothModes)
 {
-    struct Form {
-        std::uint32_t type;
-        int form;
-    };
-    const Form forms[] = {{0, 1}, {2, 1}, {4, 2}, {5, 2}, {6, 3}, {7, 3}, {8, 4}, {9, 4}, {10, 4}};
-    const MethodLoad load = sampleLoad();
-    for (const Form& f : forms) {
+    for (std::uint32_t type : {0u, 2u, 4u, 5u, 6u, 7u, 8u, 9u, 10u}) {
+        const int form = type < 4 ? 1 : type < 6 ? 2 : type < 8 ? 3 : 4;
         for (decoding_mode_t mode : {decoding_mode_full, decoding_mode_modules}) {
-            SCOPED_TRACE(testing::Message() << "type " << f.type << " mode " << mode);
-            JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, mode);
-            const Record record{0, f.type, tracewriter::encodeMethodLoad(f.type, load)};
-            boost::intrusive_ptr<JitMethod> method(new JitMethod);
-            jrtest::LogCapture log(log4cplus::INFO_LOG_LEVEL);
-            ASSERT_TRUE(decode(decoder, record, method));
-            EXPECT_EQ(log.count(log4cplus::INFO_LOG_LEVEL, "Raw JIT file data:\n"), f.form == 4 ? 1u : 0u);
-
-            EXPECT_EQ(method->getStartJitRva(), kBase);
-            EXPECT_EQ(decoder.allocJitRva(0), kBase + 96);
-            EXPECT_EQ(method->getMetadataToken(), 0x06000001u);
-            EXPECT_EQ(method->getLoadTime(), 0x5000u);
-            EXPECT_EQ(method->getRawMethodId(), f.form == 4 ? 16u : 0u);
-            ASSERT_EQ(method->regionCount(), 2u);
-            const unsigned long long jitRvas[] = {kBase, kBase + 64};
+            SCOPED_TRACE(testing::Message() << "type " << type << " mode " << mode);
+            Decoding d(mode);
+            ASSERT_TRUE(d.run(type, tracewriter::encodeMethodLoad(type, kLoad)));
+            const JitMethod& m = *d.method;
+            EXPECT_EQ(m.getStartJitRva(), kBase);
+            EXPECT_EQ(d.decoder.allocJitRva(0), kBase + 96);
+            EXPECT_TRUE(m.getMetadataToken() == 0x06000001 && m.getLoadTime() == 0x5000);
+            EXPECT_TRUE(m.getRawMethodId() == (form == 4 ? 16u : 0u) && m.getModule()->getArch() == 1);
+            ASSERT_EQ(m.regionCount(), 2u);
             for (std::size_t i = 0; i < 2; ++i) {
-                const Region& region = *method->regions()[i];
-                EXPECT_EQ(region.startJitRva(), jitRvas[i]);
-                EXPECT_EQ(region.startAddress(), load.ranges[i].startAddr);
-                EXPECT_EQ(region.length(), load.ranges[i].size);
-                EXPECT_EQ(region.processId(), 7003u);
-                EXPECT_EQ(region.hostId(), 1u);
-                EXPECT_EQ(region.loadTime(), 0x5000u);
-                if (mode == decoding_mode_full) {
-                    ASSERT_TRUE(region.getContent());
-                    const auto* data = static_cast<const unsigned char*>(region.getContent()->getData());
-                    EXPECT_EQ(Bytes(data, data + region.getContent()->getSize()), load.ranges[i].bytes);
-                } else {
-                    EXPECT_FALSE(region.getContent());
-                }
+                const Region& r = *m.regions()[i];
+                EXPECT_TRUE(r.processId() == 7003 && r.hostId() == 1 && r.loadTime() == 0x5000);
+                const auto content = r.getContent();
+                const auto* data = content ? static_cast<const unsigned char*>(content->getData()) : nullptr;
+                EXPECT_EQ(data ? Bytes(data, data + content->getSize()) : Bytes(),
+                          mode == decoding_mode_full ? kLoad.ranges[i].bytes : Bytes());
             }
-            EXPECT_STREQ(method->getModule()->getName(), L"/opt/app/libapp.so");
-            EXPECT_EQ(method->getModule()->getType(), 4u);
-            EXPECT_EQ(method->getModule()->getArch(), 1u);
-
-            if (f.form <= 2 && mode == decoding_mode_modules) {
-                // The old forms stop at the module.
-                EXPECT_STREQ(method->getName(), L"");
-                EXPECT_FALSE(method->getSourceFile());
-                EXPECT_TRUE(method->lineNumberInfo().empty());
-                EXPECT_TRUE(method->getMethodId().isEmpty());
+            if (form <= 2 && mode == decoding_mode_modules) { // the old forms stop at the module
+                EXPECT_EQ(summary(m), kRegions + "| /opt/app/libapp.so 4 |  | ");
+                EXPECT_TRUE(m.lineNumberInfo().empty() && m.getMethodId().isEmpty());
                 continue;
             }
-            EXPECT_STREQ(method->getClassName(), L"App::Worker");
-            EXPECT_STREQ(method->getName(), L"App::Worker::Run");
-            const SourceFile& source = method->sourceFile();
-            EXPECT_STREQ(source.getName(), L"Worker.cs");
-            EXPECT_STREQ(source.getChecksum(), L"ab12");
-            EXPECT_EQ(source.getChecksumType(), 2u);
-            EXPECT_EQ(source.getLanguageType(), 3u);
-            ASSERT_EQ(method->lineNumberInfo().size(), 1u);
-            const auto& entry = *method->lineNumberInfo().begin();
-            EXPECT_EQ(entry.first, Range(kBase, 64));
-            expectRows(entry.second.tables[ltManagedToSource], load.managedToSource);
-            expectRows(entry.second.tables[ltNativeToManaged], load.nativeToManaged);
-            expectRows(entry.second.tables[ltNativeToSource], load.nativeToSource);
-            EXPECT_FALSE(method->getMethodId().isEmpty());
-            EXPECT_EQ(method->getMethodId(), MethodIdMaker().makeMethodId(f.form <= 2 ? 0 : 16, *method));
+            EXPECT_EQ(summary(m), kRegions + kNames);
+            ASSERT_EQ(m.lineNumberInfo().size(), 1u);
+            EXPECT_EQ(m.lineNumberInfo().begin()->first, Range(kBase, 64));
+            const auto& tables = m.lineNumberInfo().begin()->second.tables;
+            EXPECT_EQ(rowsOf(tables[ltManagedToSource]) + "| " + rowsOf(tables[ltNativeToManaged]) + "| " +
+                          rowsOf(tables[ltNativeToSource]), "0-4=10 4-8=11 | 0-16=0 16-32=4 | 0-16=10 16-64=11 ");
+            EXPECT_EQ(m.getMethodId(), MethodIdMaker().makeMethodId(form <= 2 ? 0 : 16, m));
         }
     }
 }
 
 TEST(LoadRecord, OddRecordsOfTheNewestForm)
 {
-    struct Case {
-        const char* name;
+    const Bytes code(64, 0xC3);
+    const struct {
         std::function<void(MethodLoad&)> change;
         bool result;
         const char* error;
-        std::vector<unsigned long long> jitRvas;
         unsigned long long counter;
-        const wchar_t* module;
-        unsigned int moduleType;
-        const wchar_t* className;
-        const wchar_t* methodName;
+        std::string summary;
+    } cases[] = {
+        {[&](MethodLoad& l) { l.isInline = 1; l.ranges.push_back({0x403000, 16, code}); }, true, nullptr, kBase,
+         "0:401000+40 1:402000+20 2:403000+10 " + kNames},
+        {[&](MethodLoad& l) { l.ranges = {{0x400000, 0, {1, 2}}, {0x401000, 64, code}}; }, true, nullptr, kBase + 64,
+         "1000:401000+40 " + kNames},
+        {[](MethodLoad& l) { l.ranges = {{0x401000, 0, {}}, {0x402000, 0, {1}}}; }, false,
+         "The bytes of the code are not supplied", kBase, ""},
+        {[](MethodLoad& l) { l.ranges.clear(); }, false, nullptr, kBase, kNames},
+        {[](MethodLoad& l) { l.modulePath.assign(512, 'm'); l.methodName = std::string("Run\0junk", 8); }, true,
+         nullptr, kBase + 96, kRegions + "| [Dynamic code] 0 | App::Worker | App::Worker::Run | Worker.cs ab12 2 3"},
+        {[](MethodLoad& l) { l.modulePath.clear(); l.className = "Ljava/lang/String;"; l.methodName = "run(I)V"; },
+         true, nullptr, kBase + 96,
+         kRegions + "| [Dynamic code] 0 | java::lang::String | java::lang::String::run | Worker.cs ab12 2 3"},
+        {[](MethodLoad& l) { l.modulePath.clear(); l.languageType = 5; l.methodName.clear(); }, true, nullptr,
+         kBase + 96, kRegions + "| [Compiled Java code] 0 | App::Worker |  | Worker.cs ab12 2 5"},
     };
-    const Bytes code(64, 0xC3);
-    const Case cases[] = {
-        {"inline ranges count from 0", [&](MethodLoad& l) { l.isInline = 1; l.ranges.push_back({0x403000, 16, code}); },
-         true, nullptr, {0, 1, 2}, kBase, L"/opt/app/libapp.so", 4, L"App::Worker", L"App::Worker::Run"},
-        {"empty first range", [&](MethodLoad& l) { l.ranges = {{0x400000, 0, {1, 2}}, {0x401000, 64, code}}; }, true,
-         nullptr, {kBase}, kBase + 64, L"/opt/app/libapp.so", 4, L"App::Worker", L"App::Worker::Run"},
-        {"all ranges empty", [](MethodLoad& l) { l.ranges = {{0x401000, 0, {}}, {0x402000, 0, {1}}}; }, false,
-         "The bytes of the code are not supplied", {}, kBase, nullptr, 0, nullptr, nullptr},
-        {"no ranges", [](MethodLoad& l) { l.ranges.clear(); }, false, nullptr, {}, kBase, L"/opt/app/libapp.so", 4,
-         L"App::Worker", L"App::Worker::Run"},
-        {"module path of 600 bytes", [](MethodLoad& l) { l.modulePath.assign(600, 'm'); }, true, nullptr,
-         {kBase, kBase + 64}, kBase + 96, L"[Dynamic code]", 0, L"App::Worker", L"App::Worker::Run"},
-        {"descriptor class, language 3",
-         [](MethodLoad& l) { l.modulePath.clear(); l.className = "Ljava/lang/String;"; }, true, nullptr,
-         {kBase, kBase + 64}, kBase + 96, L"[Dynamic code]", 0, L"java::lang::String", L"java::lang::String::Run"},
-        {"java without module and name",
-         [](MethodLoad& l) { l.modulePath.clear(); l.languageType = 5; l.methodName.clear(); }, true, nullptr,
-         {kBase, kBase + 64}, kBase + 96, L"[Compiled Java code]", 0, L"App::Worker", L""},
-        {"java descriptors",
-         [](MethodLoad& l) { l.languageType = 5; l.className = "Lcom/acme/Main;"; l.methodName = "run(I)V"; }, true,
-         nullptr, {kBase, kBase + 64}, kBase + 96, L"/opt/app/libapp.so", 4, L"com::acme::Main",
-         L"com::acme::Main::run"},
-        {"string of 512 bytes, NUL in a name",
-         [](MethodLoad& l) { l.sourceFile.assign(512, 's'); l.methodName = std::string("Run\0junk", 8); }, true,
-         nullptr, {kBase, kBase + 64}, kBase + 96, L"/opt/app/libapp.so", 4, L"App::Worker", L"App::Worker::Run"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        MethodLoad load = sampleLoad();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.summary);
+        MethodLoad load = kLoad;
         c.change(load);
-        JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, decoding_mode_full);
-        const Record record{0, 9, tracewriter::encodeMethodLoad(9, load)};
-        boost::intrusive_ptr<JitMethod> method(new JitMethod);
-        unsigned char isInline = 0xFF;
+        Decoding d;
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        EXPECT_EQ(decoder.decodeMethodLoadRecordV3(record, method, &isInline), c.result);
-        EXPECT_EQ(isInline, load.isInline);
-        const std::vector<std::string> errors = log.texts(log4cplus::ERROR_LOG_LEVEL);
-        EXPECT_EQ(errors, c.error ? std::vector<std::string>{c.error} : std::vector<std::string>{});
-        ASSERT_EQ(method->regionCount(), c.jitRvas.size());
-        for (std::size_t i = 0; i < c.jitRvas.size(); ++i)
-            EXPECT_EQ(method->regions()[i]->startJitRva(), c.jitRvas[i]);
-        EXPECT_EQ(decoder.allocJitRva(0), c.counter);
-        if (c.module == nullptr)
-            continue;
-        EXPECT_STREQ(method->getModule()->getName(), c.module);
-        EXPECT_EQ(method->getModule()->getType(), c.moduleType);
-        EXPECT_STREQ(method->getClassName(), c.className);
-        EXPECT_STREQ(method->getName(), c.methodName);
-        EXPECT_EQ(method->sourceFile().getLanguageType(), load.languageType);
-        if (!c.jitRvas.empty()) { // the tables stay with the first region that holds code
-            EXPECT_EQ(method->lineNumberInfo().begin()->first, Range(c.jitRvas[0], method->regions()[0]->length()));
-        }
+        EXPECT_EQ(d.run(9, tracewriter::encodeMethodLoad(9, load)), c.result);
+        EXPECT_EQ(log.texts(log4cplus::ERROR_LOG_LEVEL),
+                  c.error ? std::vector<std::string>{c.error} : std::vector<std::string>{});
+        EXPECT_EQ(d.decoder.allocJitRva(0), c.counter);
+        EXPECT_EQ(summary(*d.method), c.summary);
+        if (d.method->regionCount() == 0)
+            continue; // else the tables go to the first region with code
+        const Region& first = *d.method->regions()[0];
+        EXPECT_EQ(d.method->lineNumberInfo().begin()->first, Range(first.startJitRva(), first.length()));
     }
 }
 
 TEST(LoadRecord, CollectorTypeAndArchitecturesComeFromTheStream)
 {
-    MethodLoad load = sampleLoad();
+    MethodLoad load = kLoad;
     jrtest::TempDir dir;
     dir.write("p.jit", tracewriter::TraceWriter().collectorType(1).bytes());
-    JitFileDecoder decoder(dir.wide("p.jit"), 7003, 1, kBase, decoding_mode_full);
+    Decoding d(decoding_mode_full, dir.wide("p.jit"));
     Record frame;
-    ASSERT_EQ(decoder.getNextRecord(frame), meSuccess);
+    ASSERT_EQ(d.decoder.getNextRecord(frame), meSuccess);
     for (std::uint32_t type : {5u, 7u, 9u, 8u}) { // old forms leave the architecture flags alone
         load.moduleArch = type == 9 ? 0 : 1;
-        boost::intrusive_ptr<JitMethod> method(new JitMethod);
-        ASSERT_TRUE(decode(decoder, Record{0, type, tracewriter::encodeMethodLoad(type, load)}, method));
-        EXPECT_EQ(method->getModule()->getType(), type >= 8 ? 0u : 4u) << type; // a profiler's modules
-        EXPECT_EQ(decoder.bothArchitecturesSeen(), type == 8) << type;
+        d.method.reset(new JitMethod);
+        ASSERT_TRUE(d.run(type, tracewriter::encodeMethodLoad(type, load)));
+        EXPECT_EQ(d.method->getModule()->getType(), type >= 8 ? 0u : 4u) << type; // a profiler's modules
+        EXPECT_EQ(d.decoder.bothArchitecturesSeen(), type == 8) << type;
     }
 }
 
+// Truncated payloads, whose counts all lie about what follows: only load form 4 reports the
+// bounds it overruns, and nothing is read beyond the payload.
 TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
 {
-    const Bytes head = Payload().u32(1).u32(2).u8(0).u64(3).u16(1).bytes(); // up to the one range
-    struct Case {
-        const char* name;
-        std::uint32_t type;
-        Bytes payload;
-        const char* assertion; // null: the form makes none
-    };
-    const Case cases[] = {
-        {"three ranges announced, one given", 9,
-         Payload().u32(1).u32(2).u8(0).u64(3).u16(3).codeRange({0x401000, 8, {1, 2}}).bytes(),
-         "bytesRead < traceSize"},
-        {"code bytes beyond the end", 9, Payload().raw(head).u64(0x401000).u32(8).u32(0xFFFFFFF0).u8(1).bytes(),
-         "bytesRead < traceSize"},
-        {"string beyond the end", 9,
-         Payload().raw(head).codeRange({0x401000, 8, {1}}).string(400, "abc").bytes(), "bytesRead < traceSize"},
-        {"table rows beyond the end", 9,
-         Payload().raw(head).codeRange({0x401000, 8, {1}}).string("").u16(0).string("").string("").string("")
-             .u16(0).string("").u16(0).u32(0).u32(0).u32(0xFFFFFFFF).u32(1).bytes(),
-         "bytesRead <= traceSize"},
-        {"old form, table rows beyond the end", 5,
-         Payload().u32(1).u64(3).u16(1).codeRange({0x401000, 8, {1}}).string("").u16(0).string("").string("")
-             .string("").u16(0).string("").u16(0).u32(0xFFFFFFFF).bytes(),
-         nullptr},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        jrtest::AssertionCapture assertions;
-        jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, decoding_mode_full);
-        boost::intrusive_ptr<JitMethod> method(new JitMethod);
-        decode(decoder, Record{0, c.type, c.payload}, method); // exact-size payload: overreads show
-        if (c.assertion)
-            EXPECT_TRUE(assertions.contains(c.assertion));
-        else
-            EXPECT_TRUE(assertions.reports().empty());
-    }
-}
-
-TEST(LoadRecord, EveryTruncatedPrefixDecodesWithoutHarm)
-{
-    const Bytes valid = tracewriter::encodeMethodLoad(9, sampleLoad());
+    const Bytes valid = tracewriter::encodeMethodLoad(9, kLoad);
     jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
     for (std::size_t length = 0; length <= valid.size(); ++length) {
         jrtest::AssertionCapture assertions;
-        JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, decoding_mode_full);
-        boost::intrusive_ptr<JitMethod> method(new JitMethod);
-        const Record record{0, 9, Bytes(valid.begin(), valid.begin() + static_cast<std::ptrdiff_t>(length))};
-        decoder.decodeMethodLoadRecordV3(record, method, nullptr);
+        Decoding().run(9, Bytes(valid.begin(), valid.begin() + static_cast<std::ptrdiff_t>(length)));
         EXPECT_EQ(assertions.reports().empty(), length == valid.size()) << length;
+    }
+    // Counts far beyond the payload are neither allocated nor looped over.
+    const Bytes head = Payload().u32(1).u32(2).u8(0).u64(3).u16(1).bytes(); // form 4, up to its one range
+    const Bytes items = Payload().codeRange({0x401000, 8, {1}}).string("").u16(0).string("").string("").string("")
+                            .u16(0).string("").u16(0).bytes(); // a range, then the fields before the tables
+    const struct {
+        std::uint32_t type;
+        Bytes payload;
+        const char* assertion; // null: the form makes none
+    } cases[] = {
+        {9, Payload().raw(head).u64(0x401000).u32(8).u32(0xFFFFFFF0).u8(1).bytes(), "bytesRead < traceSize"},
+        {9, Payload().raw(head).raw(items).u32(0).u32(0).u32(0xFFFFFFFF).u32(1).bytes(), "bytesRead <= traceSize"},
+        {5, Payload().u32(1).u64(3).u16(1).raw(items).u32(0xFFFFFFFF).bytes(), nullptr},
+    };
+    for (const auto& c : cases) {
+        jrtest::AssertionCapture assertions;
+        Decoding().run(c.type, c.payload);
+        EXPECT_TRUE(c.assertion ? assertions.contains(c.assertion) : assertions.reports().empty()) << c.type;
     }
 }
 
