@@ -14,8 +14,6 @@ using namespace jrtest;
 namespace {
 
 const auto kTrace = log4cplus::TRACE_LOG_LEVEL;
-const auto kInfo = log4cplus::INFO_LOG_LEVEL;
-const auto kError = log4cplus::ERROR_LOG_LEVEL;
 
 // Method A (0x10) at [0x1000, 0x1100) from 500 and at [0x3000, 0x3080) from 900; method B (0x20)
 // at [0x1040, 0x1080) from 1200. Process 7 on host 1.
@@ -26,6 +24,31 @@ void loadAandB(JitDataManager& store)
     ASSERT_EQ(meSuccess, load(store, makeMethod(0x20, 1200, {{0x1040, 0x40, 0x181}})));
 }
 
+/// 'S' sample at address a and time b; 'J' jit rva a; 'A' address b by jit rva a; 'N' next load
+/// over [a, a + 0x40) after time b. The answer: "method jitRva", or the next load time, or else
+/// a TRACE line of the refusal.
+struct Lookup { char op; unsigned long long a, b; std::string answer; unsigned int pid = 7, host = 1; };
+
+std::string ask(const JitDataManager& store, const Lookup& q)
+{
+    LogCapture log(kTrace);
+    MethodPtr method;
+    unsigned long long out = 0;
+    boost::intrusive_ptr<ICodeRegion> next;
+    velmark_error_t result = meSuccess;
+    switch (q.op) {
+    case 'S': result = store.resolveJitPoint(q.a, q.b, q.pid, q.host, method, out); break;
+    case 'J': result = store.resolveJitPoint(q.a, method); break;
+    case 'A': result = store.resolveJitRvaByAddress(q.a, q.b, out); break;
+    default: result = store.findNextRegion(q.a, q.a + 0x40, q.b, q.pid, q.host, next); break;
+    }
+    if (result != meSuccess)
+        return log.dump();
+    if (next)
+        return std::to_string(next->loadTime());
+    return (method ? hex(method->getRawMethodId()) : "") + (q.op == 'J' ? "" : " " + hex(out));
+}
+
 } // namespace
 
 TEST(JitDataManagerTest, SecondRecordMergesAndOverlapSplits)
@@ -33,335 +56,173 @@ TEST(JitDataManagerTest, SecondRecordMergesAndOverlapSplits)
     JitDataManager store;
     LogCapture log(kTrace);
     loadAandB(store);
-
     ASSERT_EQ(2u, store.methodList().size());
     const MethodPtr a = store.methodList()[0];
     EXPECT_EQ(500u, a->getLoadTime());
     EXPECT_EQ(0x101u, a->getStartJitRva()); // taken from the latest record alone
     EXPECT_EQ(2u, a->regionCount());
-    EXPECT_EQ(3u, store.jitRvaDomain().size());
     EXPECT_EQ((std::vector<std::string>{"0x1000-0x1040:500", "0x1040-0x1080:500,1200", "0x1080-0x1100:500",
                                         "0x3000-0x3080:900"}),
               describeDomain(store));
-    EXPECT_EQ(1200u, a->regions()[0]->unloadTime());
-    EXPECT_TRUE(log.contains(kTrace, "Detected already cached code region with the same method id (method id = "
-                                     "0x10, name = , load time = 0x1f4)"));
-    EXPECT_TRUE(log.contains(kInfo, "Added a new code region (ip range = 0x3000-0x3080) in method (method id = "
-                                    "0x10, name = , load time = 0x1f4)"));
+    EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, "Added a new code region (ip range = 0x3000-0x3080) in method "
+                                                        "(method id = 0x10, name = , load time = 0x1f4)"));
     // The search behind this line already sees the newcomer.
-    EXPECT_TRUE(log.contains(kInfo, "Unloaded code region (ip range = 0x1000-0x1100) from method (method id = 0x20, "
-                                    "name = , load time = 0x4b0)"));
-    EXPECT_EQ(1u, log.count(kInfo, "Updated method's state (method id = 0x20, name = , load time = 0x4b0)"));
+    EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, "Unloaded code region (ip range = 0x1000-0x1100) from method "
+                                                        "(method id = 0x20, name = , load time = 0x4b0)"));
 }
 
-TEST(JitDataManagerTest, SamplePointsResolveByProcessAddressAndTime)
+// A and B, with code on the same addresses in process 8 and on host 2, and an empty process 9:
+// the maps answer alike and, once lookups have made it, so does their index.
+TEST(JitDataManagerTest, LookupsBySamplePointJitRvaAndNextLoad)
 {
     JitDataManager store;
     loadAandB(store);
-    struct Case {
-        unsigned long long vaddr, time;
-        unsigned int pid;
-        unsigned int rawId; // 0: no match
-        unsigned long long jitRva;
-        const char* trace;
-    } const cases[] = {
-        {0x1050, 600, 7, 0x10, 0x51, nullptr},
-        {0x1050, 1300, 7, 0x20, 0x191, nullptr},
-        {0x1050, 1200, 7, 0x20, 0x191, nullptr}, // at the load time the new code answers
-        {0x1010, 1199, 7, 0x10, 0x11, nullptr},
-        {0x107f, 1200, 7, 0x20, 0x1c0, nullptr}, // last byte
-        {0x30ff - 0x80, 900, 7, 0x10, 0x180, nullptr},
-        {0x1050, 400, 7, 0, 0, "Couldn't find a region domain by tsc = 0x190"},
-        {0x1010, 1300, 7, 0, 0,
-         "The found range (0x1000-0x1100) with life time (0x1f4-0x4b0) was out of memory when a sample with tsc = "
-         "0x514 occurred"},
-        {0x1010, 1200, 7, 0, 0, "with life time (0x1f4-0x4b0) was out of memory when a sample with tsc = 0x4b0"},
-        {0x3080, 900, 7, 0, 0, "Couldn't find a region for addr = 0x3080"}, // one past the end
-        {0x1050, 600, 8, 0, 0, "Couldn't find a region domain for pid = 0x8"},
+    ASSERT_EQ(meSuccess, load(store, makeMethod(0x30, 100, {{0x1000, 0x100, 0x201}}, 8), 8));
+    ASSERT_EQ(meSuccess, load(store, makeMethod(0x40, 100, {{0x1000, 0x100, 0x301}}, 7, 2), 7, 2));
+    const std::string lost = "The found range (0x1000-0x1100) with life time (0x1f4-0x4b0) was out of memory when a "
+                             "sample with tsc = ";
+    const std::string outside = " because it is out of the jit rva domain.";
+    const Lookup cases[] = {
+        {'S', 0x1050, 600, "0x10 0x51"},
+        {'S', 0x1050, 1200, "0x20 0x191"}, // at the load time the new code answers
+        {'S', 0x107f, 1200, "0x20 0x1c0"}, // last byte
+        {'S', 0x1010, 200, "0x30 0x211", 8},
+        {'S', 0x1010, 200, "0x40 0x311", 7, 2},
+        {'S', 0x1050, 400, "Couldn't find a region domain by tsc = 0x190"},
+        {'S', 0x1010, 1300, lost + "0x514 occurred"},
+        {'S', 0x1010, 1200, lost + "0x4b0 occurred"},
+        {'S', 0x3080, 900, "Couldn't find a region for addr = 0x3080"}, // one past the end
+        {'S', 0xfff, 900, "Couldn't find a region for addr = 0xfff"},
+        {'S', 0x1010, 200, "Couldn't find a region for addr = 0x1010", 9},
+        {'S', 0x1050, 600, "Couldn't find a region domain for pid = 0xa", 10},
+        {'S', 0x1050, 600, "Couldn't find a region domain for pid = 0x7", 7, 0}, // no host 0
+        {'J', 1, 0, "0x10"}, {'J', 0x100, 0, "0x10"}, {'J', 0x101, 0, "0x10"}, {'J', 0x1c0, 0, "0x20"},
+        {'J', 0x1c1, 0, "Couldn't resolve jit rva = 0x1c1" + outside},
+        {'J', 0, 0, "Couldn't resolve jit rva = 0" + outside},
+        {'J', ~1ull, 0, "Couldn't resolve jit rva = 0xfffffffffffffffe" + outside},
+        {'J', ~0ull, 0, "Couldn't resolve jit rva = 0xffffffffffffffff because it is invalid."},
+        // The address in the process of the jit rva's region, at its load time.
+        {'A', 0x181, 0x1050, " 0x191"}, {'A', 0x201, 0x1010, " 0x211"}, {'A', 0x5000, 0x1050, ""},
+        {'A', 0x181, 0x1010, lost + "0x4b0 occurred"}, // A was gone at B's load time
+        {'N', 0x1040, 600, "1200"}, {'N', 0x1000, 100, "500"},
+        {'N', 0x1000, 600, "Couldn't find overlapped region domain by tsc = 0x258"},
+        {'N', 0x5000, 600, "Couldn't find a region for addr = 0x5000"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(hex(c.vaddr) + " at " + std::to_string(c.time));
-        LogCapture log(kTrace);
-        MethodPtr method;
-        unsigned long long jitRva = 0;
-        const auto result = store.resolveJitPoint(c.vaddr, c.time, c.pid, 1, method, jitRva);
-        if (c.rawId == 0) {
-            EXPECT_EQ(meFail, result);
-            EXPECT_FALSE(method);
-            EXPECT_TRUE(log.contains(kTrace, c.trace)) << log.dump();
-            EXPECT_TRUE(log.contains(kTrace, "Couldn't match jit point (vaddr = " + hex(c.vaddr) + ", timestamp = " +
-                                                 hex(c.time) + ", pid = " + hex(c.pid) +
-                                                 ") to any known ip address range."));
-        } else {
-            ASSERT_EQ(meSuccess, result);
-            EXPECT_EQ(c.rawId, method->getRawMethodId());
-            EXPECT_EQ(c.jitRva, jitRva);
-            EXPECT_TRUE(log.contains(kInfo, "to jit rva = " + hex(c.jitRva) + " of method (method id = " +
-                                                hex(c.rawId)));
+    for (const bool indexed : {false, true}) {
+        for (int i = 0; indexed && i < 8; ++i) // enough lookups for the store to build its index
+            ask(store, cases[0]);
+        for (const Lookup& c : cases) {
+            SCOPED_TRACE(std::string(1, c.op) + " " + hex(c.a) + " " + hex(c.b) + (indexed ? " indexed" : ""));
+            if (!indexed)
+                store.getOrCreateRegionDomain(9, 1); // drops the index, so that the maps answer
+            const std::string answer = ask(store, c);
+            const bool refused = c.answer.rfind("Couldn't", 0) == 0 || c.answer.rfind("The found", 0) == 0;
+            EXPECT_TRUE(refused ? answer.find(c.answer + "\n") != std::string::npos : answer == c.answer) << answer;
+            const std::string unmatched = "Couldn't match jit point (vaddr = " + hex(c.a) + ", timestamp = " +
+                                          hex(c.b) + ", pid = " + hex(c.pid) + ") to any known ip address range.";
+            EXPECT_EQ(c.op == 'S' && refused, answer.find(unmatched) != std::string::npos);
         }
     }
+    EXPECT_EQ(nullptr, store.getRegionDomain(10, 1));
+    EXPECT_EQ(3u, store.regionDomains().at(1).size()); // processes 7, 8 and 9: asking created nothing
+    // A load drops the index.
+    ASSERT_EQ(meSuccess, load(store, makeMethod(0x50, 1500, {{0x1000, 0x100, 0x401}})));
+    EXPECT_EQ("0x50 0x451", ask(store, {'S', 0x1050, 1600, ""}));
+    EXPECT_EQ("0x50", ask(store, {'J', 0x4ff, 0, ""}));
 }
 
-TEST(JitDataManagerTest, JitRvaLookups)
+// Loads into one store, each with its result and the one message at WARN or above that it leaves.
+TEST(JitDataManagerTest, RefusedLoadsKeepWhatWasDoneBefore)
 {
-    JitDataManager store;
-    loadAandB(store);
-    struct Case {
-        unsigned long long jitRva;
-        unsigned int rawId; // 0: no match
-        const char* trace;
-    } const cases[] = {
-        {1, 0x10, nullptr},
-        {0x100, 0x10, nullptr},
-        {0x101, 0x10, nullptr},
-        {0x1c0, 0x20, nullptr},
-        {0x1c1, 0, "Couldn't resolve jit rva = 0x1c1 because it is out of the jit rva domain."},
-        {0, 0, "Couldn't resolve jit rva = 0 because it is out of the jit rva domain."},
-        {0xFFFFFFFFFFFFFFFEull, 0,
-         "Couldn't resolve jit rva = 0xfffffffffffffffe because it is out of the jit rva domain."},
-        {0xFFFFFFFFFFFFFFFFull, 0, "Couldn't resolve jit rva = 0xffffffffffffffff because it is invalid."},
+    const struct { unsigned int rawId, time; std::vector<CodeRange> ranges; velmark_error_t result; std::string text; }
+        loads[] = {
+        {1, 100, {{0x1000, 0x100, 1}}, meSuccess, ""},
+        // The same load time on shared bytes: refused, but its jit rva entry stays.
+        {2, 100, {{0x1080, 0x100, 0x101}}, meBadTrace,
+         "ERROR Couldn't add a splitted region (ip range = 0x1080-0x1180, loadTime=0x64) in the single time domain"},
+        // Overlapping jit rvas: the first two regions of the record stay registered.
+        {3, 200, {{0x2000, 0x10, 0x201}, {0x3000, 0x10, 0x211}, {0x5000, 0x10, 0x50}}, meBadTrace,
+         "ERROR Couldn't add a region (addr=0x5000, size=0x10, methodID=0x3, jitRva=0x50) because jit rva ranges are "
+         "overlapped., at file: "},
+        // Pre-jitted code: the twin of a region is dropped; another length or time merges.
+        {5, 1, {{0x8000, 0x100, 0x300}}, meSuccess, ""},
+        {5, 1, {{0x8000, 0x100, 0x400}}, meSuccess,
+         "WARN Couldn't add a region (methodID=0x5) because there are two pre-jitted code ranges                    "
+         "     located on the same address space for the same method"},
+        {5, 1, {{0x8000, 0x80, 0x400}}, meBadTrace, // merged, then it can't be split in at the same time
+         "ERROR Couldn't add a splitted region (ip range = 0x8000-0x8080, loadTime=0x1) in the single time domain"},
+        {5, 2, {{0x8000, 0x100, 0x480}}, meSuccess, ""},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(hex(c.jitRva));
-        LogCapture log(kTrace);
-        MethodPtr method;
-        EXPECT_EQ(c.rawId ? meSuccess : meFail, store.resolveJitPoint(c.jitRva, method));
-        if (c.rawId)
-            EXPECT_EQ(c.rawId, method->getRawMethodId());
-        else
-            EXPECT_EQ(1u, log.count(kTrace, c.trace)) << log.dump();
-    }
-
-    // The address of a sample, in the process of a jit rva's region and at its load time.
-    const struct {
-        unsigned long long jitRva, vaddr;
-        velmark_error_t result;
-        unsigned long long out;
-    } byAddress[] = {
-        {1, 0x1050, meSuccess, 0x51},
-        {0x181, 0x1050, meSuccess, 0x191},
-        {0x181, 0x1010, meFail, 0}, // A was gone at B's load time
-        {0x5000, 0x1050, meFail, 0},
-    };
-    for (const auto& c : byAddress) {
-        unsigned long long out = 0;
-        EXPECT_EQ(c.result, store.resolveJitRvaByAddress(c.jitRva, c.vaddr, out)) << hex(c.jitRva);
-        EXPECT_EQ(c.out, out);
-    }
-}
-
-TEST(JitDataManagerTest, FindNextRegionLooksForward)
-{
     JitDataManager store;
-    loadAandB(store);
-    const struct {
-        unsigned long long begin, end, time;
-        unsigned int pid;
-        unsigned long long loadTime; // 0: none
-        const char* trace;
-    } cases[] = {
-        {0x1040, 0x1080, 600, 7, 1200, nullptr},
-        {0x1000, 0x1050, 100, 7, 500, nullptr},
-        {0x1000, 0x1040, 600, 7, 0, "Couldn't find overlapped region domain by tsc = 0x258"},
-        {0x1040, 0x1080, 1200, 7, 0, "Couldn't find overlapped region domain by tsc = 0x4b0"},
-        {0x5000, 0x5010, 600, 7, 0, "Couldn't find a region for addr = 0x5000"},
-        {0x1040, 0x1080, 600, 9, 0, "Couldn't find a region domain for pid = 0x9"},
-    };
-    for (const auto& c : cases) {
-        LogCapture log(kTrace);
-        boost::intrusive_ptr<ICodeRegion> region;
-        const auto result = store.findNextRegion(c.begin, c.end, c.time, c.pid, 1, region);
-        if (c.loadTime) {
-            ASSERT_EQ(meSuccess, result);
-            EXPECT_EQ(c.loadTime, region->loadTime());
-        } else {
-            EXPECT_EQ(meFail, result);
-            EXPECT_TRUE(log.contains(kTrace, c.trace)) << log.dump();
-        }
-    }
-}
-
-TEST(JitDataManagerTest, ProcessesAndHostsOnTheSameAddressesStayApart)
-{
-    JitDataManager store;
-    LogCapture log(kTrace);
-    const struct {
-        unsigned int rawId, pid, host;
-        unsigned long long jitRva;
-    } loads[] = {{1, 7, 1, 1}, {2, 8, 1, 0x101}, {3, 7, 2, 0x201}};
-    for (const auto& l : loads)
-        ASSERT_EQ(meSuccess, load(store, makeMethod(l.rawId, 100, {{0x1000, 0x100, l.jitRva}}, l.pid, l.host),
-                                  l.pid, l.host));
-    EXPECT_EQ(0u, log.count(log4cplus::INFO_LOG_LEVEL, "Overlapped code region"));
     for (const auto& l : loads) {
-        MethodPtr method;
-        unsigned long long jitRva = 0;
-        ASSERT_EQ(meSuccess, store.resolveJitPoint(0x1010, 200, l.pid, l.host, method, jitRva));
-        EXPECT_EQ(l.rawId, method->getRawMethodId());
-        EXPECT_EQ(l.jitRva + 0x10, jitRva);
+        LogCapture log(log4cplus::WARN_LOG_LEVEL);
+        EXPECT_EQ(l.result, load(store, makeMethod(l.rawId, l.time, l.ranges))) << l.text;
+        EXPECT_EQ(l.text.empty() ? 0u : 1u, log.lines().size()) << log.dump();
+        EXPECT_EQ(0u, log.dump().find(l.text)) << log.dump();
     }
-    EXPECT_EQ(nullptr, store.getRegionDomain(9, 1));
-    EXPECT_EQ(nullptr, store.getRegionDomain(7, 3));
-    EXPECT_EQ(2u, store.regionDomains().at(1).size());
-    EXPECT_EQ(2u, store.regionDomains().size());
+    EXPECT_EQ((std::vector<std::string>{"0x1000-0x1100:100", "0x2000-0x2010:200", "0x3000-0x3010:200",
+                                        "0x8000-0x8100:1,2"}),
+              describeDomain(store));
+    EXPECT_EQ(0u, store.methodList()[0]->regions()[0]->unloadTime());
+    EXPECT_EQ(3u, store.methodList()[3]->regionCount());
+    MethodPtr method;
+    ASSERT_EQ(meSuccess, store.resolveJitPoint(0x190, method));
+    EXPECT_EQ(2u, method->getRawMethodId());
+    AssertionCapture asserts; // no region at all: reported, and nothing else breaks
+    EXPECT_EQ(meSuccess, load(store, makeMethod(4, 100, {})));
+    EXPECT_EQ(std::vector<std::string>{"rawMethod->regionCount()"}, asserts.expressions());
 }
 
-TEST(JitDataManagerTest, RefusedLoadsLeaveWhatWasDone)
+// Method 0x10 lives at [0x1000, 0x1010) with bytes 0, 1, 2, ...; an update writes 0xa0, 0xa1, ...
+// over them, or is refused by the first check that fails.
+TEST(JitDataManagerTest, UpdatesPatchTheLiveRegionOrAreRefusedInOrder)
 {
-    // Same range, same time: the second load can't enter the time domain.
-    {
-        JitDataManager store;
-        LogCapture log(kTrace);
-        ASSERT_EQ(meSuccess, load(store, makeMethod(1, 100, {{0x1000, 0x100, 1}})));
-        EXPECT_EQ(meBadTrace, load(store, makeMethod(1, 100, {{0x1000, 0x100, 0x101}})));
-        EXPECT_EQ(1u, log.count(kError, "Couldn't add a splitted region (ip range = 0x1000-0x1100, loadTime=0x64) "
-                                        "in the single time domain"));
-    }
-    // A partly overlapping refusal keeps the jit rva entry: found by jit rva, not by address.
-    {
-        JitDataManager store;
-        ASSERT_EQ(meSuccess, load(store, makeMethod(1, 100, {{0x1000, 0x100, 1}})));
-        EXPECT_EQ(meBadTrace, load(store, makeMethod(2, 100, {{0x1080, 0x100, 0x200}})));
-        MethodPtr method;
-        ASSERT_EQ(meSuccess, store.resolveJitPoint(0x290, method));
-        EXPECT_EQ(2u, method->getRawMethodId());
-        LogCapture log(kTrace);
-        unsigned long long jitRva = 0;
-        EXPECT_EQ(meFail, store.resolveJitPoint(0x1110, 100, 7, 1, method, jitRva));
-        EXPECT_TRUE(log.contains(kTrace, "Couldn't find a region for addr = 0x1110"));
-    }
-    // Overlapping jit rvas: the first two regions of the record stay registered.
-    {
-        JitDataManager store;
-        LogCapture log(kTrace);
-        ASSERT_EQ(meSuccess, load(store, makeMethod(1, 100, {{0x1000, 0x10, 0x50}})));
-        EXPECT_EQ(meBadTrace, load(store, makeMethod(0x30, 100, {{0x2000, 0x10, 1}, {0x3000, 0x10, 0x11},
-                                                                  {0x5000, 0x10, 0x55}})));
-        EXPECT_EQ(1u, log.count(kError, std::string("Couldn't add a region (addr=0x5000, size=0x10, methodID=0x30, "
-                                                    "jitRva=0x55) because jit rva ranges are overlapped.") +
-                                            kAtFileSuffix));
-        EXPECT_EQ(3u, store.jitRvaDomain().size());
-        EXPECT_EQ(2u, store.methodList().size());
-    }
-    // No region at all: reported, and nothing else breaks.
-    {
-        JitDataManager store;
-        AssertionCapture asserts;
-        EXPECT_EQ(meSuccess, load(store, makeMethod(1, 100, {})));
-        EXPECT_EQ(std::vector<std::string>{"rawMethod->regionCount()"}, asserts.expressions());
-    }
-}
-
-TEST(JitDataManagerTest, PreJittedDuplicatesAreDroppedByFirstRegion)
-{
-    const std::string warning = "Couldn't add a region (methodID=0x5) because there are two pre-jitted code ranges"
-                                "                         located on the same address space for the same method";
-    const struct {
-        unsigned long long secondLoadTime;
-        unsigned int secondLength;
-        velmark_error_t result;
-        bool dropped;
-    } cases[] = {
-        {1, 0x100, meSuccess, true},
-        {1, 0x80, meBadTrace, false}, // merged, then its twin at the same time can't be split in
-        {2, 0x100, meSuccess, false},
+    const std::string accepted = "INFO Updated code region (ip range = 0x1000-0x2010) from method (method id = 0x10, "
+                                 "name = , load time = 0x1f4)";
+    const std::string refused = "ERROR Couldn't accept update (method id = 0x10";
+    // shape '2': two ranges, '-': no bytes.
+    const struct { unsigned int collector, rawId, address, length, time; char shape; std::string message; } cases[] = {
+        {0, 0x10, 0x1004, 4, 500, ' ',
+         "ERROR Couldn't accept update because jit file must be" + std::string(38, ' ') +
+             "collected by old version of Tarnwell JIT agent, at file: "},
+        {1, 0, 0x1004, 4, 500, ' ', "ERROR Couldn't accept update because method ID is 0, at file: "},
+        {1, 0x10, 0x1004, 4, 500, '2', refused + ") because it has multiple code ranges, at file: "},
+        {1, 0x20, 0x2000, 4, 950, ' ', // after the region's unload time
+         "ERROR Couldn't accept update (method id = 0x20) because a range to be updated is not found, at file: "},
+        {1, 0x10, 0x2004, 4, 500, ' ', refused + ") because a range to be updated has different method id = 0x20"},
+        {1, 0x10, 0x100d, 4, 500, ' ',
+         refused + ", ip range = 0x100d-0x1011) because it overlaps parent's ip range 0x1000-0x1010, at file: "},
+        {1, 0x10, 0x1004, 4, 500, '-', refused + ") because a code range to be updated has no content, at file: "},
+        {1, 0x10, 0x100c, 4, 500, ' ', accepted},
+        {1, 0x10, 0x1000, 4, 500, ' ', accepted},
+        {1, 0x10, 0x1000, 16, 500, ' ', accepted},
     };
     for (const auto& c : cases) {
-        JitDataManager store;
-        LogCapture log(kTrace);
-        ASSERT_EQ(meSuccess, load(store, makeMethod(5, 1, {{0x1000, 0x100, 1}})));
-        const auto result = load(store, makeMethod(5, c.secondLoadTime, {{0x1000, c.secondLength, 0x101}}));
-        EXPECT_EQ(c.result, result);
-        EXPECT_EQ(c.dropped ? 1u : 0u, log.count(log4cplus::WARN_LOG_LEVEL, warning));
-        EXPECT_EQ(c.dropped ? 1u : 2u, store.methodList()[0]->regionCount());
-    }
-}
-
-TEST(JitDataManagerTest, UpdatesAreCheckedInOrder)
-{
-    const std::string blanks(38, ' ');
-    const struct {
-        unsigned int collector, rawId;
-        unsigned long long address;
-        unsigned int length;
-        unsigned long long time;
-        bool twoRanges, noBytes;
-        std::string error;
-    } cases[] = {
-        {0, 0x10, 0x1004, 4, 500, false, false,
-         "Couldn't accept update because jit file must be" + blanks + "collected by old version of Tarnwell JIT agent"},
-        {1, 0, 0x1004, 4, 500, false, false, "Couldn't accept update because method ID is 0"},
-        {1, 0x10, 0x1004, 4, 500, true, false,
-         "Couldn't accept update (method id = 0x10) because it has multiple code ranges"},
-        {1, 0x10, 0x5004, 4, 500, false, false,
-         "Couldn't accept update (method id = 0x10) because a range to be updated is not found"},
-        {1, 0x10, 0x1004, 4, 400, false, false,
-         "Couldn't accept update (method id = 0x10) because a range to be updated is not found"},
-        {1, 0x30, 0x3000, 4, 950, false, false, // after the region's unload time
-         "Couldn't accept update (method id = 0x30) because a range to be updated is not found"},
-        {1, 0x10, 0x2004, 4, 500, false, false,
-         "Couldn't accept update (method id = 0x10) because a range to be updated has different method id = 0x20"},
-        {1, 0x10, 0x100d, 4, 500, false, false,
-         "Couldn't accept update (method id = 0x10, ip range = 0x100d-0x1011) because it overlaps parent's ip range "
-         "0x1000-0x1010"},
-        {1, 0x10, 0x1004, 4, 500, false, true,
-         "Couldn't accept update (method id = 0x10) because a code range to be updated has no content"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.error);
+        SCOPED_TRACE(c.message + " at " + hex(c.address));
         JitDataManager store;
         load(store, makeMethod(0x10, 500, {{0x1000, 0x10, 1}}));
         load(store, makeMethod(0x20, 500, {{0x2000, 0x10, 0x11}}));
-        load(store, makeMethod(0x30, 500, {{0x3000, 0x20, 0x21}}));
-        load(store, makeMethod(0x40, 900, {{0x3010, 0x10, 0x41}}));
+        load(store, makeMethod(0x30, 900, {{0x2008, 0x10, 0x21}}));
         store.setCollectorType(c.collector);
-        MethodPtr update = makeMethod(c.rawId, c.time, {});
-        update->addRegion(RegionPtr(new Region(7, 1, c.time, 0, c.address, c.length,
-                                               c.noBytes ? nullptr : addressBytes(0, c.length))));
-        if (c.twoRanges)
-            update->addRegion(update->regions()[0]);
-        LogCapture log(kTrace);
-        EXPECT_EQ(meFail, store.processMethodUpdateRecord(7, 1, update));
-        EXPECT_EQ(1u, log.count(kError, c.error + kAtFileSuffix)) << log.dump();
-        const auto& bytes = store.methodList()[0]->regions()[0]->content();
-        EXPECT_EQ(4u, static_cast<const unsigned char*>(bytes->getData())[4]); // untouched
-    }
-}
-
-TEST(JitDataManagerTest, UpdatesPatchTheLiveRegion)
-{
-    const struct {
-        unsigned long long address;
-        unsigned int length;
-        std::vector<int> bytes;
-    } cases[] = {
-        {0x1004, 4, {0, 1, 2, 3, 0xa0, 0xa1, 0xa2, 0xa3, 8, 9, 10, 11, 12, 13, 14, 15}},
-        {0x100c, 4, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 0xa0, 0xa1, 0xa2, 0xa3}},
-        {0x1000, 4, {0xa0, 0xa1, 0xa2, 0xa3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}},
-        {0x1000, 16, {0xa0, 0xa1, 0xa2, 0xa3, 0xa4, 0xa5, 0xa6, 0xa7, 0xa8, 0xa9, 0xaa, 0xab, 0xac, 0xad, 0xae, 0xaf}},
-    };
-    for (const auto& c : cases) {
-        JitDataManager store;
-        store.setCollectorType(ctJitProfiler);
-        load(store, makeMethod(0x10, 500, {{0x1000, 0x10, 1}}));
-        MethodPtr update = makeMethod(0x10, 500, {{c.address, c.length, 0}});
-        std::vector<unsigned char> patch(c.length);
+        std::vector<unsigned char> patch(c.length), expected(16);
         for (unsigned int i = 0; i < c.length; ++i)
             patch[i] = static_cast<unsigned char>(0xa0 + i);
-        update->regions()[0]->content()->setData(patch.data(), c.length);
-
-        LogCapture log(kTrace);
-        ASSERT_EQ(meSuccess, store.processMethodUpdateRecord(7, 1, update));
-        EXPECT_EQ(1u, log.count(kInfo, "Updated code region (ip range = 0x1000-0x2010) from method (method id = "
-                                       "0x10, name = , load time = 0x1f4)"));
+        MethodPtr update = makeMethod(c.rawId, c.time, {});
+        update->addRegion(RegionPtr(new Region(7, 1, c.time, 0, c.address, c.length,
+                                               c.shape == '-' ? nullptr : makeByteBuffer(patch.data(), c.length))));
+        if (c.shape == '2')
+            update->addRegion(update->regions()[0]);
+        const bool ok = c.message == accepted;
+        LogCapture log(log4cplus::INFO_LOG_LEVEL);
+        EXPECT_EQ(ok ? meSuccess : meFail, store.processMethodUpdateRecord(7, 1, update));
+        EXPECT_EQ(0u, log.dump().find(c.message)) << log.dump();
+        for (unsigned int i = 0; i < 16; ++i) {
+            const unsigned long long at = 0x1000 + i - c.address; // wraps below the update
+            expected[i] = static_cast<unsigned char>(ok && at < c.length ? patch[at] : i);
+        }
         const auto& content = store.methodList()[0]->regions()[0]->content();
         const auto* data = static_cast<const unsigned char*>(content->getData());
-        EXPECT_EQ(c.bytes, std::vector<int>(data, data + content->getSize())) << hex(c.address);
-        MethodPtr method;
-        unsigned long long jitRva = 0;
-        EXPECT_EQ(meSuccess, store.resolveJitPoint(c.address, 500, 7, 1, method, jitRva));
-        EXPECT_EQ(1 + c.address - 0x1000, jitRva);
-        EXPECT_STORE_CONSISTENT(store);
+        EXPECT_EQ(expected, std::vector<unsigned char>(data, data + content->getSize()));
     }
 }
 
@@ -372,78 +233,22 @@ TEST(JitDataManagerTest, TranslateJitAddressBuildsItsTableOnce)
     EXPECT_EQ(meFail, store.translateJitAddress(0x20, 0x2010, 0x101, 0x501, out)); // empty: nothing kept
     for (unsigned int i = 0; i < 5; ++i)
         load(store, makeMethod(0x10 * (i + 1), 100, {{0x1000 * (i + 1), 0x100, 1 + 0x100ull * i}}));
-
     // The building call moves the index by the method's entry (B, index 1): it lands on C.
     EXPECT_EQ(meFail, store.translateJitAddress(0x20, 0x2010, 0x101, 0x501, out));
-    const struct {
-        unsigned long long vaddr, rvaBegin, rvaEnd;
-        velmark_error_t result;
-        unsigned long long out;
-    } cases[] = {
-        {0x2010, 0x101, 0x501, meSuccess, 0x111}, // the same call as above, now without offset
-        {0x1000, 1, 0x501, meSuccess, 1},
-        {0x50ff, 0x401, 0x501, meSuccess, 0x500},
-        {0x4020, 0x301, 0x401, meSuccess, 0x321},
-        {0x2010, 0x150, 0x501, meSuccess, 0x111}, // a begin inside an entry finds that entry
-        {0x2010, 0x101, 0x101, meFail, 0},        // the entry isn't below the end
-        {0x1fff, 0x101, 0x501, meFail, 0},
-        {0x2100, 0x101, 0x501, meFail, 0},
+    const struct { unsigned long long vaddr, rvaBegin, rvaEnd, out; /* 0: refused */ } cases[] = {
+        {0x2010, 0x101, 0x501, 0x111}, // the same call as above, now without offset
+        {0x1000, 1, 0x501, 1}, {0x50ff, 0x401, 0x501, 0x500}, {0x4020, 0x301, 0x401, 0x321},
+        {0x2010, 0x150, 0x501, 0x111}, // a begin inside an entry finds that entry
+        {0x2010, 0x101, 0x101, 0},     // the entry isn't below the end
+        {0x1fff, 0x101, 0x501, 0}, {0x2100, 0x101, 0x501, 0},
     };
     for (const auto& c : cases) {
         out = 0;
-        EXPECT_EQ(c.result, store.translateJitAddress(0x20, c.vaddr, c.rvaBegin, c.rvaEnd, out)) << hex(c.vaddr);
-        EXPECT_EQ(c.out, out);
+        EXPECT_EQ(c.out ? meSuccess : meFail, store.translateJitAddress(0x20, c.vaddr, c.rvaBegin, c.rvaEnd, out));
+        EXPECT_EQ(c.out, out) << hex(c.vaddr);
     }
-    // Later loads don't reach the table.
-    load(store, makeMethod(0x60, 100, {{0x6000, 0x100, 0x501}}));
+    load(store, makeMethod(0x60, 100, {{0x6000, 0x100, 0x501}})); // later loads don't reach the table
     EXPECT_EQ(meFail, store.translateJitAddress(0x60, 0x6010, 0x501, 0x601, out));
-}
-
-// Lookups search a flat copy of the maps once one is built, and the maps before: both must give
-// the same answers and messages, and a load must drop the copy.
-TEST(JitDataManagerTest, LookupsAnswerAlikeFromMapsAndFromTheirIndex)
-{
-    JitDataManager store;
-    loadAandB(store);
-    // A zero-length region that fails inside a key leaves a younger time entry behind.
-    load(store, makeMethod(0x40, 100, {{0x1000, 0x100, 0x500}}, 8), 8);
-    EXPECT_EQ(meBadTrace, load(store, makeMethod(0x41, 200, {{0x1010, 0, 0x500}}, 8), 8));
-    store.getOrCreateRegionDomain(9, 1);
-
-    const auto answers = [&store] {
-        std::vector<std::string> all;
-        for (unsigned int pid : {7u, 8u, 9u, 10u})
-            for (unsigned long long vaddr : {0xfffull, 0x1000ull, 0x1010ull, 0x103full, 0x1040ull, 0x10ffull,
-                                             0x1100ull, 0x307full, 0x3080ull, ~0ull})
-                for (unsigned long long time : {0ull, 100ull, 250ull, 500ull, 1199ull, 1200ull, 5000ull}) {
-                    LogCapture log(kTrace);
-                    RegionPtr region;
-                    MethodPtr method;
-                    std::string text = std::to_string(store.searchRegion(vaddr, time, pid, 1, region, method));
-                    text += method ? " " + hex(method->getRawMethodId()) : "";
-                    text += region ? " " + hex(region->startJitRva()) : "";
-                    for (const std::string& line : log.texts(kTrace))
-                        text += " | " + line;
-                    all.push_back(text);
-                }
-        return all;
-    };
-    const auto fromMaps = answers();
-    MethodPtr method;
-    unsigned long long jitRva = 0;
-    for (int i = 0; i < 8; ++i) // enough lookups for the store to build its arrays
-        ASSERT_EQ(meSuccess, store.resolveJitPoint(0x1050, 600, 7, 1, method, jitRva));
-    EXPECT_EQ(fromMaps, answers());
-    RegionPtr region;
-    EXPECT_EQ(meSuccess, store.searchRegion(0x1050, 250, 8, 1, region, method)); // the failed one's entry
-    EXPECT_EQ(0x40u, method->getRawMethodId());
-
-    ASSERT_EQ(meSuccess, load(store, makeMethod(0x30, 1500, {{0x1000, 0x100, 0x201}})));
-    ASSERT_EQ(meSuccess, store.resolveJitPoint(0x1050, 1600, 7, 1, method, jitRva));
-    EXPECT_EQ(0x30u, method->getRawMethodId());
-    EXPECT_EQ(0x251u, jitRva);
-    ASSERT_EQ(meSuccess, store.resolveJitPoint(0x2ff, method));
-    EXPECT_EQ(0x30u, method->getRawMethodId());
 }
 
 // The first lookups after a load build the shared tables; threads that race there must all see

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,11 +22,7 @@ using MethodPtr = boost::intrusive_ptr<JitMethod>;
 using RegionPtr = boost::intrusive_ptr<Region>;
 
 /// One code range of a record: address, length, jit rva.
-struct CodeRange {
-    unsigned long long address;
-    unsigned int length;
-    unsigned long long jitRva;
-};
+struct CodeRange { unsigned long long address; unsigned int length; unsigned long long jitRva; };
 
 /// Ids are unique per raw id, process and host, as the decoder makes them.
 inline MethodId idOf(unsigned int rawId, unsigned int pid = 7, unsigned int host = 1)
@@ -32,16 +30,8 @@ inline MethodId idOf(unsigned int rawId, unsigned int pid = 7, unsigned int host
     return MethodId((static_cast<unsigned long long>(host) << 32) | pid, rawId);
 }
 
-/// Bytes of a region: the low byte of each address, so that a copy shows where it came from.
-inline boost::shared_ptr<velmark_3_11::IByteBuffer> addressBytes(unsigned long long address, unsigned int length)
-{
-    std::vector<unsigned char> bytes(length);
-    for (unsigned int i = 0; i < length; ++i)
-        bytes[i] = static_cast<unsigned char>(address + i);
-    return velmark_3_11::makeByteBuffer(bytes.data(), length);
-}
-
-/// A load record: a raw method with its regions, started at the first region's jit rva.
+/// A load record: a raw method with its regions, started at the first region's jit rva. Each
+/// code byte is the low byte of its address, so that a copy shows where it came from.
 inline MethodPtr makeMethod(unsigned int rawId, unsigned long long loadTime, const std::vector<CodeRange>& ranges,
                             unsigned int pid = 7, unsigned int host = 1)
 {
@@ -49,25 +39,27 @@ inline MethodPtr makeMethod(unsigned int rawId, unsigned long long loadTime, con
     method->setRawMethodId(rawId);
     method->setMethodId(idOf(rawId, pid, host));
     method->setLoadTime(loadTime);
-    if (!ranges.empty())
-        method->setStartJitRva(ranges.front().jitRva);
-    for (const CodeRange& range : ranges)
+    method->setStartJitRva(ranges.empty() ? 0 : ranges.front().jitRva);
+    for (const CodeRange& range : ranges) {
+        std::vector<unsigned char> bytes(range.length);
+        for (unsigned int i = 0; i < range.length; ++i)
+            bytes[i] = static_cast<unsigned char>(range.address + i);
         method->addRegion(RegionPtr(new Region(pid, host, loadTime, range.jitRva, range.address, range.length,
-                                               addressBytes(range.address, range.length))));
+                                               velmark_3_11::makeByteBuffer(bytes.data(), range.length))));
+    }
     return method;
 }
 
-/// An inline record: one region with jit rva 0.
+/// An inline record: one region with jit rva 0; raw ids 0 give empty ids.
 inline MethodPtr makeInline(unsigned int rawId, unsigned int rawParentId, unsigned long long address,
-                            unsigned int length, unsigned long long loadTime, unsigned int pid = 7,
-                            unsigned int host = 1)
+                            unsigned int length, unsigned long long loadTime)
 {
-    MethodPtr method = makeMethod(rawId, loadTime, {{address, length, 0}}, pid, host);
+    MethodPtr method = makeMethod(rawId, loadTime, {{address, length, 0}});
     method->setRawParentId(rawParentId);
     if (rawId == 0)
         method->setMethodId(MethodId());
     if (rawParentId != 0)
-        method->setParentId(idOf(rawParentId, pid, host));
+        method->setParentId(idOf(rawParentId));
     return method;
 }
 
@@ -78,86 +70,56 @@ inline std::string hex(unsigned long long value)
     return text;
 }
 
-/// The keys of a region domain as "start-end:t1,t2", with the load times of each key's time
-/// domain in order; "*" marks a key whose container is `marked`.
-inline std::vector<std::string> describeDomain(const JitDataManager& store, unsigned int pid = 7, unsigned int host = 1,
-                                               const JitDataManager::JitMethodContainer* marked = nullptr)
+/// The keys of the region domain of process 7 on host 1 as "start-end:t1,t2", with the load
+/// times of each key's time domain in order.
+inline std::vector<std::string> describeDomain(const JitDataManager& store)
 {
     std::vector<std::string> keys;
-    const JitDataManager::RegionDomain* domain = store.getRegionDomain(pid, host);
-    if (domain == nullptr)
-        return keys;
-    for (const auto& entry : *domain) {
-        std::string text = hex(entry.first.start) + "-" + hex(entry.first.end()) + ":";
-        for (const auto& time : entry.second->timeDomain)
-            text += (text.back() == ':' ? "" : ",") + std::to_string(time.first);
-        if (entry.second.get() == marked)
-            text += "*";
-        keys.push_back(text);
-    }
+    if (const JitDataManager::RegionDomain* domain = store.getRegionDomain(7, 1))
+        for (const auto& entry : *domain) {
+            std::string text = hex(entry.first.start) + "-" + hex(entry.first.end()) + ":";
+            for (const auto& time : entry.second->timeDomain)
+                text += (text.back() == ':' ? "" : ",") + std::to_string(time.first);
+            keys.push_back(text);
+        }
     return keys;
 }
 
-namespace detail {
-
-inline ::testing::AssertionResult checkInlines(const Region& region, int depth = 0)
-{
-    if (region.inlinedRegions().size() != region.inlinedMethods().size())
-        return ::testing::AssertionFailure() << "inline vectors differ in region at " << hex(region.startAddress());
-    if (depth > 64)
-        return ::testing::AssertionFailure() << "inline chain loops at " << hex(region.startAddress());
-    for (const auto& inlined : region.inlinedRegions()) {
-        auto result = checkInlines(*inlined, depth + 1);
-        if (!result)
-            return result;
-    }
-    return ::testing::AssertionSuccess();
-}
-
-template <class Map>
-::testing::AssertionResult checkDisjoint(const Map& map, const char* what)
-{
-    const typename Map::value_type* previous = nullptr;
-    for (const auto& entry : map) {
-        if (previous != nullptr && previous->first.end() > entry.first.start)
-            return ::testing::AssertionFailure() << what << " keys " << hex(previous->first.start) << "-"
-                                                 << hex(previous->first.end()) << " and " << hex(entry.first.start)
-                                                 << " overlap or are out of order";
-        previous = &entry;
-    }
-    return ::testing::AssertionSuccess();
-}
-
-} // namespace detail
-
-/// Keys of every region domain disjoint and sorted, jit rva ranges unique, and the parallel
-/// inline vectors of every reachable region equal.
+/// Keys of the jit rva domain and of every region domain disjoint and sorted, no empty container,
+/// and in every region that a domain or a method reaches, parallel inline vectors without a loop.
 inline ::testing::AssertionResult storeIsConsistent(const JitDataManager& store)
 {
-    auto result = detail::checkDisjoint(store.jitRvaDomain(), "jit rva");
-    if (!result)
-        return result;
-    for (const auto& host : store.regionDomains()) {
+    std::string fault;
+    const auto disjoint = [&fault](const auto& map, const char* what) {
+        for (auto it = map.begin(); it != map.end() && std::next(it) != map.end(); ++it)
+            if (fault.empty() && it->first.end() > std::next(it)->first.start)
+                fault = what + (" key at " + hex(it->first.start) + " overlaps the next");
+    };
+    std::function<void(const Region&, int)> inlines = [&](const Region& region, int depth) {
+        if (fault.empty() && region.inlinedRegions().size() != region.inlinedMethods().size())
+            fault = "inline vectors differ in region at " + hex(region.startAddress());
+        if (fault.empty() && depth > 64)
+            fault = "inline chain loops at " + hex(region.startAddress());
+        for (std::size_t i = 0; fault.empty() && i < region.inlinedRegions().size(); ++i)
+            inlines(*region.inlinedRegions()[i], depth + 1);
+    };
+    disjoint(store.jitRvaDomain(), "jit rva");
+    for (const auto& host : store.regionDomains())
         for (const auto& process : host.second) {
-            if (!(result = detail::checkDisjoint(process.second, "ip")))
-                return result;
+            disjoint(process.second, "ip");
             for (const auto& key : process.second) {
                 if (!key.second || key.second->timeDomain.empty())
                     return ::testing::AssertionFailure() << "empty container at " << hex(key.first.start);
                 for (const auto& time : key.second->timeDomain)
-                    if (!(result = detail::checkInlines(*time.second)))
-                        return result;
+                    inlines(*time.second, 0);
             }
         }
-    }
-    for (const auto& entry : store.jitRvaDomain())
-        if (!(result = detail::checkInlines(*entry.second.first)))
-            return result;
     for (const auto& method : store.methodList())
         for (const auto& region : method->regions())
-            if (!(result = detail::checkInlines(*region)))
-                return result;
-    return ::testing::AssertionSuccess();
+            inlines(*region, 0);
+    if (fault.empty())
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << fault;
 }
 
 #define EXPECT_STORE_CONSISTENT(store) EXPECT_TRUE(::jrtest::storeIsConsistent(store))
