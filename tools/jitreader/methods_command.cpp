@@ -21,17 +21,11 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
-    if (!parseOutputFormat(options.value("format", "table"), format)) {
-        err << "jitreader methods: unknown format '" << options.value("format") << "'\n";
+    if (!parseOutputFormat("methods", options.value("format", "table"), err, format))
         return 2;
-    }
     const std::vector<std::string>& directories = options.positional();
-    if (directories.empty()) {
-        err << "jitreader methods: no result directory given\n";
-        return 2;
-    }
-    if (!checkResultDirectories(directories, err))
-        return 1;
+    if (const int code = checkDirectoryOperands("methods", directories, err))
+        return code;
 
     auto iterator = directoryIterator(directories);
     boost::intrusive_ptr<ISymbolFileLocator> noLocator;

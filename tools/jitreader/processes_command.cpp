@@ -15,12 +15,8 @@ int runProcesses(const std::vector<std::string>& args, std::ostream& out, std::o
     if (!options.parse(args, out, err))
         return options.exitCode();
     const std::vector<std::string>& directories = options.positional();
-    if (directories.empty()) {
-        err << "jitreader processes: no result directory given\n";
-        return 2;
-    }
-    if (!checkResultDirectories(directories, err))
-        return 1;
+    if (const int code = checkDirectoryOperands("processes", directories, err))
+        return code;
 
     JitFilesManager files;
     auto iterator = directoryIterator(directories);

@@ -45,17 +45,15 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
-    if (!parseOutputFormat(options.value("format", "table"), format)) {
-        err << "jitreader resolve: unknown format '" << options.value("format") << "'\n";
+    if (!parseOutputFormat("resolve", options.value("format", "table"), err, format))
+        return 2;
+    if (!options.has("samples")) {
+        err << "jitreader resolve: give the sample points with --samples FILE\n";
         return 2;
     }
     const std::vector<std::string>& directories = options.positional();
-    if (directories.empty() || !options.has("samples")) {
-        err << "jitreader resolve: give the result directories and --samples FILE\n";
-        return 2;
-    }
-    if (!checkResultDirectories(directories, err))
-        return 1;
+    if (const int code = checkDirectoryOperands("resolve", directories, err))
+        return code;
 
     std::vector<SamplePoint> samples;
     std::string error;

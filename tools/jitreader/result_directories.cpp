@@ -48,4 +48,14 @@ bool checkResultDirectories(const std::vector<std::string>& directories, std::os
     return good;
 }
 
+int checkDirectoryOperands(const std::string& command, const std::vector<std::string>& directories,
+                           std::ostream& err)
+{
+    if (directories.empty()) {
+        err << "jitreader " << command << ": no result directory given\n";
+        return 2;
+    }
+    return checkResultDirectories(directories, err) ? 0 : 1;
+}
+
 } // namespace jitreader_tool

@@ -17,4 +17,9 @@ basekit2::generic_iterator_t<const wchar_t*> directoryIterator(const std::vector
 /// one line per problem to `err` and returns false when there is one.
 bool checkResultDirectories(const std::vector<std::string>& directories, std::ostream& err);
 
+/// The exit code for the directories given to `command`: 0 when they are good, 2 when none was
+/// given, 1 when one is bad; with a message on `err` in the last two cases.
+int checkDirectoryOperands(const std::string& command, const std::vector<std::string>& directories,
+                           std::ostream& err);
+
 } // namespace jitreader_tool

@@ -18,6 +18,15 @@ bool parseOutputFormat(const std::string& text, OutputFormat& format)
     return true;
 }
 
+bool parseOutputFormat(const std::string& command, const std::string& text, std::ostream& err,
+                       OutputFormat& format)
+{
+    if (parseOutputFormat(text, format))
+        return true;
+    err << "jitreader " << command << ": unknown format '" << text << "'\n";
+    return false;
+}
+
 void Table::print(std::ostream& out, OutputFormat format) const
 {
     switch (format) {

@@ -11,6 +11,9 @@ enum class OutputFormat { table, csv, json };
 
 /// Parses "table", "csv" or "json".
 bool parseOutputFormat(const std::string& text, OutputFormat& format);
+/// As parseOutputFormat, with a message naming `command` on `err` when the text is none of them.
+bool parseOutputFormat(const std::string& command, const std::string& text, std::ostream& err,
+                       OutputFormat& format);
 
 class Table {
 public:
