@@ -7,6 +7,9 @@ DEMO_DIR ?= $(BUILD_DIR)/demo-results
 
 FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 60
+# Each NAME has fuzz/NAME_fuzz.cpp, a seed corpus in fuzz/corpus/NAME and its longest input.
+FUZZ_TARGETS ?= trace_file java_names
+FUZZ_MAX_LEN ?= 65536
 
 .PHONY: all deps build test check-sanitize demo bench fuzz clean
 
@@ -41,10 +44,10 @@ bench: build
 
 fuzz: deps
 	CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=Debug -DJITREADER_FUZZ=ON -DJITREADER_BENCH=OFF -DJITREADER_WERROR=OFF
-	cmake --build $(FUZZ_DIR) -j $(JOBS) --target trace_file_fuzz java_names_fuzz
-	@for t in trace_file java_names; do \
+	cmake --build $(FUZZ_DIR) -j $(JOBS) --target $(FUZZ_TARGETS:%=%_fuzz)
+	@for t in $(FUZZ_TARGETS); do \
 		mkdir -p $(FUZZ_DIR)/corpus-$$t; \
-		$(FUZZ_DIR)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -artifact_prefix=$(FUZZ_DIR)/$$t- \
+		$(FUZZ_DIR)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=$(FUZZ_MAX_LEN) -artifact_prefix=$(FUZZ_DIR)/$$t- \
 			$(FUZZ_DIR)/corpus-$$t fuzz/corpus/$$t || exit 1; \
 	done
 
