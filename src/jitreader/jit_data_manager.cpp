@@ -17,7 +17,6 @@ namespace {
 
 constexpr auto kLogNumbers = logging::numbers_t::hex;
 
-constexpr unsigned long long kInvalidJitRva = 0xFFFFFFFFFFFFFFFFull;
 constexpr unsigned long long kPreJittedLoadTime = 1;
 
 typedef JitDataManager::JitMethodContainer Container;

@@ -154,13 +154,16 @@ bool isModuleOfNoFile(const std::wstring& path)
 
 JitFileDecoder::JitFileDecoder(const std::wstring& path, unsigned int processId, unsigned int hostId,
                                unsigned long long firstJitRva, decoding_mode_t mode)
-    : m_readBuffer(kReadBufferSize),
+    : m_path(path),
+      m_readBuffer(kReadBufferSize),
       m_position(0),
       m_mode(mode),
       m_hostId(hostId),
       m_pid(processId),
       m_collectorType(ctDefault),
       m_nextJitRva(firstJitRva),
+      m_jitRvaEnd(kOverflowWindowBase),
+      m_overflowWindow(0),
       m_searchRegionCallback(nullptr),
       m_arch0Seen(false),
       m_arch1Seen(false),
@@ -183,6 +186,32 @@ JitFileDecoder::JitFileDecoder(const std::wstring& path, unsigned int processId,
         m_stream.seekg(0);
         m_streamPosition = 0;
     }
+}
+
+void JitFileDecoder::setOverflowWindow(unsigned long long rangeEnd, unsigned int fileIndex)
+{
+    m_jitRvaEnd = rangeEnd;
+    m_overflowWindow = kOverflowWindowBase + fileIndex * kOverflowWindowSize;
+}
+
+unsigned long long JitFileDecoder::allocJitRva(unsigned int size) const
+{
+    const auto fits = [&] { return m_nextJitRva <= m_jitRvaEnd && size <= m_jitRvaEnd - m_nextJitRva; };
+    if (!fits() && m_overflowWindow != 0) {
+        // Update copies and code written without its bytes take more jit rvas than the file
+        // has bytes; the rest of the file goes on in a space that no other file uses.
+        m_nextJitRva = m_overflowWindow;
+        m_jitRvaEnd = m_overflowWindow + kOverflowWindowSize;
+        m_overflowWindow = 0;
+    }
+    if (!fits()) {
+        VM_LOG(log4cplus::ERROR_LOG_LEVEL, kHex, true,
+               L"No jit rvas are left for a code range of " << size << L" bytes in jit file " << m_path);
+        return kInvalidJitRva;
+    }
+    const unsigned long long jitRva = m_nextJitRva;
+    m_nextJitRva += size;
+    return jitRva;
 }
 
 JitFileDecoder::~JitFileDecoder()
@@ -384,11 +413,16 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
             continue;
         }
         const unsigned long long jitRva = form == lfInlineFlag && isInline != 0 ? index : allocJitRva(size);
+        if (jitRva == kInvalidJitRva)
+            return false;
         boost::intrusive_ptr<Region> region(
             new Region(m_pid, m_hostId, loadTime, jitRva, startAddr, size, content));
         method.addRegion(region);
         regions.push_back(region);
     }
+    // The method starts where its first region does, also when that moved the counter on.
+    if (isInline == 0 && !regions.empty())
+        method.setStartJitRva(regions.front()->startJitRva());
     if (rangeCount != 0) {
         if (regions.size() != rangeCount - emptyRanges) {
             if (form == lfInlineFlag)
@@ -626,6 +660,9 @@ bool JitFileDecoder::decodeMethodUpdateRecordV2(const Record& record, boost::int
     } else {
         // The new version gets a jit rva range of its own, as long as the whole old region.
         const unsigned long long jitRva = allocJitRva(updRegion->length());
+        if (jitRva == kInvalidJitRva)
+            return false;
+        method->setStartJitRva(jitRva);
         if (content) {
             // The old region stays as it is: a refused update changes nothing in the store.
             region.reset(new Region(*updRegion));

@@ -9,6 +9,7 @@
 
 #include "jitreader/error.h"
 #include "jitreader/jit_method.h"
+#include "jitreader/range.h"
 #include "jitreader/region.h"
 
 namespace velmark_3_11 {
@@ -99,13 +100,21 @@ public:
     /// True when load form 4 records named both module architecture 0 and 1.
     bool bothArchitecturesSeen() const { return m_arch0Seen && m_arch1Seen; }
 
-    /// Returns the jit rva counter and then advances it by `size`.
-    unsigned long long allocJitRva(unsigned int size) const
-    {
-        const unsigned long long jitRva = m_nextJitRva;
-        m_nextJitRva += size;
-        return jitRva;
-    }
+    /// Where overflow windows begin, and how long each is. The jit rvas of every file lie below
+    /// kOverflowWindowBase, so the windows collide with no file.
+    static constexpr unsigned long long kOverflowWindowBase = 1ull << 48;
+    static constexpr unsigned long long kOverflowWindowSize = 1ull << 32;
+
+    /// Closes the file's range at `rangeEnd`: a file that is not the last one registered takes
+    /// what does not fit there from its overflow window, the `fileIndex`-th. Without this call the
+    /// range is open up to the first window, as the last file's is.
+    void setOverflowWindow(unsigned long long rangeEnd, unsigned int fileIndex);
+
+    /// Returns the jit rva counter and then advances it by `size`. When `size` jit rvas don't fit
+    /// into the file's range, the counter moves once to the file's overflow window; when they fit
+    /// there neither, the request is refused with an ERROR naming the file, the counter stays,
+    /// and the result is kInvalidJitRva.
+    unsigned long long allocJitRva(unsigned int size) const;
 
 private:
     /// The load forms, in the order in which they appeared.
@@ -117,6 +126,7 @@ private:
     void storeNamesAndModule(JitMethod& method, std::string name, std::string className, std::wstring modulePath,
                              unsigned int languageType, unsigned int arch) const;
 
+    std::wstring m_path;
     // The stream's read buffer; declared first so that it outlives the stream.
     std::vector<char> m_readBuffer;
     std::ifstream m_stream;
@@ -126,6 +136,10 @@ private:
     unsigned int m_pid;
     unsigned int m_collectorType;
     mutable unsigned long long m_nextJitRva;
+    // The end of the space the counter runs in now, and the overflow window that it moves to
+    // when that is used up (0: none, or already moved).
+    mutable unsigned long long m_jitRvaEnd;
+    mutable unsigned long long m_overflowWindow;
     MethodIdMaker m_methodIdMaker;
     const SearchRegionCallback* m_searchRegionCallback;
     bool m_arch0Seen;

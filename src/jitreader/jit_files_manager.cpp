@@ -1,6 +1,8 @@
 #include "jitreader/jit_files_manager.h"
 
+#include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <sstream>
 
 #include <boost/filesystem.hpp>
@@ -30,7 +32,7 @@ bool hasTraceExtension(const std::wstring& name)
 
 } // namespace
 
-JitFilesManager::JitFilesManager() : m_nextHostId(1), m_bitnessFilter(0), m_allRead(false) {}
+JitFilesManager::JitFilesManager() : m_nextHostId(1), m_fileCount(0), m_bitnessFilter(0), m_allRead(false) {}
 
 velmark_error_t JitFilesManager::scanDirectories(basekit2::generic_iterator_t<const wchar_t*>& directories,
                                                  unsigned int bitnessFilter)
@@ -115,7 +117,7 @@ velmark_error_t JitFilesManager::registerFile(const std::wstring& path, const st
     JitProcessEntry& process = m_hosts[hostId][processId];
     process.read = false;
     const unsigned long long size = fs::file_size(fs::path(path));
-    process.files.push_back(JitFileEntry{runningJitRva, size, path});
+    process.files.push_back(JitFileEntry{runningJitRva, size, path, m_fileCount++});
     runningJitRva += size;
     return meSuccess;
 }
@@ -179,6 +181,26 @@ JitFilesManager::JitProcessEntry* JitFilesManager::findProcess(unsigned int proc
     return process == host->second.end() ? nullptr : &process->second;
 }
 
+void JitFilesManager::readProcess(unsigned int processId, unsigned int hostId, const JitProcessEntry& process,
+                                  decoding_mode_t mode, JitDataManager& dataManager) const
+{
+    // Lookups share the store; a read has it to itself.
+    std::unique_lock<std::shared_mutex> storeLock(dataManager.accessMutex());
+    for (const JitFileEntry& file : process.files) {
+        if (file.path.empty()) {
+            VM_ERROR_AT(L"Skip reading jit file because path is empty");
+            continue;
+        }
+        JitFileDecoder decoder(file.path, processId, hostId, file.firstJitRva, mode);
+        decoder.setSearchRegionCallback(&dataManager);
+        // The last file's range is open, as in a store of one file.
+        if (file.index + 1 != m_fileCount)
+            decoder.setOverflowWindow(file.firstJitRva + file.size, file.index);
+        if (readJitFile(decoder, m_bitnessFilter, dataManager) != meSuccess)
+            VM_ERROR_AT(L"Could not read jit file " << file.path);
+    }
+}
+
 velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManager& dataManager)
 {
     boost::unique_lock<boost::mutex> lock(m_readMutex);
@@ -191,16 +213,7 @@ velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManag
                 continue;
             // A file that fails is not retried: the process counts as read all the same.
             process.second.read = true;
-            for (const JitFileEntry& file : process.second.files) {
-                if (file.path.empty()) {
-                    VM_ERROR_AT(L"Skip reading jit file because path is empty");
-                    continue;
-                }
-                JitFileDecoder decoder(file.path, process.first, host.first, file.firstJitRva, mode);
-                decoder.setSearchRegionCallback(&dataManager);
-                if (readJitFile(decoder, m_bitnessFilter, dataManager) != meSuccess)
-                    VM_ERROR_AT(L"Could not read jit file " << file.path);
-            }
+            readProcess(process.first, host.first, process.second, mode, dataManager);
         }
     }
     m_allRead = true;
@@ -219,16 +232,9 @@ velmark_error_t JitFilesManager::readProcessFiles(unsigned int processId, unsign
     boost::unique_lock<boost::mutex> lock(m_readMutex);
     if (process->read)
         return meSuccess;
-    for (const JitFileEntry& file : process->files) {
-        if (file.path.empty())
-            return meInvalidArgument;
-        JitFileDecoder decoder(file.path, processId, hostId, file.firstJitRva, mode);
-        decoder.setSearchRegionCallback(&dataManager);
-        const velmark_error_t result = readJitFile(decoder, m_bitnessFilter, dataManager);
-        if (result != meSuccess)
-            return result;
-    }
-    // Set only after full success, so that a failed process is read again from its first file.
+    // Read once: reading again would feed the same records into the store a second time, where
+    // they collide with their own jit rvas. What the files gave answers; failures are logged.
+    readProcess(processId, hostId, *process, mode, dataManager);
     process->read = true;
     return meSuccess;
 }

@@ -25,6 +25,7 @@ public:
         unsigned long long firstJitRva;
         unsigned long long size;
         std::wstring path;
+        unsigned int index; ///< place in registration order, from 0: the file's overflow window
     };
 
     /// The trace files of one process, in the order of registration.
@@ -61,8 +62,8 @@ public:
     /// Reads every file not yet read into `dataManager`; files that fail are logged and
     /// skipped. Always meSuccess.
     velmark_error_t readAllFiles(decoding_mode_t mode, JitDataManager& dataManager);
-    /// Reads the files of one process, unless already read: meSuccess, meFail for an unknown
-    /// process, meInvalidArgument for an empty path, or the code of the failed read.
+    /// Reads the files of one process, once: meSuccess, also when a file failed (that is logged,
+    /// and what the files gave stays), or meFail for an unknown process.
     velmark_error_t readProcessFiles(unsigned int processId, unsigned int hostId, decoding_mode_t mode,
                                      JitDataManager& dataManager);
 
@@ -72,10 +73,14 @@ private:
     velmark_error_t registerFile(const std::wstring& path, const std::wstring& name,
                                  unsigned long long& runningJitRva);
     JitProcessEntry* findProcess(unsigned int processId, unsigned int hostId);
+    /// Reads all files of a process into `dataManager`, logging each that fails.
+    void readProcess(unsigned int processId, unsigned int hostId, const JitProcessEntry& process, decoding_mode_t mode,
+                     JitDataManager& dataManager) const;
 
     std::vector<const wchar_t*> m_hostNames;
     std::map<std::wstring, unsigned int> m_hostIds;
     unsigned int m_nextHostId;
+    unsigned int m_fileCount;
     HostMap m_hosts;
     unsigned int m_bitnessFilter;
     boost::mutex m_readMutex;

@@ -3,6 +3,9 @@
 
 namespace velmark_3_11 {
 
+/// The jit rva that no code byte has: the answer of a failed allocation or translation.
+constexpr unsigned long long kInvalidJitRva = 0xFFFFFFFFFFFFFFFFull;
+
 /// The interval [start, start + size).
 struct Range {
     unsigned long long start;
