@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <shared_mutex>
 #include <vector>
 
 #include <boost/intrusive_ptr.hpp>
@@ -64,6 +65,10 @@ public:
                                                   boost::intrusive_ptr<JitMethod>& rawMethod);
     /// Gives inline regions and their line tables their jit rvas; runs after every file.
     void finalize();
+
+    /// Taken exclusively by whoever loads into the store, and shared by lookups that may run
+    /// beside a load (the loader's); a store that is loaded once, before it is shared, needs it not.
+    std::shared_mutex& accessMutex() const { return m_accessMutex; }
 
     unsigned int getCollectorType() const { return m_collectorType; }
     void setCollectorType(unsigned int collectorType) { m_collectorType = collectorType; }
@@ -154,6 +159,7 @@ private:
     // enough lookups followed the last change, and published through the atomic pointer. Loads
     // run alone, so they may drop the arrays without a lock; until the arrays are there again,
     // searches use the maps.
+    mutable std::shared_mutex m_accessMutex;
     mutable boost::mutex m_lookupIndexMutex;
     mutable std::unique_ptr<LookupIndex> m_lookupIndexStorage;
     mutable std::atomic<const LookupIndex*> m_lookupIndex;

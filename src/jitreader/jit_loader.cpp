@@ -1,5 +1,7 @@
 #include "jitreader/jit_loader.h"
 
+#include <shared_mutex>
+
 #include "jitreader/jit_data_manager.h"
 #include "jitreader/jit_files_manager.h"
 #include "jitreader/module_evaluator.h"
@@ -29,6 +31,8 @@ public:
             return result;
         boost::intrusive_ptr<JitMethod> method;
         unsigned long long rva = 0;
+        // Another thread may be reading another process into the store meanwhile.
+        std::shared_lock<std::shared_mutex> lookup(m_dataManager.accessMutex());
         // The store takes the address first, the loader's callers the time stamp.
         result = m_dataManager.resolveJitPoint(address, timestamp, processId, hostId, method, rva);
         if (result != meSuccess)
@@ -49,6 +53,7 @@ public:
             m_filesManager.readProcessFiles(processId, hostId, decoding_mode_modules, m_dataManager);
         if (result != meSuccess)
             return result;
+        std::shared_lock<std::shared_mutex> lookup(m_dataManager.accessMutex());
         return m_dataManager.findNextRegion(begin, end, timestamp, processId, hostId, region);
     }
 
