@@ -202,12 +202,19 @@ bool JitMethod::validateLineNumberInfo() const
 
 void JitMethod::normalizeLineNumberInfoJitRvaRanges(unsigned long long base)
 {
+    // Finalisation runs after every file: the base is given once, and a later call moves the
+    // rows only by the difference (none, unless the region itself moved). Writing nothing when
+    // nothing moves also keeps readers of methods loaded earlier undisturbed.
+    const unsigned long long delta = base - m_lineNumberBase;
+    if (delta == 0)
+        return;
+    m_lineNumberBase = base;
     if (m_lineNumberInfo.empty())
         return;
 
     LineNumberMap moved;
     for (const auto& entry : m_lineNumberInfo) {
-        bool ret = moved.insert(std::make_pair(Range(entry.first.start + base, entry.first.size), entry.second)).second;
+        bool ret = moved.insert(std::make_pair(Range(entry.first.start + delta, entry.first.size), entry.second)).second;
         BASEKIT2_ASSERT(ret);
     }
     m_lineNumberInfo.swap(moved);
@@ -263,6 +270,7 @@ velmark_error_t JitMethod::getLineNumberInfo(unsigned int kind, LineNumberEntry*
 {
     if (rows == nullptr && count == nullptr)
         return meInvalidArgument;
+    std::lock_guard<std::mutex> lock(m_lineQueryMutex);
     if (m_lineNumberInfo.empty())
         return meFail;
 
@@ -290,7 +298,10 @@ velmark_error_t JitMethod::getLineNumberInfo(unsigned int kind, LineNumberEntry*
 velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry* first, LineNumberEntry* last,
                                               unsigned long long jitRva)
 {
-    if (m_lineNumberInfo.empty() || first == nullptr || last == nullptr)
+    if (first == nullptr || last == nullptr)
+        return meFail;
+    std::lock_guard<std::mutex> lock(m_lineQueryMutex);
+    if (m_lineNumberInfo.empty())
         return meFail;
 
     LineNumberInfo* info = selectLineNumberEntry(jitRva);
@@ -317,6 +328,7 @@ velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry* first, LineNumber
 
 boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long long jitRva) const
 {
+    std::lock_guard<std::mutex> lock(m_lineQueryMutex);
     if (m_lineNumberInfo.empty())
         return nullptr;
 

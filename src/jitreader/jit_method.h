@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -110,7 +111,8 @@ public:
     bool addLineNumberInfo(const LineNumberMap& other);
     /// False for a method without regions; reports rows that run past the first region.
     bool validateLineNumberInfo() const;
-    /// Moves every line table key up by `base`.
+    /// Places the line table keys at `base`: the first call moves them up by `base`, later calls
+    /// by the difference to the base placed before.
     void normalizeLineNumberInfoJitRvaRanges(unsigned long long base);
     /// Reports at TRACE how the source file of `other` differs from this one's.
     void compareSymbolicInfoTo(const boost::intrusive_ptr<JitMethod>& other) const;
@@ -129,6 +131,10 @@ private:
     Region::RegionVector m_regions;
     bool m_isInlined;
     LineNumberMap m_lineNumberInfo;
+    unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
+    // A line query with a jit rva copies that range's tables over the first range's, and later
+    // queries see them; concurrent queries take turns.
+    mutable std::mutex m_lineQueryMutex;
 };
 
 /// The stateless maker of method ids that the decoder offers.

@@ -254,8 +254,11 @@ velmark_error_t Region::normalizeInlineJitRvaRanges(unsigned long long jitRva, u
         Region& inlined = *level.region->m_inlinedRegions[i];
         JitMethod& method = *level.region->m_inlinedMethods[i];
         const unsigned long long rva = jitRva + inlined.m_startAddress - startAddr;
-        inlined.m_startJitRva = rva;
-        method.setStartJitRva(rva);
+        // Placed inlines keep their values untouched: readers may be at them.
+        if (inlined.m_startJitRva != rva)
+            inlined.m_startJitRva = rva;
+        if (method.getStartJitRva() != rva)
+            method.setStartJitRva(rva);
         method.normalizeLineNumberInfoJitRvaRanges(rva);
         VM_TRACE(L"  Set jit rva range = " << rva << L"-" << rva + inlined.m_length << L" for ip range = "
                                            << inlined.m_startAddress << L"-" << inlined.endAddress() << L".");

@@ -50,25 +50,30 @@ std::vector<FrameText> framesAt(ISymbolResolver& resolver, unsigned long long ji
     return frames;
 }
 
-TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFrames)
+TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFileOfTheStore)
 {
-    // J is inlined into I, and I into P; the records arrive as J, I, P.
-    MethodLoad parent = e2e::method(1, 0x1000, 0x100, 100, "run", 10);
-    TraceWriter trace;
-    trace.magic()
+    // J is inlined into I, and I into P; the records arrive as J, I, P. Another process's file
+    // follows, so that every file of process 7 is finalised more than once.
+    TraceWriter inlines, parent, other;
+    inlines.magic()
         .collectorType(1)
         .inlineLoad(kFunctionInlineLoad64, inlined(3, 2, 0x1020, 0x10, "size()I", 300))
-        .inlineLoad(kFunctionInlineLoad64, inlined(2, 1, 0x1010, 0x40, "get(I)Ljava/lang/Object;", 200))
-        .load(kFunctionLoad64_v3, parent);
-    jrtest::TempDir root;
-    root.write("d/host.7.jit", trace.bytes());
+        .inlineLoad(kFunctionInlineLoad64, inlined(2, 1, 0x1010, 0x40, "get(I)Ljava/lang/Object;", 200));
+    parent.magic().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10));
+    other.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "other"));
+    TraceWriter oneFile = inlines;
+    oneFile.raw(TraceWriter().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10)).bytes());
 
-    auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-    auto directories = e2e::dirs(root, {"d"});
-    auto loader = IJitLoader::create(directories);
-    ASSERT_TRUE(resolver);
-    ASSERT_TRUE(loader);
-
+    const struct {
+        const char* name;
+        std::vector<std::pair<std::string, const TraceWriter*>> files;
+        unsigned long long parentBase; // the parent's first jit rva
+    } layouts[] = {
+        {"one file", {{"a/host.7.jit", &oneFile}, {"b/host.8.jit", &other}}, 1},
+        {"parent in a later file than its inlines",
+         {{"a/host.7.jit", &inlines}, {"b/host.7.jit", &parent}, {"b/host.8.jit", &other}},
+         1 + inlines.size()},
+    };
     const struct {
         unsigned long long address;
         std::vector<FrameText> frames;
@@ -79,16 +84,27 @@ TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFrames)
         {0x104f, {{L"App::Main::run", 14}, {L"com::example::Inner::get", 200}}},
         {0x1050, {{L"App::Main::run", 15}}},
     };
-    for (const auto& sample : samples) {
-        unsigned long long jitRva = 0;
-        boost::intrusive_ptr<IModule> module;
-        ASSERT_EQ(meSuccess, loader->resolveModule(150, sample.address, 7, 1, &jitRva, module));
-        EXPECT_EQ(1 + sample.address - 0x1000, jitRva); // the file's jit rvas start at 1
-        const std::vector<FrameText> frames = framesAt(*resolver, jitRva);
-        ASSERT_EQ(sample.frames.size(), frames.size()) << std::hex << sample.address;
-        for (std::size_t i = 0; i < frames.size(); ++i) {
-            EXPECT_EQ(sample.frames[i].name, frames[i].name) << std::hex << sample.address;
-            EXPECT_EQ(sample.frames[i].line, frames[i].line) << std::hex << sample.address;
+    for (const auto& layout : layouts) {
+        SCOPED_TRACE(layout.name);
+        jrtest::TempDir root;
+        for (const auto& file : layout.files)
+            root.write(file.first, file.second->bytes());
+        auto resolver = e2e::resolverOf(e2e::dirs(root, {"a", "b"}));
+        auto directories = e2e::dirs(root, {"a", "b"});
+        auto loader = IJitLoader::create(directories);
+        ASSERT_TRUE(resolver);
+        ASSERT_TRUE(loader);
+        for (const auto& sample : samples) {
+            unsigned long long jitRva = 0;
+            boost::intrusive_ptr<IModule> module;
+            ASSERT_EQ(meSuccess, loader->resolveModule(150, sample.address, 7, 1, &jitRva, module));
+            EXPECT_EQ(layout.parentBase + sample.address - 0x1000, jitRva);
+            const std::vector<FrameText> frames = framesAt(*resolver, jitRva);
+            ASSERT_EQ(sample.frames.size(), frames.size()) << std::hex << sample.address;
+            for (std::size_t i = 0; i < frames.size(); ++i) {
+                EXPECT_EQ(sample.frames[i].name, frames[i].name) << std::hex << sample.address;
+                EXPECT_EQ(sample.frames[i].line, frames[i].line) << std::hex << sample.address;
+            }
         }
     }
 }

@@ -165,11 +165,12 @@ TEST(InlineMethodTest, FinalizePlacesNestedInlinesFromTheTopRegion)
     const MethodPtr inlined = s.last;
     ASSERT_TRUE(inlined->addLineNumberInfo(ltNativeToSource, {{0, 4, 10}}, velmark_3_11::Range(0, 0x40)));
     s.apply({'I', 3, 2, 0x1020, 0x10, 120});
-    for (const unsigned long long lineStart : {0x410ull, 0x820ull}) {
+    // Every file ends in a finalisation; the base is placed once, however often it runs.
+    for (int pass = 0; pass < 2; ++pass) {
         s.store.finalize();
         EXPECT_EQ("1@0x1000#0x400{2@0x1010#0x410{3@0x1020#0x420{4@0x1024#0x424}}}", inlineTree(s.store));
         EXPECT_EQ(0x410u, inlined->getStartJitRva());
-        EXPECT_EQ(lineStart, inlined->lineNumberInfo().begin()->first.start);
+        EXPECT_EQ(0x410u, inlined->lineNumberInfo().begin()->first.start);
     }
 }
 
