@@ -1,6 +1,7 @@
 # Front door of the build. `make demo` and `make test` are the two commands of the README.
 BUILD_DIR ?= build
 SANITIZE_DIR ?= build-sanitize
+TSAN_DIR ?= build-tsan
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_FLAGS ?=
 DEMO_DIR ?= $(BUILD_DIR)/demo-results
@@ -11,7 +12,7 @@ FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= trace_file java_names
 FUZZ_MAX_LEN ?= 65536
 
-.PHONY: all deps build test check-sanitize demo bench fuzz clean
+.PHONY: all deps build test check-sanitize check-tsan demo bench fuzz clean
 
 all: build
 
@@ -33,6 +34,12 @@ check-sanitize: deps
 	cd $(SANITIZE_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest --output-on-failure -j $(JOBS)
 
+# The concurrency stress test under ThreadSanitizer.
+check-tsan: deps
+	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJITREADER_TSAN=ON -DJITREADER_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target e2e_tests
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(TSAN_DIR)/tests/e2e_tests --gtest_filter='Concurrency.*'
+
 demo: build
 	@[ -d $(DEMO_DIR) ] || $(BUILD_DIR)/tools/jitreader-sample-gen $(DEMO_DIR)
 	$(BUILD_DIR)/tools/jitreader processes $(DEMO_DIR)/alpha $(DEMO_DIR)/beta
@@ -52,4 +59,4 @@ fuzz: deps
 	done
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(FUZZ_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(TSAN_DIR) $(FUZZ_DIR)
