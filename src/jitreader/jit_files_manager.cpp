@@ -55,11 +55,19 @@ velmark_error_t JitFilesManager::scanDirectories(basekit2::generic_iterator_t<co
 
         std::map<std::wstring, fs::directory_entry> traceFiles;
         for (const fs::directory_entry& entry : fs::directory_iterator(directoryPath)) {
-            if (fs::is_directory(entry.status()))
+            boost::system::error_code error;
+            const fs::file_status status = entry.status(error);
+            if (fs::is_directory(status))
                 continue;
             std::wstring name = entry.path().filename().wstring();
-            if (hasTraceExtension(name))
-                traceFiles.emplace(std::move(name), entry);
+            if (!hasTraceExtension(name))
+                continue;
+            // A FIFO would block the read, and a dangling link has no size: neither holds a trace.
+            if (!fs::is_regular_file(status)) {
+                VM_WARN(L"Skip jit file " << entry.path().wstring() << L" because it is not a regular file");
+                continue;
+            }
+            traceFiles.emplace(std::move(name), entry);
         }
 
         for (const auto& file : traceFiles) {
@@ -116,7 +124,13 @@ velmark_error_t JitFilesManager::registerFile(const std::wstring& path, const st
 
     JitProcessEntry& process = m_hosts[hostId][processId];
     process.read = false;
-    const unsigned long long size = fs::file_size(fs::path(path));
+    boost::system::error_code error;
+    unsigned long long size = fs::file_size(fs::path(path), error);
+    if (error) {
+        // Gone since it was listed: it reads as an empty file.
+        VM_WARN(L"Could not get the size of jit file " << path << L": " << toWide(error.message()));
+        size = 0;
+    }
     process.files.push_back(JitFileEntry{runningJitRva, size, path, m_fileCount++});
     runningJitRva += size;
     return meSuccess;

@@ -1,7 +1,9 @@
 #include "jitreader/jit_loader.h"
 
+#include <memory>
 #include <shared_mutex>
 
+#include "jitreader/boundary.h"
 #include "jitreader/jit_data_manager.h"
 #include "jitreader/jit_files_manager.h"
 #include "jitreader/module_evaluator.h"
@@ -25,8 +27,7 @@ public:
                                   unsigned int hostId, unsigned long long* jitRva,
                                   boost::intrusive_ptr<IModule>& module) override
     {
-        velmark_error_t result =
-            m_filesManager.readProcessFiles(processId, hostId, decoding_mode_modules, m_dataManager);
+        velmark_error_t result = readProcess(L"IJitLoader::resolveModule", processId, hostId);
         if (result != meSuccess)
             return result;
         boost::intrusive_ptr<JitMethod> method;
@@ -49,8 +50,7 @@ public:
                                    unsigned int processId, unsigned int hostId,
                                    boost::intrusive_ptr<ICodeRegion>& region) override
     {
-        const velmark_error_t result =
-            m_filesManager.readProcessFiles(processId, hostId, decoding_mode_modules, m_dataManager);
+        const velmark_error_t result = readProcess(L"IJitLoader::findNextRegion", processId, hostId);
         if (result != meSuccess)
             return result;
         std::shared_lock<std::shared_mutex> lookup(m_dataManager.accessMutex());
@@ -65,6 +65,14 @@ public:
     }
 
 private:
+    /// Reads a process on first demand; the only step of an operation that meets the file system.
+    velmark_error_t readProcess(const wchar_t* operation, unsigned int processId, unsigned int hostId)
+    {
+        return guardBoundary(operation, meFail, [&] {
+            return m_filesManager.readProcessFiles(processId, hostId, decoding_mode_modules, m_dataManager);
+        });
+    }
+
     JitDataManager m_dataManager;
     JitFilesManager m_filesManager;
 };
@@ -73,12 +81,12 @@ private:
 
 boost::intrusive_ptr<IJitLoader> IJitLoader::create(basekit2::generic_iterator_t<const wchar_t*>& directories)
 {
-    JitLoader* loader = new JitLoader;
-    if (loader->filesManager().scanDirectories(directories, 0) != meSuccess) {
-        delete loader;
-        return nullptr;
-    }
-    return boost::intrusive_ptr<IJitLoader>(loader);
+    return guardBoundary(L"IJitLoader::create", boost::intrusive_ptr<IJitLoader>(), [&] {
+        std::unique_ptr<JitLoader> loader(new JitLoader);
+        if (loader->filesManager().scanDirectories(directories, 0) != meSuccess)
+            return boost::intrusive_ptr<IJitLoader>();
+        return boost::intrusive_ptr<IJitLoader>(loader.release());
+    });
 }
 
 } // namespace velmark_3_11

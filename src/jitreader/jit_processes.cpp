@@ -1,5 +1,8 @@
 #include "jitreader/jit_processes.h"
 
+#include <memory>
+
+#include "jitreader/boundary.h"
 #include "jitreader/jit_files_manager.h"
 
 namespace velmark_3_11 {
@@ -19,12 +22,12 @@ private:
 
 boost::intrusive_ptr<IJitProcesses> IJitProcesses::create(basekit2::generic_iterator_t<const wchar_t*>& directories)
 {
-    JitProcesses* processes = new JitProcesses;
-    if (processes->filesManager().scanDirectories(directories, 0) != meSuccess) {
-        delete processes;
-        return nullptr;
-    }
-    return boost::intrusive_ptr<IJitProcesses>(processes);
+    return guardBoundary(L"IJitProcesses::create", boost::intrusive_ptr<IJitProcesses>(), [&] {
+        std::unique_ptr<JitProcesses> processes(new JitProcesses);
+        if (processes->filesManager().scanDirectories(directories, 0) != meSuccess)
+            return boost::intrusive_ptr<IJitProcesses>();
+        return boost::intrusive_ptr<IJitProcesses>(processes.release());
+    });
 }
 
 } // namespace velmark_3_11

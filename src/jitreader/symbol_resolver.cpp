@@ -1,5 +1,8 @@
 #include "jitreader/symbol_resolver.h"
 
+#include <memory>
+
+#include "jitreader/boundary.h"
 #include "jitreader/jit_data_manager.h"
 #include "jitreader/jit_files_manager.h"
 
@@ -88,12 +91,12 @@ boost::intrusive_ptr<ISymbolResolver> createResolver(basekit2::generic_iterator_
                                                      boost::intrusive_ptr<ISymbolFileLocator>& locator,
                                                      unsigned int bitnessFilter)
 {
-    SymbolResolver* resolver = new SymbolResolver(locator);
-    if (!resolver->initialize(directories, bitnessFilter)) {
-        delete resolver;
-        return nullptr;
-    }
-    return boost::intrusive_ptr<ISymbolResolver>(resolver);
+    return guardBoundary(L"ISymbolResolver::create", boost::intrusive_ptr<ISymbolResolver>(), [&] {
+        std::unique_ptr<SymbolResolver> resolver(new SymbolResolver(locator));
+        if (!resolver->initialize(directories, bitnessFilter))
+            return boost::intrusive_ptr<ISymbolResolver>();
+        return boost::intrusive_ptr<ISymbolResolver>(resolver.release());
+    });
 }
 
 } // namespace

@@ -1,7 +1,11 @@
 #include "jitreader/jit_files_manager.h"
 
+#include <sys/stat.h>
+
+#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace velmark_3_11 {
@@ -62,10 +66,18 @@ TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRanges)
     root.write("a/.jit", bytesOf(3));          // too short to count
     root.write("a/notes.txt", bytesOf(3));
     root.mkdir("a/dir.9.jit");                 // a directory with a trace name
+    // Named like traces but no regular files: skipped with a warning each.
+    ASSERT_EQ(0, ::mkfifo(root.file("a/fifo.6.jit").c_str(), 0600));
+    boost::filesystem::create_symlink(root.file("a/missing"), root.file("a/dangling.7.jit"));
 
     JitFilesManager files;
     auto dirs = basekit2::make_path_iterator({root.wide("b"), root.wide("a"), root.wide("b")});
+    jrtest::LogCapture log(log4cplus::WARN_LOG_LEVEL);
     ASSERT_EQ(meSuccess, files.scanDirectories(dirs, 2));
+    for (const char* skipped : {"a/fifo.6.jit", "a/dangling.7.jit"})
+        EXPECT_TRUE(log.contains(log4cplus::WARN_LOG_LEVEL,
+                                 "Skip jit file " + root.file(skipped) + " because it is not a regular file"))
+            << log.dump();
 
     EXPECT_STREQ(L"node", files.getHostName(1));
     EXPECT_STREQ(L"other", files.getHostName(2));

@@ -1,6 +1,10 @@
 #include "platform/log.h"
 
+#include <stdexcept>
+
 #include <gtest/gtest.h>
+
+#include "jitreader/boundary.h"
 
 #include "support/log_capture.h"
 
@@ -90,6 +94,16 @@ TEST(Logging, ScopedTraceLogsEnterAndExitOnEveryWayOut)
                   "EXIT:  void velmark_3_11::tracedFunction(bool)",
               }),
               log.texts(log4cplus::TRACE_LOG_LEVEL));
+}
+
+TEST(Logging, WhatCrossesTheExportedSurfaceIsAResultAndOneErrorLine)
+{
+    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
+    EXPECT_EQ(7, guardBoundary(L"Op", 0, [] { return 7; }));
+    EXPECT_EQ(-1, guardBoundary(L"Op", -1, []() -> int { throw std::runtime_error("disk gone"); }));
+    EXPECT_EQ(-1, guardBoundary(L"Op", -1, []() -> int { throw 42; }));
+    EXPECT_EQ((std::vector<std::string>{"Op failed: disk gone", "Op failed: unknown exception"}),
+              log.texts(log4cplus::ERROR_LOG_LEVEL));
 }
 
 } // namespace
