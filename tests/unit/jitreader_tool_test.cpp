@@ -2,6 +2,8 @@
 #include <fstream>
 #include <sstream>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "commands.h"
@@ -9,6 +11,7 @@
 #include "samples.h"
 #include "support/temp_dir.h"
 #include "table.h"
+#include "tracewriter/trace_writer.h"
 
 namespace jitreader_tool {
 namespace {
@@ -38,10 +41,10 @@ std::size_t countOf(const std::string& text, const std::string& fragment)
 TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
 {
     const struct {
-        const char* text;
+        std::string text;
         bool good;
         std::size_t count;
-        const char* error;
+        std::string error;
     } cases[] = {
         {"# comment\n\n100 0x1000 7 host\n0x10 4096 8 other.host\n", true, 2, ""},
         {"100 0x1000 7\n", false, 0, "line 1: expected TIME ADDRESS PID HOST"},
@@ -49,6 +52,9 @@ TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
         {"100 0x1000 4294967296 host\n", false, 0, "line 1: not a number"},
         {"100 0x1000 7 host extra\n", false, 0, "line 1: expected"},
         {"-1 0x1000 7 host\n", false, 0, "line 1: not a number"},
+        // A long bad line is quoted by its first 80 characters.
+        {"x 1 2 " + std::string(200, 'h') + "\n", false, 0,
+         "line 1: not a number in 'x 1 2 " + std::string(74, 'h') + "...'"},
     };
     for (const auto& c : cases) {
         std::istringstream in(c.text);
@@ -56,7 +62,8 @@ TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
         std::string error;
         EXPECT_EQ(c.good, readSamples(in, samples, error)) << c.text;
         EXPECT_EQ(c.count, samples.size()) << c.text;
-        EXPECT_EQ(0u, error.find(c.error)) << error;
+        EXPECT_EQ(c.error, error.substr(0, c.error.size())) << error;
+        EXPECT_EQ(c.good, error.empty()) << error;
     }
     std::istringstream in("0x10 4096 8 other.host\n");
     std::vector<SamplePoint> samples;
@@ -94,6 +101,8 @@ TEST(JitreaderTool, BadDirectoriesAndNamesGiveClearErrors)
         {{root.file("bad")}, 1, "x.jit: trace file name is not of the form HOST.PID.jit"},
         {{}, 2, "no result directory given"},
         {{"--bogus"}, 2, "unknown option --bogus"},
+        {{"-x"}, 2, "unknown option -x"},
+        {{"--", "-x"}, 1, "-x: not a directory"}, // after "--" every word is an operand
     };
     for (const auto& c : cases) {
         const CommandRun processes = run(runProcesses, c.args);
@@ -103,6 +112,42 @@ TEST(JitreaderTool, BadDirectoriesAndNamesGiveClearErrors)
     const CommandRun help = run(runResolve, {"--help"});
     EXPECT_EQ(0, help.code);
     EXPECT_NE(std::string::npos, help.out.find("--samples FILE"));
+}
+
+TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatus3)
+{
+    jrtest::TempDir root;
+    tracewriter::MethodLoad method;
+    method.rawMethodId = 1;
+    method.loadTime = 100;
+    method.ranges.push_back({0x1000, 0x10, tracewriter::Bytes(0x10, 0x90)});
+    tracewriter::TraceWriter good, torn;
+    good.magic().load(tracewriter::kFunctionLoad64_v3, method);
+    torn.magic().load(tracewriter::kFunctionLoad64_v3, method).frame(99, {1});
+    root.write("d/host.1.jit", good.bytes());
+    root.write("d/host.2.jit", torn.bytes());
+    ASSERT_EQ(0, ::mkfifo(root.file("d/host.3.jit").c_str(), 0600));
+    const std::string samplePoint = "150 0x1000 1 host\n";
+    root.write("samples.txt", {samplePoint.begin(), samplePoint.end()});
+    const std::string failed = "1 of 2 trace files could not be read completely; see the messages above\n";
+
+    const struct {
+        int (*command)(const std::vector<std::string>&, std::ostream&, std::ostream&);
+        std::vector<std::string> args;
+        int code;
+        std::string message;
+    } cases[] = {
+        {runMethods, {root.file("d")}, 0, failed},
+        {runMethods, {root.file("d"), "--strict"}, 3, failed},
+        {runMethods, {root.file("d")}, 0, "host.3.jit because it is not a regular file"},
+        {runResolve, {root.file("d"), "--samples", root.file("samples.txt"), "--strict"}, 3, failed},
+        {runResolve, {root.file("d"), "--samples", root.file("d")}, 1, "d: is a directory, not a file of sample points"},
+    };
+    for (const auto& c : cases) {
+        const CommandRun result = run(c.command, c.args);
+        EXPECT_EQ(c.code, result.code) << result.err;
+        EXPECT_NE(std::string::npos, result.err.find(c.message)) << result.err;
+    }
 }
 
 TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)

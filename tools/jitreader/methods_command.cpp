@@ -5,6 +5,7 @@
 #include "jitreader/method_dump.h"
 #include "options.h"
 #include "platform/text.h"
+#include "read_failures.h"
 #include "result_directories.h"
 #include "symbols.h"
 #include "table.h"
@@ -17,16 +18,19 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
 {
     OptionParser options("methods", "DIR...", "Reads every trace of the result directories and lists the methods.");
     options.flag("dump", "print the full dump of each method (regions, disassembly, line tables)")
-        .option("format", "FORMAT", "table (default), csv or json");
+        .option("format", "FORMAT", "table (default), csv or json")
+        .flag("strict", "exit with status 3 when a trace file could not be read completely");
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
     if (!parseOutputFormat("methods", options.value("format", "table"), err, format))
         return 2;
     const std::vector<std::string>& directories = options.positional();
-    if (const int code = checkDirectoryOperands("methods", directories, err))
+    std::size_t traceFiles = 0;
+    if (const int code = checkDirectoryOperands("methods", directories, err, &traceFiles))
         return code;
 
+    const ReadFailures readFailures(err);
     auto iterator = directoryIterator(directories);
     boost::intrusive_ptr<ISymbolFileLocator> noLocator;
     const boost::intrusive_ptr<ISymbolResolver> resolver = ISymbolResolver::create(iterator, noLocator);
@@ -60,7 +64,7 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     }
     if (!options.has("dump"))
         table.print(out, format);
-    return 0;
+    return readFailures.report(traceFiles, options.has("strict"), err);
 }
 
 } // namespace jitreader_tool

@@ -26,16 +26,27 @@ OptionParser& OptionParser::option(const std::string& name, const std::string& v
 
 bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
+    bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
-        if (arg.size() < 3 || arg.compare(0, 2, "--") != 0) {
-            if (arg == "-h") {
-                printHelp(out);
-                m_exitCode = 0;
-                return false;
-            }
+        if (optionsEnded || arg == "-" || arg.empty() || arg[0] != '-') {
             m_positional.push_back(arg);
             continue;
+        }
+        if (arg == "--") {
+            // What follows are operands, also where they begin with "-".
+            optionsEnded = true;
+            continue;
+        }
+        if (arg == "-h") {
+            printHelp(out);
+            m_exitCode = 0;
+            return false;
+        }
+        if (arg.compare(0, 2, "--") != 0) {
+            err << "jitreader " << m_command << ": unknown option " << arg << "\n";
+            m_exitCode = 2;
+            return false;
         }
         std::string name = arg.substr(2);
         std::string value;

@@ -2,9 +2,12 @@
 #include <iostream>
 #include <set>
 
+#include <boost/filesystem/operations.hpp>
+
 #include "commands.h"
 #include "options.h"
 #include "platform/text.h"
+#include "read_failures.h"
 #include "result_directories.h"
 #include "samples.h"
 #include "symbols.h"
@@ -41,7 +44,8 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
                          "inline frames, through the jit rva of each point.");
     options.option("samples", "FILE", "the sample points; '-' reads standard input")
         .option("format", "FORMAT", "table (default), csv or json")
-        .flag("lazy", "only read the processes that the samples name, and give jit rva and module");
+        .flag("lazy", "only read the processes that the samples name, and give jit rva and module")
+        .flag("strict", "exit with status 3 when a trace file could not be read completely");
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
@@ -52,7 +56,8 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         return 2;
     }
     const std::vector<std::string>& directories = options.positional();
-    if (const int code = checkDirectoryOperands("resolve", directories, err))
+    std::size_t traceFiles = 0;
+    if (const int code = checkDirectoryOperands("resolve", directories, err, &traceFiles))
         return code;
 
     std::vector<SamplePoint> samples;
@@ -60,19 +65,30 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
     const std::string samplesPath = options.value("samples");
     std::ifstream file;
     if (samplesPath != "-") {
+        boost::system::error_code statusError;
+        if (boost::filesystem::is_directory(samplesPath, statusError)) {
+            err << "jitreader resolve: " << samplesPath << ": is a directory, not a file of sample points\n";
+            return 1;
+        }
         file.open(samplesPath);
         if (!file) {
             err << "jitreader resolve: cannot open " << samplesPath << "\n";
             return 1;
         }
     }
-    if (!readSamples(samplesPath == "-" ? std::cin : file, samples, error)) {
+    std::istream& in = samplesPath == "-" ? std::cin : file;
+    if (!readSamples(in, samples, error)) {
         err << "jitreader resolve: " << samplesPath << ": " << error << "\n";
+        return 1;
+    }
+    if (in.bad()) {
+        err << "jitreader resolve: " << samplesPath << ": could not be read\n";
         return 1;
     }
 
     // The loader turns a sample point into a jit rva and reads a process only when a sample
     // names it; the resolver, which reads everything, turns the jit rva into the method.
+    const ReadFailures readFailures(err);
     const bool lazy = options.has("lazy");
     auto loaderDirectories = directoryIterator(directories);
     const boost::intrusive_ptr<IJitLoader> loader = IJitLoader::create(loaderDirectories);
@@ -180,7 +196,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
     } else {
         err << "resolved " << resolved << " / " << samples.size() << " samples\n";
     }
-    return 0;
+    return readFailures.report(traceFiles, options.has("strict"), err);
 }
 
 } // namespace jitreader_tool

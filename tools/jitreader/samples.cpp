@@ -38,7 +38,10 @@ bool readSamples(std::istream& in, std::vector<SamplePoint>& samples, std::strin
         }
         if (!parseNumber(time, sample.time) || !parseNumber(address, sample.address) ||
             !parseNumber(pid, processId) || processId > std::numeric_limits<unsigned int>::max()) {
-            error = "line " + std::to_string(lineNumber) + ": not a number in '" + text + "'";
+            // A line may be of any length; the message quotes its beginning.
+            const std::size_t kQuoted = 80;
+            const std::string quoted = text.size() <= kQuoted ? text : text.substr(0, kQuoted) + "...";
+            error = "line " + std::to_string(lineNumber) + ": not a number in '" + quoted + "'";
             return false;
         }
         sample.processId = static_cast<unsigned int>(processId);
