@@ -1,6 +1,8 @@
 // Lookup speed of the code store: 100,000 methods on an address space that every process
 // reuses for several generations of code, resolved by sample point and by jit rva.
 #include <cstdint>
+#include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -88,7 +90,9 @@ Fixture& fixture()
     return instance;
 }
 
-void BM_ResolveSamplePoint(benchmark::State& state)
+/// `shared`: each lookup holds the store's shared lock, as the loader's lookups do, so that
+/// the lock's cost shows beside the plain lookup in the same run.
+void resolveSamplePoints(benchmark::State& state, bool shared)
 {
     Fixture& f = fixture();
     std::size_t i = 0;
@@ -97,6 +101,9 @@ void BM_ResolveSamplePoint(benchmark::State& state)
         const Sample& sample = f.samples[i++ & (f.samples.size() - 1)];
         boost::intrusive_ptr<JitMethod> method;
         unsigned long long jitRva = 0;
+        std::shared_lock<std::shared_mutex> lookup(f.store.accessMutex(), std::defer_lock);
+        if (shared)
+            lookup.lock();
         hits += f.store.resolveJitPoint(sample.vaddr, sample.time, sample.pid, 1, method, jitRva) == meSuccess;
         benchmark::DoNotOptimize(jitRva);
     }
@@ -104,7 +111,18 @@ void BM_ResolveSamplePoint(benchmark::State& state)
     state.counters["hit_ratio"] = static_cast<double>(hits) / static_cast<double>(state.iterations());
     state.counters["methods"] = static_cast<double>(f.methods);
 }
+
+void BM_ResolveSamplePoint(benchmark::State& state)
+{
+    resolveSamplePoints(state, false);
+}
 BENCHMARK(BM_ResolveSamplePoint);
+
+void BM_ResolveSamplePointUnderSharedLock(benchmark::State& state)
+{
+    resolveSamplePoints(state, true);
+}
+BENCHMARK(BM_ResolveSamplePointUnderSharedLock);
 
 void BM_ResolveJitRva(benchmark::State& state)
 {
