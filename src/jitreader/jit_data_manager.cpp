@@ -722,6 +722,10 @@ velmark_error_t JitDataManager::addInlineMethod(const boost::intrusive_ptr<JitMe
     }
     parentRegion->addInlined(region, inlineMethod);
     inlineMethod->setInlined(true);
+    // A parent that is itself an inline is placed with the top-level region that holds it.
+    const auto top = m_methods.find(parentMethod->getMethodId());
+    if (top != m_methods.end() && top->second == parentMethod && parentMethod->markHoldsInlines())
+        m_inlineParents.push_back(parentMethod.get());
     VM_INFO(L"Added inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
                                                  << L") into parent's code region (method id = "
                                                  << parentMethod->getRawMethodId() << L", ip range = "
@@ -738,17 +742,17 @@ velmark_error_t JitDataManager::addCachedInlineMethods(const boost::intrusive_pt
     if (!parentMethod)
         return meSuccess;
 
-    const auto waiting = m_cachedParents.equal_range(parentMethod->getMethodId());
-    if (waiting.first == waiting.second) {
+    const auto waiting = m_cachedParents.find(parentMethod->getMethodId());
+    if (waiting == m_cachedParents.end()) {
         VM_TRACE(L"Couldn't find any cached inline method for parent id = " << parentMethod->getRawMethodId());
         return meSuccess;
     }
     // Under a parent's id stand the parent itself and the inlines that name it; only the
     // inlines not yet attached are taken.
     std::vector<boost::intrusive_ptr<JitMethod>> pending;
-    for (auto it = waiting.first; it != waiting.second; ++it)
-        if (it->second->getRawParentId() != 0 && !it->second->isInlined())
-            pending.push_back(it->second);
+    for (const auto& cached : waiting->second)
+        if (cached->getRawParentId() != 0 && !cached->isInlined())
+            pending.push_back(cached);
 
     for (const auto& inlineMethod : pending) {
         VM_INFO(L"Found cached inline method " << MethodTag(*inlineMethod) << L" for parent id = "
@@ -770,10 +774,10 @@ velmark_error_t JitDataManager::cacheParentMethod(const boost::intrusive_ptr<Jit
 
     if (jitMethod->getRawParentId() != 0) {
         // An inline may itself be a parent: it waits under the id of its own parent.
-        m_cachedParents.insert(std::make_pair(jitMethod->getParentId(), jitMethod));
+        m_cachedParents[jitMethod->getParentId()].push_back(jitMethod);
         VM_TRACE(L"Cached 'inline as a parent' method (method id = " << jitMethod->getRawMethodId() << L")");
     } else {
-        m_cachedParents.insert(std::make_pair(jitMethod->getMethodId(), jitMethod));
+        m_cachedParents[jitMethod->getMethodId()].push_back(jitMethod);
         VM_TRACE(L"Cached parent method (method id = " << jitMethod->getRawMethodId() << L")");
     }
     return meSuccess;
@@ -823,8 +827,20 @@ void JitDataManager::finalize()
 {
     VM_TRACE_SCOPE("void velmark_3_11::JitDataManager::finalize(void)");
     invalidateLookupIndex();
-    for (const auto& entry : m_methods) {
-        const JitMethod& method = *entry.second;
+    // Only regions with inlines change, so only those are walked, unless TRACE wants a line for
+    // every region of every method, in method id order. Either way the cost of a file no longer
+    // grows with everything read before it.
+    std::vector<const JitMethod*> methods(m_inlineParents.begin(), m_inlineParents.end());
+    if (VM_ENABLED(log4cplus::TRACE_LOG_LEVEL)) {
+        methods.clear();
+        for (const auto& entry : m_methods)
+            methods.push_back(entry.second.get());
+        std::sort(methods.begin(), methods.end(), [](const JitMethod* a, const JitMethod* b) {
+            return a->getMethodId() < b->getMethodId();
+        });
+    }
+    for (const JitMethod* entry : methods) {
+        const JitMethod& method = *entry;
         for (const auto& region : method.regions()) {
             const unsigned long long jitRva = region->startJitRva();
             BASEKIT2_ASSERT_TEXT(jitRva, "jitRva");

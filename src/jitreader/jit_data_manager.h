@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <shared_mutex>
+#include <unordered_map>
 #include <vector>
 
 #include <boost/intrusive_ptr.hpp>
@@ -36,8 +37,10 @@ public:
     typedef std::map<Range, std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>>,
                      Range::Comparator>
         JitRvaDomain;
-    typedef std::map<MethodId, boost::intrusive_ptr<JitMethod>> MethodMap;
-    typedef std::multimap<MethodId, boost::intrusive_ptr<JitMethod>> MethodMultiMap;
+    typedef std::unordered_map<MethodId, boost::intrusive_ptr<JitMethod>, MethodId::Hash> MethodMap;
+    /// Equal keys keep their order of arrival.
+    typedef std::unordered_map<MethodId, std::vector<boost::intrusive_ptr<JitMethod>>, MethodId::Hash>
+        MethodMultiMap;
     typedef std::map<unsigned int, std::map<unsigned int, RegionDomain>> RegionDomainMap;
 
     /// Flat copy of the jit rva domain, sorted by jit rva.
@@ -148,6 +151,8 @@ private:
     MethodMultiMap m_cachedParents;
     RegionDomainMap m_regionDomains;
     std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
+    // The methods of m_methods whose regions hold inlines: all that finalize has to place.
+    std::vector<JitMethod*> m_inlineParents;
     mutable RvaTable m_rvaTable;
     mutable boost::mutex m_rvaTableMutex;
     unsigned int m_collectorType;

@@ -4,6 +4,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <boost/intrusive_ptr.hpp>
@@ -97,6 +98,8 @@ public:
     void setLoadTime(unsigned long long loadTime) { m_loadTime = loadTime; }
     bool isInlined() const { return m_isInlined; }
     void setInlined(bool inlined) { m_isInlined = inlined; }
+    /// Notes that a region of this method holds inlines; true the first time only.
+    bool markHoldsInlines() { return !std::exchange(m_holdsInlines, true); }
 
     // Regions
     void addRegion(const boost::intrusive_ptr<Region>& region) { m_regions.push_back(region); }
@@ -132,6 +135,7 @@ private:
     bool m_isInlined;
     LineNumberMap m_lineNumberInfo;
     unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
+    bool m_holdsInlines = false;
     // A line query with a jit rva copies that range's tables over the first range's, and later
     // queries see them; concurrent queries take turns.
     mutable std::mutex m_lineQueryMutex;

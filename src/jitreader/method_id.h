@@ -1,6 +1,7 @@
 // The identity of a method across records and files: an MD5 digest held as two halves.
 #pragma once
 
+#include <cstddef>
 #include <cstring>
 
 #include "platform/md5.h"
@@ -27,6 +28,11 @@ public:
     }
     bool operator==(const MethodId& other) const { return m_high == other.m_high && m_low == other.m_low; }
     bool operator!=(const MethodId& other) const { return !(*this == other); }
+
+    /// For hash maps: the digest's bits are spread already.
+    struct Hash {
+        std::size_t operator()(const MethodId& id) const { return static_cast<std::size_t>(id.m_high ^ id.m_low); }
+    };
 
 private:
     unsigned long long m_high;

@@ -243,6 +243,8 @@ velmark_error_t Region::normalizeInlineJitRvaRanges(unsigned long long jitRva, u
         std::size_t next;
     };
     assertParallelInlines();
+    if (inlineCount() == 0)
+        return meSuccess;
     std::vector<Level> levels{{this, 0}};
     while (!levels.empty()) {
         Level& level = levels.back();
