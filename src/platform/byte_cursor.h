@@ -37,6 +37,9 @@ public:
         m_position += count;
     }
 
+    /// The byte at the position, without moving; 0 past the end.
+    std::uint8_t peek() const { return remaining() != 0 ? m_data[m_position] : 0; }
+
     /// A little-endian integer.
     template <class T>
     T read()
