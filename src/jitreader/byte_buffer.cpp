@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include <boost/make_shared.hpp>
+
 namespace velmark_3_11 {
 
 boost::shared_ptr<IByteBuffer> IByteBuffer::create()
@@ -36,9 +38,10 @@ void copyBytes(std::vector<unsigned char>& target, unsigned long long targetOffs
 
 boost::shared_ptr<IByteBuffer> makeByteBuffer(const void* data, unsigned int size)
 {
-    boost::shared_ptr<IByteBuffer> buffer = IByteBuffer::create();
-    buffer->setData(data, size);
-    return buffer;
+    // Code bytes are many: no storage beyond them, and none filled before it is copied over.
+    if (data == nullptr || size == 0)
+        return IByteBuffer::create();
+    return boost::make_shared<ByteBuffer>(static_cast<const unsigned char*>(data), size);
 }
 
 } // namespace velmark_3_11

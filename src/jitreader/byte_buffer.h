@@ -11,6 +11,8 @@ class ByteBuffer : public IByteBuffer {
 public:
     /// 512 zero bytes of storage and a logical size of 0.
     ByteBuffer() : m_data(512, 0), m_size(0) {}
+    /// A copy of `size` bytes at `data`, in storage of exactly that size.
+    ByteBuffer(const unsigned char* data, unsigned int size) : m_data(data, data + size), m_size(size) {}
     ~ByteBuffer() = default;
 
     unsigned int getSize() override { return m_size; }

@@ -439,7 +439,7 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
     std::wstring modulePath = toWide(reader.string());
     const std::uint16_t arch = reader.field<std::uint16_t>();
     if (form <= lfWideCounts) {
-        method.setModule(boost::intrusive_ptr<Module>(new Module(modulePath, 4, arch)));
+        method.setModule(moduleOf(modulePath, 4, arch));
         if ((m_mode & decoding_mode_modules) != 0)
             return true;
     }
@@ -467,7 +467,7 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
         if (languageType == kJavaLanguage && modulePath.empty())
             modulePath = kCompiledJavaCodeModule;
         const unsigned int type = isModuleOfNoFile(modulePath) ? 0 : 4;
-        method.setModule(boost::intrusive_ptr<Module>(new Module(modulePath, type, arch)));
+        method.setModule(moduleOf(modulePath, type, arch));
     } else if (form == lfInlineFlag) {
         storeNamesAndModule(method, std::move(name), std::move(className), std::move(modulePath), languageType,
                             arch);
@@ -484,9 +484,9 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
             count = last ? reader.lastField<std::uint32_t>() : reader.field<std::uint32_t>();
         if (count == 0)
             continue;
-        const std::vector<LineNumberEntry> rows = reader.rows(count, last);
+        std::vector<LineNumberEntry> rows = reader.rows(count, last);
         if (!regions.empty())
-            method.addLineNumberInfo(kTableKinds[table], rows,
+            method.addLineNumberInfo(kTableKinds[table], std::move(rows),
                                      Range(regions.front()->startJitRva(), regions.front()->length()));
     }
 
@@ -495,6 +495,19 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
         return true;
     logRawMethod(method);
     return method.validateLineNumberInfo();
+}
+
+const boost::intrusive_ptr<Module>& JitFileDecoder::moduleOf(const std::wstring& path, unsigned int type,
+                                                               unsigned int arch) const
+{
+    // The records of a file name few modules, mostly one after the other: the methods share
+    // the module object, which never changes.
+    if (!m_lastModule || path != m_lastModulePath || type != m_lastModule->getType() ||
+        arch != m_lastModule->getArch()) {
+        m_lastModule.reset(new Module(path, type, arch));
+        m_lastModulePath = path;
+    }
+    return m_lastModule;
 }
 
 void JitFileDecoder::storeNamesAndModule(JitMethod& method, std::string name, std::string className,
@@ -522,7 +535,7 @@ void JitFileDecoder::storeNamesAndModule(JitMethod& method, std::string name, st
         method.setName(toWide(name));
 
     const unsigned int type = isModuleOfNoFile(modulePath) || m_collectorType == ctJitProfiler ? 0 : 4;
-    method.setModule(boost::intrusive_ptr<Module>(new Module(modulePath, type, arch)));
+    method.setModule(moduleOf(modulePath, type, arch));
 }
 
 bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, boost::intrusive_ptr<JitMethod>& method) const
@@ -609,7 +622,7 @@ bool JitFileDecoder::decodeMethodUpdateRecordV2(const Record& record, boost::int
     }
     method->setLoadTime(loadTime);
     const std::uint16_t arch = reader.field<std::uint16_t>();
-    method->setModule(boost::intrusive_ptr<Module>(new Module(std::wstring(), 0, arch)));
+    method->setModule(moduleOf(std::wstring(), 0, arch));
     const std::wstring name = toWide(reader.string());
 
     const unsigned long long codeAddr = reader.field<std::uint64_t>();

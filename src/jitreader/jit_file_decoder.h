@@ -9,6 +9,7 @@
 
 #include "jitreader/error.h"
 #include "jitreader/jit_method.h"
+#include "jitreader/module.h"
 #include "jitreader/range.h"
 #include "jitreader/region.h"
 
@@ -122,6 +123,8 @@ private:
 
     /// The one algorithm behind the four load decoders; `form` tells their differences.
     bool decodeLoadRecord(const Record& record, JitMethod& method, unsigned char* isInline, load_form_t form);
+    /// The module of that path, type and architecture.
+    const boost::intrusive_ptr<Module>& moduleOf(const std::wstring& path, unsigned int type, unsigned int arch) const;
     /// Prints Java names, stores class and name, and gives the method its module.
     void storeNamesAndModule(JitMethod& method, std::string name, std::string className, std::wstring modulePath,
                              unsigned int languageType, unsigned int arch) const;
@@ -142,6 +145,8 @@ private:
     mutable unsigned long long m_overflowWindow;
     MethodIdMaker m_methodIdMaker;
     const SearchRegionCallback* m_searchRegionCallback;
+    mutable boost::intrusive_ptr<Module> m_lastModule;
+    mutable std::wstring m_lastModulePath; // as the record gave it, before "[Dynamic code]" stands in
     bool m_arch0Seen;
     bool m_arch1Seen;
     // Where the stream stands, so that a frame that follows the previous one needs no seek (a seek

@@ -1,5 +1,7 @@
 #include "jitreader/jit_file_reader.h"
 
+#include <map>
+
 #include "basekit2/assertion.h"
 #include "jitreader/jit_data_manager.h"
 #include "jitreader/jit_file_decoder.h"
@@ -177,6 +179,9 @@ velmark_error_t readJitFile(JitFileDecoder& decoder, unsigned int bitnessFilter,
 
 void patchModuleName64(const std::vector<boost::intrusive_ptr<JitMethod>>& methods)
 {
+    // Methods that shared a module share its renamed copy. The key holds the original, so that
+    // its address can't come back for another module.
+    std::map<boost::intrusive_ptr<Module>, boost::intrusive_ptr<Module>> renamed;
     for (const boost::intrusive_ptr<JitMethod>& method : methods) {
         BASEKIT2_ASSERT_TEXT(method, "method");
         if (!method)
@@ -185,9 +190,13 @@ void patchModuleName64(const std::vector<boost::intrusive_ptr<JitMethod>>& metho
         BASEKIT2_ASSERT_TEXT(module, "module");
         if (!module || module->getArch() != 1)
             continue;
-        const wchar_t* path = module->getName();
-        BASEKIT2_ASSERT_TEXT(path, "path");
-        method->setModule(new Module(std::wstring(path ? path : L"") + L" (64)", module->getType(), module->getArch()));
+        boost::intrusive_ptr<Module>& copy = renamed[module];
+        if (!copy) {
+            const wchar_t* path = module->getName();
+            BASEKIT2_ASSERT_TEXT(path, "path");
+            copy.reset(new Module(std::wstring(path ? path : L"") + L" (64)", module->getType(), module->getArch()));
+        }
+        method->setModule(copy);
     }
 }
 

@@ -132,7 +132,7 @@ void JitMethod::setName(const std::wstring& name)
 // ---------------------------------------------------------------------------------------------
 // Line number information
 
-bool JitMethod::addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key)
+bool JitMethod::addLineNumberInfo(unsigned int kind, std::vector<LineNumberEntry> rows, const Range& key)
 {
     if (rows.empty())
         return false;
@@ -148,14 +148,14 @@ bool JitMethod::addLineNumberInfo(unsigned int kind, const std::vector<LineNumbe
             return false;
         }
         if (table)
-            *table = rows;
+            *table = std::move(rows);
         return true;
     }
 
     LineNumberInfo info;
     if (std::vector<LineNumberEntry>* table = tableOf(info, kind))
-        *table = rows;
-    if (!m_lineNumberInfo.insert(std::make_pair(key, info)).second) {
+        *table = std::move(rows);
+    if (!m_lineNumberInfo.emplace(key, std::move(info)).second) {
         VM_ERROR_AT(L"Couldn't add line number info for this code region of already registered method "
                     << MethodTag(*this));
         return false;
@@ -374,12 +374,32 @@ boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long
 // ---------------------------------------------------------------------------------------------
 // Method ids
 
+namespace {
+
+/// Appends `value` in decimal, as a wide stream would print it.
+void appendDecimal(std::wstring& text, unsigned long long value)
+{
+    wchar_t digits[20];
+    std::size_t count = 0;
+    do {
+        digits[count++] = static_cast<wchar_t>(L'0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    while (count != 0)
+        text.push_back(digits[--count]);
+}
+
+} // namespace
+
 MethodId MethodIdMaker::makeMethodId(unsigned int rawId, const JitMethod& method) const
 {
     const boost::intrusive_ptr<Module>& module = method.module();
     BASEKIT2_ASSERT(module);
 
-    std::wostringstream text;
+    // The digest's input is the wide text "rawId.hostId.processId" or token, names and module,
+    // each followed by the architecture; it is built here without a stream, once per record.
+    std::wstring& text = m_text;
+    text.clear();
     if (rawId != 0) {
         unsigned int hostId = 0;
         unsigned int processId = 0;
@@ -387,17 +407,23 @@ MethodId MethodIdMaker::makeMethodId(unsigned int rawId, const JitMethod& method
             hostId = method.regions().front()->hostId();
             processId = method.regions().front()->processId();
         }
-        text << rawId << L'.' << hostId << L'.' << processId;
+        appendDecimal(text, rawId);
+        text.push_back(L'.');
+        appendDecimal(text, hostId);
+        text.push_back(L'.');
+        appendDecimal(text, processId);
     } else {
-        text << method.getMetadataToken() << method.getFullName() << method.getClassName()
-             << (module ? module->getName() : L"");
+        appendDecimal(text, method.getMetadataToken());
+        text += method.getFullName();
+        text += method.getClassName();
+        if (module)
+            text += module->getName();
     }
-    text << (module ? module->getArch() : 0u);
+    appendDecimal(text, module ? module->getArch() : 0u);
 
-    const std::wstring digestInput = text.str();
-    basekit2::md5_t md5;
-    md5.update(digestInput.data(), digestInput.size() * sizeof(wchar_t));
-    return MethodId(md5.get_digest());
+    m_md5.reset();
+    m_md5.update(text.data(), text.size() * sizeof(wchar_t));
+    return MethodId(m_md5.get_digest());
 }
 
 std::wostream& operator<<(std::wostream& stream, const MethodTag& tag)

@@ -109,7 +109,7 @@ public:
     // Line number information
     /// Stores `rows` as the table of `kind` for the code range `key`. False when the rows are
     /// empty or the range already has a table of that kind.
-    bool addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key);
+    bool addLineNumberInfo(unsigned int kind, std::vector<LineNumberEntry> rows, const Range& key);
     /// Merges every table of `other`; the first refusal ends the merge with false.
     bool addLineNumberInfo(const LineNumberMap& other);
     /// False for a method without regions; reports rows that run past the first region.
@@ -141,12 +141,17 @@ private:
     mutable std::mutex m_lineQueryMutex;
 };
 
-/// The stateless maker of method ids that the decoder offers.
+/// The maker of method ids that the decoder offers; it keeps no state between calls.
 class MethodIdMaker {
 public:
     /// MD5 over "rawId.hostId.processId" (raw id not 0) or token, full name, class and module
     /// path (raw id 0), each followed by the module's architecture.
     MethodId makeMethodId(unsigned int rawId, const JitMethod& method) const;
+
+private:
+    // Scratch space, kept across calls: one maker serves one decoder's thread.
+    mutable std::wstring m_text;
+    mutable basekit2::md5_t m_md5;
 };
 
 } // namespace velmark_3_11

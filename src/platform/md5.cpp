@@ -23,6 +23,11 @@ void md5_t::update(const void* data, std::size_t size)
     EVP_DigestUpdate(m_context->ctx, data, size);
 }
 
+void md5_t::reset()
+{
+    EVP_DigestInit_ex(m_context->ctx, EVP_md5(), nullptr);
+}
+
 md5_digest_t md5_t::get_digest()
 {
     md5_digest_t digest;

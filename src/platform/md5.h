@@ -22,6 +22,8 @@ public:
     void update(const void* data, std::size_t size);
     /// The digest of everything given so far.
     md5_digest_t get_digest();
+    /// Starts over, as a new object would, keeping the context's storage.
+    void reset();
 
 private:
     struct context_t;
