@@ -86,15 +86,17 @@ public:
         return text;
     }
 
-    /// Steps over `count` code bytes; with `keep`, a buffer of those that lie inside the payload.
-    boost::shared_ptr<IByteBuffer> code(std::uint32_t count, bool keep)
+    /// Steps over `count` code bytes; with `arena`, a buffer of those that lie inside the payload.
+    boost::shared_ptr<IByteBuffer> code(std::uint32_t count, CodeArena* arena)
     {
         const std::size_t available = std::min<std::size_t>(count, m_cursor.remaining());
         const unsigned char* bytes = available != 0 ? m_cursor.take(available) : nullptr;
         m_cursor.skip(count - available);
-        if (!keep || count == 0)
+        if (arena == nullptr || count == 0)
             return boost::shared_ptr<IByteBuffer>();
-        return makeByteBuffer(bytes, static_cast<unsigned int>(available));
+        if (available == 0)
+            return IByteBuffer::create();
+        return arena->copy(bytes, static_cast<unsigned int>(available));
     }
 
     /// A line table's rows; `last` for the payload's last table.
@@ -395,7 +397,6 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
     const std::uint16_t rangeCount = reader.field<std::uint16_t>();
     Region::RegionVector regions;
     unsigned int emptyRanges = 0;
-    const bool keepCode = (m_mode & decoding_mode_full) != 0;
     for (unsigned int index = 0; index < rangeCount; ++index) {
         if (reader.remaining() == 0) {
             // The count lies: what is left would read as empty ranges.
@@ -406,7 +407,7 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
         const unsigned long long startAddr = reader.field<std::uint64_t>();
         const std::uint32_t size = reader.field<std::uint32_t>();
         const std::uint32_t byteCount = reader.field<std::uint32_t>();
-        boost::shared_ptr<IByteBuffer> content = reader.code(byteCount, keepCode);
+        boost::shared_ptr<IByteBuffer> content = reader.code(byteCount, codeArena());
         reader.more();
         if (size == 0) {
             ++emptyRanges;
@@ -457,11 +458,11 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
         method.setName(toWide(name));
     }
 
-    const std::wstring sourceName = toWide(reader.string());
+    std::wstring sourceName = toWide(reader.string());
     const std::uint16_t checksumType = reader.field<std::uint16_t>();
-    const std::wstring checksum = toWide(reader.string());
+    std::wstring checksum = toWide(reader.string());
     const std::uint16_t languageType = reader.field<std::uint16_t>();
-    method.setSourceFile(SourceFile(sourceName, checksum, checksumType, languageType));
+    method.setSourceFile(SourceFile(std::move(sourceName), std::move(checksum), checksumType, languageType));
 
     if (form == lfMethodId) {
         if (languageType == kJavaLanguage && modulePath.empty())
@@ -581,7 +582,7 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, boost::i
         VM_LOG(log4cplus::ERROR_LOG_LEVEL, kHex, true, L"Invalid number of code range's bytes: " << byteCount);
         return false;
     }
-    boost::shared_ptr<IByteBuffer> content = reader.code(byteCount, (m_mode & decoding_mode_full) != 0);
+    boost::shared_ptr<IByteBuffer> content = reader.code(byteCount, codeArena());
     reader.more();
     method->addRegion(boost::intrusive_ptr<Region>(new Region(m_pid, m_hostId, loadTime, 0, startAddr, size, content)));
 
@@ -589,9 +590,9 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, boost::i
     const std::uint16_t arch = reader.field<std::uint16_t>();
     std::string name = reader.string();
     std::string className = reader.string();
-    const std::wstring sourceName = toWide(reader.string());
+    std::wstring sourceName = toWide(reader.string());
     const std::uint16_t languageType = reader.field<std::uint16_t>();
-    method->setSourceFile(SourceFile(sourceName, std::wstring(), 0, languageType));
+    method->setSourceFile(SourceFile(std::move(sourceName), std::wstring(), 0, languageType));
     storeNamesAndModule(*method, std::move(name), std::move(className), std::move(modulePath), languageType, arch);
 
     const std::uint32_t rowCount = reader.lastField<std::uint32_t>();
@@ -664,7 +665,7 @@ bool JitFileDecoder::decodeMethodUpdateRecordV2(const Record& record, boost::int
         }
     }
 
-    const boost::shared_ptr<IByteBuffer> content = reader.code(byteCount, (m_mode & decoding_mode_full) != 0);
+    const boost::shared_ptr<IByteBuffer> content = reader.code(byteCount, codeArena());
     reader.check(reader.bytesRead() == traceLen, "bytesRead == traceLen");
 
     boost::intrusive_ptr<Region> region;

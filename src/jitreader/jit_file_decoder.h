@@ -7,6 +7,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 
+#include "jitreader/code_arena.h"
 #include "jitreader/error.h"
 #include "jitreader/jit_method.h"
 #include "jitreader/module.h"
@@ -145,6 +146,10 @@ private:
     mutable unsigned long long m_overflowWindow;
     MethodIdMaker m_methodIdMaker;
     const SearchRegionCallback* m_searchRegionCallback;
+    /// Where code bytes go: the arena in the full mode, nowhere in the others.
+    CodeArena* codeArena() const { return (m_mode & decoding_mode_full) != 0 ? &m_codeArena : nullptr; }
+
+    mutable CodeArena m_codeArena;
     mutable boost::intrusive_ptr<Module> m_lastModule;
     mutable std::wstring m_lastModulePath; // as the record gave it, before "[Dynamic code]" stands in
     bool m_arch0Seen;

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <sstream>
 
-#include <boost/tokenizer.hpp>
-
 #include "basekit2/assertion.h"
 #include "platform/log.h"
 #include "platform/md5.h"
@@ -16,20 +14,23 @@ namespace {
 
 constexpr auto kLogNumbers = logging::numbers_t::hex;
 
-typedef boost::char_separator<wchar_t> DotSeparator;
-typedef boost::tokenizer<DotSeparator, std::wstring::const_iterator, std::wstring> DotTokenizer;
-
-/// The pieces of `text` between dots, empty ones dropped, joined with "::".
-std::wstring joinDottedParts(const std::wstring& text)
+/// The pieces of `text` between dots, empty ones dropped, joined with "::"; appended to `result`.
+void appendDottedParts(std::wstring& result, const std::wstring& text)
 {
-    std::wstring result;
-    DotTokenizer pieces(text, DotSeparator(L"."));
-    for (const std::wstring& piece : pieces) {
-        if (!result.empty())
-            result += L"::";
-        result += piece;
+    bool first = true;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find(L'.', start);
+        if (end == std::wstring::npos)
+            end = text.size();
+        if (end != start) {
+            if (!first)
+                result += L"::";
+            result.append(text, start, end - start);
+            first = false;
+        }
+        start = end + 1;
     }
-    return result;
 }
 
 /// The table of `kind`, or null for a kind that has none.
@@ -102,7 +103,10 @@ void JitMethod::setClassName(const std::wstring& name)
 {
     if (name.empty())
         return;
-    m_info->className = joinDottedParts(name);
+    std::wstring joined;
+    joined.reserve(name.size() + 8);
+    appendDottedParts(joined, name);
+    m_info->className = std::move(joined);
 }
 
 void JitMethod::setName(const std::wstring& name)
@@ -121,12 +125,15 @@ void JitMethod::setName(const std::wstring& name)
         }
     }
 
-    std::wstring text;
-    if (!m_info->className.empty())
-        text = m_info->className + L"::";
-    text += joinDottedParts(name);
-    m_info->fullName = text;
-    m_info->name = text.substr(0, text.find(L'('));
+    std::wstring& text = m_info->fullName;
+    text.clear();
+    text.reserve(m_info->className.size() + name.size() + 8);
+    if (!m_info->className.empty()) {
+        text = m_info->className;
+        text += L"::";
+    }
+    appendDottedParts(text, name);
+    m_info->name.assign(text, 0, text.find(L'('));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -85,6 +85,8 @@ public:
     const SourceFile& sourceFile() const { return m_info->sourceFile; }
     /// Copies name, checksum, checksum type and language type.
     void setSourceFile(const ISourceFile& file);
+    /// Takes the strings of `file` over.
+    void setSourceFile(SourceFile&& file) { m_info->sourceFile = std::move(file); }
     /// Splits at "." and joins with "::"; an empty name changes nothing.
     void setClassName(const std::wstring& name);
     /// Stores short and full name, qualified with the class; an empty name changes nothing.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "jitreader/symbol.h"
 
@@ -10,13 +11,14 @@ namespace velmark_3_11 {
 class SourceFile : public ISourceFile {
 public:
     SourceFile() : m_checksumType(0), m_languageType(0) {}
-    SourceFile(const std::wstring& name, const std::wstring& checksum, unsigned int checksumType,
-               unsigned int languageType)
-        : m_name(name), m_checksum(checksum), m_checksumType(checksumType), m_languageType(languageType)
+    SourceFile(std::wstring name, std::wstring checksum, unsigned int checksumType, unsigned int languageType)
+        : m_name(std::move(name)), m_checksum(std::move(checksum)), m_checksumType(checksumType),
+          m_languageType(languageType)
     {
     }
     SourceFile(const SourceFile&) = default;
     SourceFile& operator=(const SourceFile&) = default;
+    SourceFile& operator=(SourceFile&&) = default;
     ~SourceFile() override = default;
 
     const wchar_t* getName() const override { return m_name.c_str(); }
