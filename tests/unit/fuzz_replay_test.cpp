@@ -7,6 +7,7 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "metadata_target.h"
 #include "trace_file_target.h"
 
 namespace {
@@ -38,6 +39,11 @@ TEST(FuzzReplay, TraceFileCorpus)
 TEST(FuzzReplay, JavaNamesCorpus)
 {
     replay("java_names", jitreader_fuzz::javaNames);
+}
+
+TEST(FuzzReplay, MetadataCorpus)
+{
+    replay("metadata", jitreader_fuzz::metadata);
 }
 
 } // namespace

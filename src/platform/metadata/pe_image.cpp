@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "platform/byte_cursor.h"
@@ -259,19 +260,33 @@ bool PeImage::embeddedPdb(std::vector<std::uint8_t>& pdb) const
         const unsigned char* compressed = cursor.take(compressedSize);
         if (compressed == nullptr || compressedSize == 0)
             return false;
-        std::vector<std::uint8_t> out(expanded);
         z_stream stream{};
         // Raw deflate: no zlib header or trailer.
         if (inflateInit2(&stream, -MAX_WBITS) != Z_OK)
             return false;
+        struct End {
+            z_stream& stream;
+            ~End() { inflateEnd(&stream); }
+        } end{stream};
         stream.next_in = const_cast<Bytef*>(compressed);
         stream.avail_in = static_cast<uInt>(compressedSize);
-        stream.next_out = out.data();
-        stream.avail_out = expanded;
-        const int status = inflate(&stream, Z_FINISH);
-        const bool complete = status == Z_STREAM_END && stream.total_out == expanded;
-        inflateEnd(&stream);
-        if (!complete)
+        // The output grows with what the stream really holds, never to a size it merely claims.
+        std::vector<std::uint8_t> out;
+        out.reserve(std::min<std::size_t>(expanded, compressedSize * 4));
+        unsigned char chunk[16384];
+        int status = Z_OK;
+        while (status == Z_OK) {
+            stream.next_out = chunk;
+            stream.avail_out = sizeof chunk;
+            status = inflate(&stream, Z_NO_FLUSH);
+            const std::size_t produced = sizeof chunk - stream.avail_out;
+            if ((status != Z_OK && status != Z_STREAM_END) || produced > expanded - out.size()) {
+                status = Z_DATA_ERROR;
+                break;
+            }
+            out.insert(out.end(), chunk, chunk + produced);
+        }
+        if (status != Z_STREAM_END || out.size() != expanded)
             return false;
         pdb = std::move(out);
         return true;
