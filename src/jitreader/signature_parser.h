@@ -35,7 +35,7 @@ protected:
     ~IParameter() = default;
 };
 
-class Parameter : public IParameter {
+class Parameter final : public IParameter {
 public:
     explicit Parameter(const ParameterRecord& record) : m_record(record) {}
     const wchar_t* getTypeName() override { return m_record.typeText.c_str(); }
@@ -63,7 +63,7 @@ protected:
     ~ISignatureParser() = default;
 };
 
-class SignatureParser : public ISignatureParser {
+class SignatureParser final : public ISignatureParser {
 public:
     explicit SignatureParser(IDotNetTypeResolver* resolver);
 

@@ -7,6 +7,7 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include "dotnet_targets.h"
 #include "metadata_target.h"
 #include "trace_file_target.h"
 
@@ -39,6 +40,16 @@ TEST(FuzzReplay, TraceFileCorpus)
 TEST(FuzzReplay, JavaNamesCorpus)
 {
     replay("java_names", jitreader_fuzz::javaNames);
+}
+
+TEST(FuzzReplay, SignatureCorpus)
+{
+    replay("signature", jitreader_fuzz::signature);
+}
+
+TEST(FuzzReplay, ClrSymReaderCorpus)
+{
+    replay("clr_symreader", jitreader_fuzz::clrSymReader);
 }
 
 TEST(FuzzReplay, MetadataCorpus)
