@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <boost/container/flat_map.hpp>
+#include <boost/container/small_vector.hpp>
 #include <boost/intrusive_ptr.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
@@ -25,11 +27,14 @@ namespace velmark_3_11 {
 
 class JitDataManager : public JitFileDecoder::SearchRegionCallback {
 public:
-    /// Everything that ever lived at one ip range of one process.
+    /// Everything that ever lived at one ip range of one process. Most ranges hold one piece of
+    /// code, so the sorted maps keep their first entry in place, with no allocation of its own.
     class JitMethodContainer {
     public:
-        std::map<unsigned long long, boost::intrusive_ptr<Region>> timeDomain;        ///< by load time
-        std::map<unsigned long long, boost::intrusive_ptr<JitMethod>> regionIdDomain; ///< by start jit rva
+        boost::container::small_flat_map<unsigned long long, boost::intrusive_ptr<Region>, 1>
+            timeDomain; ///< by load time
+        boost::container::small_flat_map<unsigned long long, boost::intrusive_ptr<JitMethod>, 1>
+            regionIdDomain; ///< by start jit rva
     };
 
     /// The ip space of one process on one host, cut into disjoint ranges.
@@ -38,8 +43,9 @@ public:
                      Range::Comparator>
         JitRvaDomain;
     typedef std::unordered_map<MethodId, boost::intrusive_ptr<JitMethod>, MethodId::Hash> MethodMap;
-    /// Equal keys keep their order of arrival.
-    typedef std::unordered_map<MethodId, std::vector<boost::intrusive_ptr<JitMethod>>, MethodId::Hash>
+    /// Equal keys keep their order of arrival; most keys have one method.
+    typedef std::unordered_map<MethodId, boost::container::small_vector<boost::intrusive_ptr<JitMethod>, 1>,
+                               MethodId::Hash>
         MethodMultiMap;
     typedef std::map<unsigned int, std::map<unsigned int, RegionDomain>> RegionDomainMap;
 
