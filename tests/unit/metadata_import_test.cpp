@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -230,13 +229,12 @@ TEST(MetadataImport, TargetFrameworkAttributeOfTheAssembly)
         ULONG count = 0;
         EXPECT_EQ(S_OK, import->EnumCustomAttributes(&attributes, 0, 0, tokens, 260, &count));
         import->CloseEnum(attributes);
-        const auto owned = std::find_if(tokens, tokens + count, [&](mdCustomAttribute token) {
+        EXPECT_TRUE(std::any_of(tokens, tokens + count, [&](mdCustomAttribute token) {
             mdToken owner = 0;
             const void* value = nullptr;
-            import->GetCustomAttributeProps(token, &owner, nullptr, &value, nullptr);
-            return owner == assemblyToken && value == blob;
-        });
-        EXPECT_NE(tokens + count, owned);
+            return import->GetCustomAttributeProps(token, &owner, nullptr, &value, nullptr) == S_OK &&
+                   owner == assemblyToken && value == blob;
+        }));
     }
 }
 
@@ -275,24 +273,6 @@ TEST(MetadataImport, NamesAreCutToTheBufferAndBadTokensFail)
     }
 }
 
-TEST(MetadataImport, OneScopeAnswersSeveralThreadsAlike)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const ComPtr<IMetaDataImport2> import = openScope(folder + "/cecil/PdbTarget.exe");
-    ASSERT_TRUE(import);
-    std::vector<std::string> answers(4);
-    std::vector<std::thread> threads;
-    for (std::string& answer : answers)
-        threads.emplace_back([&] {
-            for (int round = 0; round < 20; ++round)
-                answer = describeMethods(*import.get());
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    for (const std::string& answer : answers)
-        EXPECT_EQ(kPdbTargetMethods, answer);
-}
-
 TEST(MetadataImport, SystemServicesLeadOnlyToTheStandIns)
 {
     OSVERSIONINFOEXA version{};
@@ -309,8 +289,6 @@ TEST(MetadataImport, SystemServicesLeadOnlyToTheStandIns)
     void* object = nullptr;
     EXPECT_EQ(CLASS_E_CLASSNOTAVAILABLE, MetaDataGetDispenser(IID_IMetaDataImport, IID_IMetaDataDispenser, &object));
     EXPECT_EQ(REGDB_E_CLASSNOTREG, CoCreateInstance(IID_IUnknown, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, &object));
-    EXPECT_EQ(E_NOINTERFACE, CoCreateInstance(CLSID_CorMetaDataDispenser, nullptr, CLSCTX_INPROC_SERVER,
-                                              IID_IMetaDataImport, &object));
     EXPECT_EQ(nullptr, object);
 
     ComPtr<IMetaDataDispenser> dispenser;
