@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/byte_cursor.h"
 #include "platform/text.h"
 
 namespace velmark_3_11 {
@@ -82,8 +83,8 @@ HRESULT MetadataImport::open(std::vector<std::uint8_t> bytes, MetadataImport** i
 
 HRESULT MetadataImport::initialize(std::vector<std::uint8_t> bytes)
 {
-    const bool bareMetadata = bytes.size() >= 4 && bytes[0] == 'B' && bytes[1] == 'S' && bytes[2] == 'J' &&
-                              bytes[3] == 'B';
+    ByteCursor signature(bytes.data(), bytes.size());
+    const bool bareMetadata = signature.read<std::uint32_t>() == 0x424A5342; // "BSJB"
     HRESULT result = S_OK;
     if (bareMetadata) {
         m_bytes = std::move(bytes);

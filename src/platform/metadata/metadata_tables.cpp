@@ -311,35 +311,35 @@ mdToken MetadataTables::decode(coded_t kind, std::uint32_t value)
 
 bool MetadataTables::string(std::uint32_t index, std::string& text) const
 {
-    if (index >= m_strings.size)
-        return false;
-    const void* end = std::memchr(m_strings.data + index, 0, m_strings.size - index);
+    ByteCursor cursor(m_strings.data, m_strings.size);
+    cursor.seek(index);
+    const std::size_t left = cursor.remaining();
+    const unsigned char* start = cursor.take(left);
+    const void* end = left != 0 ? std::memchr(start, 0, left) : nullptr;
     if (end == nullptr)
         return false;
-    const char* begin = reinterpret_cast<const char*>(m_strings.data + index);
-    text.assign(begin, static_cast<const char*>(end));
+    text.assign(reinterpret_cast<const char*>(start), static_cast<const char*>(end));
     return true;
 }
 
 bool MetadataTables::blob(std::uint32_t index, const std::uint8_t*& data, std::uint32_t& size) const
 {
-    if (index >= m_blobs.size) {
-        if (index != 0)
-            return false;
-        // A heap that is absent still has its empty blob.
+    if (index == 0) {
+        // Index 0 is the empty blob, also of a heap that is absent.
         static const std::uint8_t empty = 0;
         data = &empty;
         size = 0;
         return true;
     }
-    ByteCursor cursor(m_blobs.data + index, m_blobs.size - index);
+    ByteCursor cursor(m_blobs.data, m_blobs.size);
+    cursor.seek(index);
     std::uint32_t length = 0;
     if (!readCompressedUnsigned(cursor, length))
         return false;
-    const std::uint64_t start = cursor.position();
-    if (cursor.take(length) == nullptr)
+    const unsigned char* bytes = cursor.take(length);
+    if (bytes == nullptr)
         return false;
-    data = m_blobs.data + index + start;
+    data = bytes;
     size = length;
     return true;
 }
