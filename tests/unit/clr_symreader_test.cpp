@@ -34,8 +34,9 @@ const Bytes kHeap = {
     5, 0, 0,                       //     IL 5 hidden,
     4, 0, 3, 4, 0,                 //     IL 9 at 12:5-12:8, relative to the visible point
     0xE0, 0, 0, 0,                 // 38: a compressed integer with the prefix 111
-    3, '/', 0, 48,                 // 42: name whose part lies in the last two bytes
-    0x7F, 0, 0, 0,                 // 46: a blob longer than the file
+    3, '/', 0, 52,                 // 42: name whose part lies in the last two bytes
+    3, '/', 0, 50,                 // 46: name whose part runs past the end of the file
+    0x7F, 0, 0, 0,                 // 50: a blob longer than the file
 };
 
 struct Layout {
@@ -138,6 +139,13 @@ TEST(ClrSymReader, ReadsHandBuiltFilesByItsOwnRules)
         EXPECT_EQ("\\src\\a.cs", documentName(reader, 2)); // the first part, "C:", is dropped
         EXPECT_EQ("untouched", documentName(reader, 4));
     }
+    Layout cut;
+    cut.documents[0] = 46;
+    const jrtest::TempDir dir;
+    const std::wstring path = toWide(dir.write("a.pdb", build(cut)));
+    CoreCLRSymbolReader reader(path.c_str());
+    ASSERT_EQ(meSuccess, reader.load());
+    EXPECT_EQ("/", documentName(reader, 1)); // the part ends with the file
 }
 
 struct Fault {
@@ -162,13 +170,13 @@ TEST(ClrSymReader, EachFaultHasItsMessage)
         {[](Layout& l) { l.valid = 0; }, 0, "PDB error: Document Table not found"},
         {[](Layout& l) { l.documentRows = 0x10000000; }, 0, "PDB error: Document Table too small"},
         {[](Layout& l) { l.methodRows = 0x10000000; }, 0, "PDB error: MethodDebugInformation Table too small"},
-        {[](Layout& l) { l.methods[0].second = 48; }, 0, "PDB error: Sequence Record Bytecount not found in Blob Heap"},
-        {[](Layout& l) { l.methods[0].second = 46; }, 0, "PDB error: Sequence Record not found in Blob Heap"},
+        {[](Layout& l) { l.methods[0].second = 52; }, 0, "PDB error: Sequence Record Bytecount not found in Blob Heap"},
+        {[](Layout& l) { l.methods[0].second = 50; }, 0, "PDB error: Sequence Record not found in Blob Heap"},
         {[](Layout& l) { l.methods[0].second = 38; }, 0, "PDB error: Compressed integer encoding error"},
         {[](Layout&) {}, -1, "Invalid functionRowID=-1"},
         {[](Layout&) {}, 3, "Invalid documentRowID=0"},
-        {[](Layout& l) { l.documents[0] = 48; }, 1, "PDB error: Document Index Bytecount not found in Blob Heap"},
-        {[](Layout& l) { l.documents[0] = 46; }, 1, "PDB error: Document Name Index not found in Blob Heap"},
+        {[](Layout& l) { l.documents[0] = 52; }, 1, "PDB error: Document Index Bytecount not found in Blob Heap"},
+        {[](Layout& l) { l.documents[0] = 50; }, 1, "PDB error: Document Name Index not found in Blob Heap"},
         {[](Layout& l) { l.documents[0] = 42; }, 1, "PDB error: Document Name Bytecount not found in Blob Heap"},
         {[](Layout& l) { l.documents[0] = 38; }, 1, "PDB error: Compressed integer encoding error"},
     };

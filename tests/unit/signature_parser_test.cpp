@@ -92,6 +92,9 @@ TEST(SignatureParser, PrintsEachElementTheWayTheParserReadsIt)
          L"string"},
         {"sentinel", {0x05, 2, 0x01, 0x08, 0x41, 0x0E}, false, meSuccess, L"void", L"int32|string"},
         {"bad token as the last element", {0x00, 1, 0x01, 0x12, 0xE0}, true, meSuccess, L"void", L"/*0x2000000*/"},
+        {"token cut short", {0x00, 1, 0x01, 0x12, 0xC0}, false, meSuccess, L"void", L"/*0x2000000*/"},
+        {"modifier cut short", {0x00, 1, 0x01, 0x20, 0xC0}, false, meFail, L"void", L""},
+        {"function pointer cut short", {0x00, 1, 0x01, 0x1B}, false, meFail, L"void", L""},
         {"field signature", {0x06, 0x08}, false, meFail, L"", L""},
         {"empty blob", {}, false, meFail, L"", L""},
         {"ends inside a parameter", {0x00, 2, 0x01, 0x08}, false, meFail, L"void", L""},
@@ -141,6 +144,13 @@ TEST(SignatureParser, ParameterArrayProtocol)
     EXPECT_EQ(meSuccess, parser->getParameters(parameters, &count));
     EXPECT_EQ(5u, count);
     EXPECT_EQ(std::wstring(L"string"), parameters[1]->getTypeName());
+
+    // A function pointer inside nested generics leaves the parameter without a record.
+    const auto lying = ISignatureParser::create(nullptr);
+    const unsigned char nested[] = {0x00, 1, 0x01, 0x15, 0x12, List, 1, 0x15, 0x12, List, 1, 0x1B, 0x00, 0, 0x01};
+    ASSERT_EQ(meSuccess, lying->parse(nested, sizeof nested));
+    EXPECT_EQ(meFail, lying->getParameters(parameters, &count));
+    EXPECT_EQ(std::wstring(L""), parameters[0]->getTypeName());
 }
 
 } // namespace
