@@ -17,37 +17,6 @@ constexpr std::uint32_t kMethodRva = 0, kMethodImplFlags = 1, kMethodFlags = 2, 
 constexpr std::uint32_t kAttributeParent = 0, kAttributeType = 1, kAttributeValue = 2;
 constexpr std::uint32_t kMemberRefClass = 0;
 
-/// The tokens of one enumeration and the caller's place in them.
-struct Enumerator {
-    std::vector<mdToken> tokens;
-    std::size_t position = 0;
-};
-
-/// Opens the enumerator on the first call (with `fill`) and hands out the next page.
-template <class Fill>
-HRESULT page(HCORENUM* phEnum, mdToken out[], ULONG cMax, ULONG* pcCount, Fill fill)
-{
-    if (phEnum == nullptr || (out == nullptr && cMax != 0))
-        return E_INVALIDARG;
-    if (pcCount)
-        *pcCount = 0;
-    if (*phEnum == nullptr) {
-        std::unique_ptr<Enumerator> fresh(new Enumerator);
-        const HRESULT filled = fill(fresh->tokens);
-        if (FAILED(filled))
-            return filled;
-        *phEnum = fresh.release();
-    }
-    Enumerator& enumerator = *static_cast<Enumerator*>(*phEnum);
-    const std::size_t left = enumerator.tokens.size() - std::min(enumerator.position, enumerator.tokens.size());
-    const std::size_t count = std::min<std::size_t>(left, cMax);
-    std::copy_n(enumerator.tokens.begin() + static_cast<std::ptrdiff_t>(enumerator.position), count, out);
-    enumerator.position += count;
-    if (pcCount)
-        *pcCount = static_cast<ULONG>(count);
-    return count != 0 ? S_OK : S_FALSE;
-}
-
 /// Writes `text` with its terminator into a buffer of `capacity` characters; the length
 /// given back counts the terminator.
 HRESULT copyText(const std::wstring& text, LPWSTR buffer, ULONG capacity, ULONG* length)
@@ -65,6 +34,44 @@ HRESULT copyText(const std::wstring& text, LPWSTR buffer, ULONG capacity, ULONG*
 }
 
 } // namespace
+
+/// The tokens of one enumeration and the caller's place in them.
+struct MetadataImport::Enumerator {
+    std::vector<mdToken> tokens;
+    std::size_t position = 0;
+};
+
+MetadataImport::~MetadataImport()
+{
+    for (Enumerator* enumerator : m_enumerators)
+        delete enumerator;
+}
+
+template <class Fill>
+HRESULT MetadataImport::page(HCORENUM* phEnum, mdToken out[], ULONG cMax, ULONG* pcCount, Fill fill)
+{
+    if (phEnum == nullptr || (out == nullptr && cMax != 0))
+        return E_INVALIDARG;
+    if (pcCount)
+        *pcCount = 0;
+    if (*phEnum == nullptr) {
+        std::unique_ptr<Enumerator> fresh(new Enumerator);
+        const HRESULT filled = fill(fresh->tokens);
+        if (FAILED(filled))
+            return filled;
+        const std::lock_guard<std::mutex> lock(m_enumeratorsMutex);
+        m_enumerators.insert(fresh.get());
+        *phEnum = fresh.release();
+    }
+    Enumerator& enumerator = *static_cast<Enumerator*>(*phEnum);
+    const std::size_t left = enumerator.tokens.size() - std::min(enumerator.position, enumerator.tokens.size());
+    const std::size_t count = std::min<std::size_t>(left, cMax);
+    std::copy_n(enumerator.tokens.begin() + static_cast<std::ptrdiff_t>(enumerator.position), count, out);
+    enumerator.position += count;
+    if (pcCount)
+        *pcCount = static_cast<ULONG>(count);
+    return count != 0 ? S_OK : S_FALSE;
+}
 
 HRESULT MetadataImport::open(std::vector<std::uint8_t> bytes, MetadataImport** import)
 {
@@ -186,7 +193,10 @@ mdToken MetadataImport::attributeType(mdToken constructor) const
 
 void MetadataImport::CloseEnum(HCORENUM hEnum)
 {
-    delete static_cast<Enumerator*>(hEnum);
+    // Only enumerators of this scope are freed, each once.
+    const std::lock_guard<std::mutex> lock(m_enumeratorsMutex);
+    if (m_enumerators.erase(static_cast<Enumerator*>(hEnum)) != 0)
+        delete static_cast<Enumerator*>(hEnum);
 }
 
 HRESULT MetadataImport::CountEnum(HCORENUM hEnum, ULONG* pulCount)

@@ -1,11 +1,14 @@
 // An open metadata scope: IMetaDataImport2 answered from the tables of a managed image (or
 // of a bare metadata file). Read-only once opened, so any number of threads may query it;
-// each enumerator belongs to the caller that opened it.
+// each enumerator belongs to the caller that opened it, and those never closed go with the
+// scope.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/metadata/com_object.h"
@@ -46,7 +49,13 @@ public:
     const MetadataTables& tables() const { return *m_tables; }
 
 private:
+    struct Enumerator;
+
     MetadataImport() = default;
+    ~MetadataImport() override;
+    /// Opens the enumerator on the first call (with `fill`) and hands out the next page.
+    template <class Fill>
+    HRESULT page(HCORENUM* phEnum, mdToken out[], ULONG cMax, ULONG* pcCount, Fill fill);
     HRESULT initialize(std::vector<std::uint8_t> bytes);
     /// The method def rows of type def row `typeRow`, through the MethodPtr table if present.
     void methodsOf(std::uint32_t typeRow, std::uint32_t& floor, std::vector<mdToken>& methods) const;
@@ -61,6 +70,8 @@ private:
     std::unique_ptr<MetadataTables> m_tables;
     /// The owning type def of each method def row (index row - 1); 0 when none claims it.
     std::vector<mdTypeDef> m_methodOwners;
+    std::mutex m_enumeratorsMutex;
+    std::unordered_set<Enumerator*> m_enumerators;
 };
 
 } // namespace velmark_3_11
