@@ -13,8 +13,12 @@ namespace velmark_3_11 {
 
 class CodeArena {
 public:
+    CodeArena() = default;
+    CodeArena(const CodeArena&) = delete;
+    CodeArena& operator=(const CodeArena&) = delete;
+
     /// A buffer holding a copy of `size` bytes at `data`, in the current chunk. The buffer keeps
-    /// its chunk alive; the arena may go before its buffers.
+    /// its chunk alive; the arena may go before its buffers. Not safe for concurrent use.
     boost::shared_ptr<IByteBuffer> copy(const unsigned char* data, unsigned int size);
 
     struct Chunk;

@@ -79,6 +79,9 @@ public:
     /// beside a load (the loader's); a store that is loaded once, before it is shared, needs it not.
     std::shared_mutex& accessMutex() const { return m_accessMutex; }
 
+    /// Where the decoders of this store keep code bytes; used under the load's exclusive access.
+    CodeArena& codeArena() { return m_codeArena; }
+
     unsigned int getCollectorType() const { return m_collectorType; }
     void setCollectorType(unsigned int collectorType) { m_collectorType = collectorType; }
 
@@ -170,6 +173,7 @@ private:
     // enough lookups followed the last change, and published through the atomic pointer. Loads
     // run alone, so they may drop the arrays without a lock; until the arrays are there again,
     // searches use the maps.
+    CodeArena m_codeArena;
     mutable std::shared_mutex m_accessMutex;
     mutable boost::mutex m_lookupIndexMutex;
     mutable std::unique_ptr<LookupIndex> m_lookupIndexStorage;

@@ -94,6 +94,9 @@ public:
     bool decodeMethodUpdateRecordV2(const Record& record, boost::intrusive_ptr<JitMethod>& method) const;
 
     void setSearchRegionCallback(const SearchRegionCallback* callback) { m_searchRegionCallback = callback; }
+    /// Where kept code bytes go: the store's arena, so that all files share its chunks. Without
+    /// this call the decoder uses an arena of its own.
+    void setCodeArena(CodeArena* arena) { m_sharedArena = arena; }
 
     unsigned int processId() const { return m_pid; }
     unsigned int hostId() const { return m_hostId; }
@@ -147,9 +150,15 @@ private:
     MethodIdMaker m_methodIdMaker;
     const SearchRegionCallback* m_searchRegionCallback;
     /// Where code bytes go: the arena in the full mode, nowhere in the others.
-    CodeArena* codeArena() const { return (m_mode & decoding_mode_full) != 0 ? &m_codeArena : nullptr; }
+    CodeArena* codeArena() const
+    {
+        if ((m_mode & decoding_mode_full) == 0)
+            return nullptr;
+        return m_sharedArena != nullptr ? m_sharedArena : &m_codeArena;
+    }
 
     mutable CodeArena m_codeArena;
+    CodeArena* m_sharedArena = nullptr;
     mutable boost::intrusive_ptr<Module> m_lastModule;
     mutable std::wstring m_lastModulePath; // as the record gave it, before "[Dynamic code]" stands in
     bool m_arch0Seen;

@@ -207,6 +207,7 @@ void JitFilesManager::readProcess(unsigned int processId, unsigned int hostId, c
         }
         JitFileDecoder decoder(file.path, processId, hostId, file.firstJitRva, mode);
         decoder.setSearchRegionCallback(&dataManager);
+        decoder.setCodeArena(&dataManager.codeArena());
         // The last file's range is open, as in a store of one file.
         if (file.index + 1 != m_fileCount)
             decoder.setOverflowWindow(file.firstJitRva + file.size, file.index);
