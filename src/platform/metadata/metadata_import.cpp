@@ -79,11 +79,11 @@ HRESULT MetadataImport::open(std::vector<std::uint8_t> bytes, MetadataImport** i
         return E_POINTER;
     *import = nullptr;
     return guarded([&] {
-        std::unique_ptr<MetadataImport> scope(new MetadataImport);
+        ComPtr<MetadataImport> scope(new MetadataImport);
         const HRESULT result = scope->initialize(std::move(bytes));
         if (FAILED(result))
             return result;
-        *import = scope.release();
+        *import = scope.detach();
         return S_OK;
     });
 }
