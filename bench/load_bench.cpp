@@ -1,13 +1,18 @@
-// Reads a result directory of about 200 MB of traces through ISymbolResolver::create and
-// reports MB/s, records/s and the memory kept against the bytes of code kept, next to the
-// speed of only reading the same files.
+// Reads result directories of JIT traces through ISymbolResolver::create and prints each figure
+// beside its target: load speed against the speed of only reading the same files, how the time
+// grows with the number of files and with the data, the memory kept and the time to destroy.
+// All figures come from one run, as ratios do on a shared, noisy machine; each time is the best
+// of a few repetitions.
 #include <malloc.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include <benchmark/benchmark.h>
 #include <boost/filesystem.hpp>
 
 #include "jitreader/jitreader.h"
@@ -18,8 +23,7 @@ using namespace tracewriter;
 
 namespace {
 
-constexpr std::uint64_t kTargetBytes = 200ull << 20;
-constexpr int kProcesses = 8;
+constexpr std::uint64_t kMegabyte = 1ull << 20;
 
 struct Corpus {
     std::string directory;
@@ -36,25 +40,29 @@ std::uint64_t mix(std::uint64_t& state)
     return z ^ (z >> 31);
 }
 
-/// Writes the corpus once per run of the program: code ranges of 50 to 4,000 bytes with line
-/// tables, each process reusing its code cache over several generations.
-const Corpus& corpus()
+/// Writes `totalBytes` of traces of 8 processes into `files` files (each process's share cut
+/// into files one after the other): code ranges of 50 to 4,000 bytes with line tables, each
+/// process reusing its code cache over several generations. The same content for the same
+/// total, however it is cut into files.
+Corpus writeCorpus(const std::string& name, std::uint64_t totalBytes, int files)
 {
-    static const Corpus result = [] {
-        Corpus c;
-        c.directory = (fs::temp_directory_path() / "jitreader-load-bench").string();
-        fs::remove_all(c.directory);
-        fs::create_directories(c.directory);
-        std::uint64_t state = 42;
-        const std::uint64_t perProcess = kTargetBytes / kProcesses;
-        for (int process = 0; process < kProcesses; ++process) {
+    constexpr int kProcesses = 8;
+    Corpus c;
+    c.directory = (fs::temp_directory_path() / ("jitreader-load-bench-" + name)).string();
+    fs::remove_all(c.directory);
+    fs::create_directories(c.directory);
+    std::uint64_t state = 42;
+    const int filesPerProcess = std::max(1, files / kProcesses);
+    const std::uint64_t perFile = totalBytes / (kProcesses * filesPerProcess);
+    for (int process = 0; process < kProcesses; ++process) {
+        const std::uint64_t cache = 0x7f0000000000ULL + (static_cast<std::uint64_t>(process) << 32);
+        std::uint64_t address = cache;
+        std::uint64_t time = 1000;
+        std::uint32_t id = 1;
+        for (int part = 0; part < filesPerProcess; ++part) {
             TraceWriter trace;
             trace.magic().collectorType(1);
-            const std::uint64_t cache = 0x7f0000000000ULL + (static_cast<std::uint64_t>(process) << 32);
-            std::uint64_t address = cache;
-            std::uint64_t time = 1000;
-            std::uint32_t id = 1;
-            while (trace.size() < perProcess) {
+            while (trace.size() < perFile) {
                 MethodLoad record;
                 record.rawMethodId = id++;
                 record.loadTime = time;
@@ -78,63 +86,139 @@ const Corpus& corpus()
                 if (address - cache > (16u << 20))
                     address = cache + (mix(state) % 4096); // a new generation over the old code
             }
-            const std::string name = "bench.host." + std::to_string(1000 + process) + ".jit";
-            trace.writeTo((fs::path(c.directory) / name).string());
+            // "-part" keeps the files of a process in the order in which they were written.
+            char fileName[64];
+            std::snprintf(fileName, sizeof fileName, "bench.host.%d-%03d.jit", 1000 + process, part);
+            trace.writeTo((fs::path(c.directory) / fileName).string());
             c.bytes += trace.size();
         }
-        return c;
-    }();
+    }
+    return c;
+}
+
+double milliseconds(std::chrono::steady_clock::duration d)
+{
+    return std::chrono::duration<double, std::milli>(d).count();
+}
+
+/// The best of `repeat` timings of `run`, in milliseconds.
+double best(int repeat, const std::function<void()>& run)
+{
+    double result = 1e300;
+    for (int i = 0; i < repeat; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        run();
+        result = std::min(result, milliseconds(std::chrono::steady_clock::now() - start));
+    }
     return result;
 }
 
-/// Bytes that the heap has handed out and not yet taken back.
-std::size_t heapInUse()
+double readFilesOnly(const Corpus& c)
 {
-    const struct mallinfo2 info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
-
-void BM_ReadFilesOnly(benchmark::State& state)
-{
-    const Corpus& c = corpus();
     std::vector<char> buffer(1 << 20);
-    for (auto _ : state) {
+    return best(5, [&] {
         for (const fs::directory_entry& entry : fs::directory_iterator(c.directory)) {
             std::FILE* file = std::fopen(entry.path().string().c_str(), "rb");
             while (std::fread(buffer.data(), 1, buffer.size(), file) == buffer.size()) {
             }
             std::fclose(file);
         }
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * c.bytes));
+    });
 }
 
-void BM_CreateResolver(benchmark::State& state)
+boost::intrusive_ptr<velmark_3_11::ISymbolResolver> createResolver(const Corpus& c)
 {
-    using namespace velmark_3_11;
-    const Corpus& c = corpus();
-    std::size_t kept = 0;
-    for (auto _ : state) {
-        const std::size_t before = heapInUse();
-        auto directories = basekit2::make_path_iterator({fs::path(c.directory).wstring()});
-        boost::intrusive_ptr<ISymbolFileLocator> locator;
-        auto resolver = ISymbolResolver::create(directories, locator);
-        benchmark::DoNotOptimize(resolver.get());
-        kept = heapInUse() - before;
-        if (!resolver)
-            state.SkipWithError("the resolver could not be created");
+    auto directories = basekit2::make_path_iterator({fs::path(c.directory).wstring()});
+    boost::intrusive_ptr<velmark_3_11::ISymbolFileLocator> locator;
+    return velmark_3_11::ISymbolResolver::create(directories, locator);
+}
+
+/// Resident bytes of the process, after the heap gave back what it holds free.
+std::uint64_t residentBytes()
+{
+    malloc_trim(0);
+    std::ifstream statm("/proc/self/statm");
+    std::uint64_t size = 0, resident = 0;
+    statm >> size >> resident;
+    return resident * 4096;
+}
+
+struct Load {
+    double createMs = 1e300;
+    double destroyMs = 1e300;
+    std::uint64_t keptBytes = 0;
+};
+
+Load load(const Corpus& c, int repeat)
+{
+    Load result;
+    for (int i = 0; i < repeat; ++i) {
+        const std::uint64_t before = residentBytes();
+        auto start = std::chrono::steady_clock::now();
+        auto resolver = createResolver(c);
+        result.createMs = std::min(result.createMs, milliseconds(std::chrono::steady_clock::now() - start));
+        if (!resolver) {
+            std::fprintf(stderr, "load_bench: the resolver could not be created\n");
+            std::exit(1);
+        }
+        if (i == 0)
+            result.keptBytes = residentBytes() - before;
+        start = std::chrono::steady_clock::now();
+        resolver.reset();
+        result.destroyMs = std::min(result.destroyMs, milliseconds(std::chrono::steady_clock::now() - start));
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * c.bytes));
-    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * c.records));
-    state.counters["trace_MB"] = static_cast<double>(c.bytes) / (1 << 20);
-    state.counters["records"] = static_cast<double>(c.records);
-    state.counters["code_MB"] = static_cast<double>(c.codeBytes) / (1 << 20);
-    state.counters["kept_MB"] = static_cast<double>(kept) / (1 << 20);
-    state.counters["kept_per_code_byte"] = static_cast<double>(kept) / static_cast<double>(c.codeBytes);
+    return result;
+}
+
+void row(const char* figure, const std::string& value, const std::string& target, bool holds)
+{
+    std::printf("%-52s %-22s %-14s %s\n", figure, value.c_str(), target.c_str(), holds ? "yes" : "NO");
+}
+
+std::string format(const char* pattern, double value)
+{
+    char text[64];
+    std::snprintf(text, sizeof text, pattern, value);
+    return text;
 }
 
 } // namespace
 
-BENCHMARK(BM_ReadFilesOnly)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_CreateResolver)->Unit(benchmark::kMillisecond)->Iterations(2);
-BENCHMARK_MAIN();
+int main()
+{
+    std::printf("writing the corpora...\n");
+    const Corpus base = writeCorpus("8", 200 * kMegabyte, 8);
+    const Corpus many = writeCorpus("128", 200 * kMegabyte, 128);
+    const Corpus large = writeCorpus("8x4", 800 * kMegabyte, 8);
+    std::printf("corpus: %.0f MB of traces, %llu records, %.0f MB of code\n\n",
+                static_cast<double>(base.bytes) / kMegabyte, static_cast<unsigned long long>(base.records),
+                static_cast<double>(base.codeBytes) / kMegabyte);
+
+    // The first load of a process pays for fresh memory; the figures are those of the best run.
+    const double read = readFilesOnly(base);
+    const Load baseLoad = load(base, 3);
+    const Load manyLoad = load(many, 3);
+    const Load largeLoad = load(large, 2);
+
+    const double mbPerSecond = static_cast<double>(base.bytes) / kMegabyte / (baseLoad.createMs / 1000);
+    const double shareOfRead = read / baseLoad.createMs * 100;
+    const double filesRatio = manyLoad.createMs / baseLoad.createMs;
+    const double dataRatio = largeLoad.createMs / baseLoad.createMs;
+    const double keptPerCodeByte = static_cast<double>(baseLoad.keptBytes) / static_cast<double>(base.codeBytes);
+
+    std::printf("%-52s %-22s %-14s %s\n", "figure", "measured", "target", "holds");
+    row("read the 200 MB only", format("%.1f ms", read), "", true);
+    row("create the resolver, 200 MB in 8 files",
+        format("%.0f ms", baseLoad.createMs) + format(" (%.0f MB/s)", mbPerSecond), ">= 1024 MB/s",
+        mbPerSecond >= 1024);
+    row("load speed against reading the same files", format("%.1f %%", shareOfRead), ">= 7 %", shareOfRead >= 7);
+    row("the same bytes in 128 files against 8 files", format("%.2f x", filesRatio), "<= 1.3 x", filesRatio <= 1.3);
+    row("4x the data against 1x (8 files)", format("%.2f x", dataRatio), "<= 4.4 x", dataRatio <= 4.4);
+    row("memory kept per code byte (resident growth)", format("%.2f", keptPerCodeByte), "<= 1.5",
+        keptPerCodeByte <= 1.5);
+    row("destroy the 200 MB store", format("%.0f ms", baseLoad.destroyMs), "<= 100 ms", baseLoad.destroyMs <= 100);
+
+    for (const Corpus* c : {&base, &many, &large})
+        fs::remove_all(c->directory);
+    return 0;
+}
