@@ -159,6 +159,23 @@ TEST(MetadataImport, EveryMethodTokenGivesItsNameTypeAndSignature)
     }
 }
 
+TEST(MetadataImport, UncompressedTableStreamReadsAsTheCompressedOne)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    std::vector<unsigned char> image = jrtest::readBytes(folder + "/symbolic/foo.dll");
+    const unsigned char compressed[] = {'#', '~', 0, 0};
+    const auto name = std::search(image.begin(), image.end(), compressed, compressed + 4);
+    ASSERT_NE(image.end(), name);
+    name[1] = '-';
+    ComPtr<IMetaDataDispenser> dispenser;
+    ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorMetaDataDispenser, nullptr, CLSCTX_INPROC_SERVER,
+                                     IID_IMetaDataDispenser, reinterpret_cast<void**>(dispenser.put())));
+    ComPtr<IMetaDataImport2> import;
+    ASSERT_EQ(S_OK, dispenser->OpenScopeOnMemory(image.data(), static_cast<ULONG>(image.size()), ofRead,
+                                                 IID_IMetaDataImport2, reinterpret_cast<IUnknown**>(import.put())));
+    EXPECT_EQ(kFooMethods, describeMethods(*import.get()));
+}
+
 TEST(MetadataImport, EnumeratorsPageThroughEveryMethodOnceWithItsOwner)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
