@@ -38,17 +38,8 @@ std::string answer(IJitLoader& loader, ISymbolResolver& resolver, const Point& p
     unsigned int rows = 0;
     symbol->getLineNumberInfo(2, nullptr, &rows, jitRva); // the native-to-source table
     text << ' ' << symbol->getRawMethodId() << " rows " << rows;
-    // The method and the inlines that hold the point, each with its line.
-    boost::intrusive_ptr<ICodeRegion> region;
-    for (auto it = symbol->getCodeRegions(); !it.at_end(); it.next())
-        if (it.current()->startJitRva() <= jitRva && jitRva - it.current()->startJitRva() < it.current()->length())
-            region = it.current();
-    for (int depth = 0; symbol && depth < 16; ++depth) {
-        const auto location = symbol->getSourceLocation(jitRva);
-        text << " > " << symbol->getRawMethodId() << ':' << (location ? location->getLine() : 0);
-        symbol = region ? region->getInlinedMethod(jitRva) : nullptr;
-        region = region ? region->getInlinedRegion(jitRva) : nullptr;
-    }
+    for (const e2e::Frame& frame : e2e::framesAt(resolver, jitRva))
+        text << " > " << frame.rawId << ':' << frame.line;
     return text.str();
 }
 

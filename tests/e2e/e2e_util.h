@@ -67,4 +67,51 @@ inline std::vector<std::wstring> methodNames(velmark_3_11::ISymbolResolver& reso
     return names;
 }
 
+struct Frame {
+    std::wstring name;
+    unsigned int rawId;
+    unsigned int line;
+};
+
+/// The method at `jitRva` and the methods inlined there, outermost first, with their lines.
+inline std::vector<Frame> framesAt(velmark_3_11::ISymbolResolver& resolver, unsigned long long jitRva)
+{
+    std::vector<Frame> frames;
+    boost::intrusive_ptr<velmark_3_11::ISymbol> symbol = resolver.resolveSymbol(jitRva);
+    boost::intrusive_ptr<velmark_3_11::ICodeRegion> region;
+    if (symbol)
+        for (auto it = symbol->getCodeRegions(); !it.at_end(); it.next())
+            if (it.current()->startJitRva() <= jitRva && jitRva - it.current()->startJitRva() < it.current()->length())
+                region = it.current();
+    for (std::size_t depth = 0; symbol && depth < 64; ++depth) {
+        const auto location = symbol->getSourceLocation(jitRva);
+        frames.push_back({symbol->getName(), symbol->getRawMethodId(), location ? location->getLine() : 0});
+        symbol = region ? region->getInlinedMethod(jitRva) : nullptr;
+        region = region ? region->getInlinedRegion(jitRva) : nullptr;
+    }
+    return frames;
+}
+
+/// What the loader and the resolver say of a sample point of host 1.
+struct Answer {
+    velmark_3_11::velmark_error_t loader;
+    unsigned long long jitRva;
+    bool resolved; // by the resolver, back to the same address
+    std::wstring name;
+};
+
+inline Answer answer(velmark_3_11::IJitLoader& loader, velmark_3_11::ISymbolResolver& resolver,
+                     unsigned long long time, unsigned long long address, unsigned int pid)
+{
+    Answer a{velmark_3_11::meFail, 0, false, L""};
+    boost::intrusive_ptr<velmark_3_11::IModule> module;
+    a.loader = loader.resolveModule(time, address, pid, 1, &a.jitRva, module);
+    if (auto symbol = resolver.resolveSymbol(a.jitRva)) {
+        unsigned long long back = 0;
+        a.resolved = symbol->getVirtualAddress(a.jitRva, &back) == velmark_3_11::meSuccess && back == address;
+        a.name = symbol->getName();
+    }
+    return a;
+}
+
 } // namespace e2e

@@ -34,27 +34,6 @@ UpdateV2 patch(std::uint64_t address, std::uint64_t loadTime)
     return update;
 }
 
-struct Answer {
-    velmark_error_t loader;
-    unsigned long long jitRva;
-    bool resolved;     // by the resolver, back to the same address
-    std::wstring name;
-};
-
-Answer answer(IJitLoader& loader, ISymbolResolver& resolver, unsigned long long time, unsigned long long address,
-              unsigned int pid)
-{
-    Answer a{meFail, 0, false, L""};
-    boost::intrusive_ptr<IModule> module;
-    a.loader = loader.resolveModule(time, address, pid, 1, &a.jitRva, module);
-    if (auto symbol = resolver.resolveSymbol(a.jitRva)) {
-        unsigned long long back = 0;
-        a.resolved = symbol->getVirtualAddress(a.jitRva, &back) == meSuccess && back == address;
-        a.name = symbol->getName();
-    }
-    return a;
-}
-
 TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeChangesNoOtherFileAndKeepsItsCode)
 {
     TraceWriter first, last;
@@ -110,14 +89,14 @@ TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeChangesNoOtherFileAndKeepsIts
         names.push_back(L"App::Main::c");
         EXPECT_EQ(names, e2e::methodNames(*resolver));
         const unsigned long long lastBase = 1 + first.size() + c.middle->size();
-        const Answer a = answer(*loader, *resolver, 150, 0x1010, 1);
-        const Answer cc = answer(*loader, *resolver, 150, 0x1010, 3);
+        const e2e::Answer a = e2e::answer(*loader, *resolver, 150, 0x1010, 1);
+        const e2e::Answer cc = e2e::answer(*loader, *resolver, 150, 0x1010, 3);
         EXPECT_TRUE(a.loader == meSuccess && a.jitRva == 0x11 && a.resolved && a.name == L"App::Main::a");
         EXPECT_TRUE(cc.loader == meSuccess && cc.jitRva == lastBase + 0x10 && cc.resolved && cc.name == L"App::Main::c");
 
         // The middle file's own code: all of it, in its window once its range is used up.
         for (const auto& point : {std::make_pair(c.bTime, 0x1010ull), std::make_pair(800ull, 0x104ull)}) {
-            const Answer b = answer(*loader, *resolver, point.first, point.second, 2);
+            const e2e::Answer b = e2e::answer(*loader, *resolver, point.first, point.second, 2);
             EXPECT_TRUE(b.loader == meSuccess && b.resolved) << point.second;
             const bool inWindow = b.jitRva >= kWindowBase + kWindowSize && b.jitRva < kWindowBase + 2 * kWindowSize;
             EXPECT_EQ(c.bInWindow, inWindow) << std::hex << b.jitRva;

@@ -26,30 +26,6 @@ InlineLoad inlined(std::uint32_t id, std::uint32_t parent, std::uint64_t address
     return record;
 }
 
-struct FrameText {
-    std::wstring name;
-    unsigned int line;
-};
-
-/// The method at `jitRva` and the methods inlined there, outermost first, with their lines.
-std::vector<FrameText> framesAt(ISymbolResolver& resolver, unsigned long long jitRva)
-{
-    std::vector<FrameText> frames;
-    boost::intrusive_ptr<ISymbol> symbol = resolver.resolveSymbol(jitRva);
-    boost::intrusive_ptr<ICodeRegion> region;
-    if (symbol)
-        for (auto it = symbol->getCodeRegions(); !it.at_end(); it.next())
-            if (it.current()->startJitRva() <= jitRva && jitRva < it.current()->startJitRva() + it.current()->length())
-                region = it.current();
-    while (symbol) {
-        const auto location = symbol->getSourceLocation(jitRva);
-        frames.push_back({symbol->getName(), location ? location->getLine() : 0});
-        symbol = region ? region->getInlinedMethod(jitRva) : nullptr;
-        region = region ? region->getInlinedRegion(jitRva) : nullptr;
-    }
-    return frames;
-}
-
 TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFileOfTheStore)
 {
     // J is inlined into I, and I into P; the records arrive as J, I, P. Another process's file
@@ -76,7 +52,7 @@ TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFil
     };
     const struct {
         unsigned long long address;
-        std::vector<FrameText> frames;
+        std::vector<std::pair<std::wstring, unsigned int>> frames; // name, line
     } samples[] = {
         {0x1004, {{L"App::Main::run", 10}}},
         {0x1014, {{L"App::Main::run", 11}, {L"com::example::Inner::get", 200}}},
@@ -99,12 +75,10 @@ TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFil
             boost::intrusive_ptr<IModule> module;
             ASSERT_EQ(meSuccess, loader->resolveModule(150, sample.address, 7, 1, &jitRva, module));
             EXPECT_EQ(layout.parentBase + sample.address - 0x1000, jitRva);
-            const std::vector<FrameText> frames = framesAt(*resolver, jitRva);
-            ASSERT_EQ(sample.frames.size(), frames.size()) << std::hex << sample.address;
-            for (std::size_t i = 0; i < frames.size(); ++i) {
-                EXPECT_EQ(sample.frames[i].name, frames[i].name) << std::hex << sample.address;
-                EXPECT_EQ(sample.frames[i].line, frames[i].line) << std::hex << sample.address;
-            }
+            std::vector<std::pair<std::wstring, unsigned int>> frames;
+            for (const e2e::Frame& frame : e2e::framesAt(*resolver, jitRva))
+                frames.emplace_back(frame.name, frame.line);
+            EXPECT_EQ(sample.frames, frames) << std::hex << sample.address;
         }
     }
 }

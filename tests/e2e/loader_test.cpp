@@ -79,8 +79,6 @@ TEST_F(LoaderFixture, ModulesModeKeepsNoCodeBytes)
     ASSERT_TRUE(region);
     EXPECT_EQ(300u, region->loadTime());
     EXPECT_FALSE(region->getContent());
-    EXPECT_EQ(meFail, loader->findNextRegion(300, 0x1000, 0x1040, 7, 1, region));
-    EXPECT_EQ(meFail, loader->findNextRegion(150, 0x1000, 0x1040, 8, 1, region));
 
     unsigned long long jitRva = 0;
     boost::intrusive_ptr<IModule> module;
@@ -96,21 +94,12 @@ TEST_F(LoaderFixture, HostIdsAndModuleEvaluators)
     unsigned int id = 99;
     EXPECT_EQ(meSuccess, loader->getHostId(L"node.one", &id));
     EXPECT_EQ(1u, id);
-    EXPECT_EQ(meSuccess, loader->getHostId(L"NODE.ONE", &id));
-    EXPECT_EQ(0u, id);
     EXPECT_EQ(meInvalidArgument, loader->getHostId(L"node.one", nullptr));
 
     EXPECT_FALSE(loader->createModuleEvaluator(nullptr));
     auto gac = loader->createModuleEvaluator(L"C:\\Windows\\assembly\\GAC_64\\x.dll");
-    auto plain = loader->createModuleEvaluator(L"/does/not/exist.dll");
     ASSERT_TRUE(gac);
-    ASSERT_TRUE(plain);
     EXPECT_EQ(meSuccess, gac->isNativeImage());
-    EXPECT_EQ(meFail, plain->isNativeImage());
-    EXPECT_EQ(meSuccess, isNativeImage(L"/dev/ashmem/dalvik-jit-code-cache (deleted)"));
-
-    auto missing = e2e::dirs(root, {"missing"});
-    EXPECT_FALSE(IJitLoader::create(missing));
 }
 
 } // namespace

@@ -30,19 +30,4 @@ TEST(JitProcesses, ListsProcessesOfEveryHostWithoutReading)
     EXPECT_EQ((std::vector<unsigned int>{4, 30, 9}), ids(*processes));
 }
 
-TEST(JitProcesses, BadDirectoriesGiveNull)
-{
-    jrtest::TempDir root;
-    root.write("bad/a.jit", {1});
-    root.mkdir("empty");
-    for (const char* dir : {"missing", "bad"}) {
-        auto directories = e2e::dirs(root, {dir});
-        EXPECT_FALSE(IJitProcesses::create(directories)) << dir;
-    }
-    auto empty = e2e::dirs(root, {"empty"});
-    auto processes = IJitProcesses::create(empty);
-    ASSERT_TRUE(processes);
-    EXPECT_TRUE(processes->getProcessIds().at_end());
-}
-
 } // namespace

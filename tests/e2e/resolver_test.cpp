@@ -114,12 +114,7 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
     auto resolver = e2e::resolverOf(e2e::dirs(root, {"b", "a"}));
     auto loaderDirectories = e2e::dirs(root, {"b", "a"});
     auto loader = IJitLoader::create(loaderDirectories);
-    ASSERT_TRUE(resolver);
-    ASSERT_TRUE(loader);
-    unsigned int host = 0;
-    ASSERT_EQ(meSuccess, loader->getHostId(L"host", &host));
-    ASSERT_EQ(1u, host);
-
+    ASSERT_TRUE(resolver && loader);
     // a/host.5.jit is registered first and owns the jit rvas from 1; b/host.5.jit follows it.
     const unsigned long long olderBase = 1 + second.size();
     const struct {
@@ -132,30 +127,26 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
         {1000, L"App::Main::newer", 1 + 0x10},
     };
     for (const auto& p : points) {
-        unsigned long long jitRva = 0;
-        boost::intrusive_ptr<IModule> module;
-        ASSERT_EQ(meSuccess, loader->resolveModule(p.time, 0x1010, 5, host, &jitRva, module)) << p.time;
-        EXPECT_EQ(p.jitRva, jitRva) << p.time;
-        auto symbol = resolver->resolveSymbol(jitRva);
-        ASSERT_TRUE(symbol) << p.time;
-        EXPECT_STREQ(p.name, symbol->getName()) << p.time;
-        unsigned long long address = 0;
-        EXPECT_EQ(meSuccess, symbol->getVirtualAddress(jitRva, &address));
-        EXPECT_EQ(0x1010u, address);
+        const e2e::Answer a = e2e::answer(*loader, *resolver, p.time, 0x1010, 5);
+        EXPECT_TRUE(a.loader == meSuccess && a.jitRva == p.jitRva && a.resolved && a.name == p.name) << p.time;
     }
-    unsigned long long jitRva = 0;
-    boost::intrusive_ptr<IModule> module;
-    EXPECT_EQ(meFail, loader->resolveModule(99, 0x1010, 5, host, &jitRva, module));
+    EXPECT_EQ(meFail, e2e::answer(*loader, *resolver, 99, 0x1010, 5).loader);
 }
 
+// The three factories refuse the same directories and take an empty one.
 TEST(SymbolResolver, CreationFailuresAndEmptyInputs)
 {
     jrtest::TempDir root;
     root.write("file.txt", {1});
     root.write("bad/x.jit", {1});
     root.mkdir("empty");
-    for (const char* dir : {"file.txt", "missing", "bad"}) {
-        EXPECT_FALSE(e2e::resolverOf(e2e::dirs(root, {"empty", dir}))) << dir;
+    for (const char* dir : {"file.txt", "missing", "bad", "empty"}) {
+        const bool good = std::string(dir) == "empty";
+        EXPECT_EQ(good, !!e2e::resolverOf(e2e::dirs(root, {"empty", dir}))) << dir;
+        auto forLoader = e2e::dirs(root, {dir}), forProcesses = e2e::dirs(root, {dir});
+        EXPECT_EQ(good, !!IJitLoader::create(forLoader)) << dir;
+        auto processes = IJitProcesses::create(forProcesses);
+        EXPECT_EQ(good, processes && processes->getProcessIds().at_end()) << dir;
     }
 
     auto resolver = e2e::resolverOf(basekit2::make_path_iterator({}));
