@@ -75,11 +75,11 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
     const struct {
         const char* name;
         Record record;
-        const char* error; // null: the record is taken
+        const char* error; // null: the record is taken; "": refused without an ERROR line
         unsigned long long counter;
         std::string summary = ""; // the region, module and type, name and raw id of the method taken
         decoding_mode_t mode = decoding_mode_full;
-        bool withStore = true;
+        int store = 1; // 0: none, 2: its region has no bytes
     } cases[] = {
         {"inline", inlineRecord(), nullptr, kBase, "0:401010+8 t300 90x8" + dynamic + "App::Worker::Inner 17"},
         {"inline without bytes", inlineRecord(), nullptr, kBase, "0:401010+8 t300" + dynamic + "App::Worker::Inner 17",
@@ -93,7 +93,9 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
         {"inline: no bytes", inlineRecord([](InlineLoad& r) { r.bytes.clear(); }),
          "Invalid number of code range's bytes: 0", kBase},
         {"update, no store", updateRecord(), nullptr, kBase, "0:401010+8 t400 22x8" + dynamic + " 0",
-         decoding_mode_full, false},
+         decoding_mode_full, 0},
+        // A region read without bytes has nothing to patch.
+        {"update of a region without bytes", updateRecord(), "", kBase + 64, "", decoding_mode_full, 2},
         {"update inside the region", updateRecord(), nullptr, kBase + 64,
          "2000:401000+40 t400 ccx16 22x8 ccx40" + dynamic + " 16"},
         {"update of the whole region",
@@ -119,8 +121,11 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
         SCOPED_TRACE(c.name);
         FakeStore store;
         JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, c.mode);
-        if (c.withStore)
+        if (c.store == 2)
+            store.region.reset(new Region(7003, 1, 0x100, 0x5000, 0x401000, 64, nullptr));
+        if (c.store)
             decoder.setSearchRegionCallback(&store);
+        const std::string before = regionText(*store.region);
         boost::intrusive_ptr<JitMethod> method(new JitMethod);
         jrtest::AssertionCapture assertions; // a record without bytes ends at its byte count
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
@@ -129,9 +134,11 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
         EXPECT_EQ(taken, c.error == nullptr);
         const std::vector<std::string> errors = log.texts(log4cplus::ERROR_LOG_LEVEL);
         const std::string expected = c.error ? std::string(c.error) + jrtest::kAtFileSuffix : "";
-        EXPECT_TRUE(c.error ? errors.size() == 1 && errors[0].rfind(expected, 0) == 0 : errors.empty()) << log.dump();
+        EXPECT_TRUE(c.error && *c.error ? errors.size() == 1 && errors[0].rfind(expected, 0) == 0 : errors.empty())
+            << log.dump();
         EXPECT_EQ(decoder.allocJitRva(0), c.counter);
-        EXPECT_EQ(regionText(*store.region), "5000:401000+40 t100 ccx64"); // the store's region is never touched
+        EXPECT_EQ(regionText(*store.region), before); // the store's region is never touched
+        EXPECT_EQ(assertions.contains("m_content"), c.store == 2);
         if (!taken)
             continue;
         ASSERT_EQ(method->regionCount(), 1u);

@@ -191,15 +191,23 @@ TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
         std::uint32_t type;
         Bytes payload;
         const char* assertion; // null: the form makes none
+        std::string rows = "";  // kept of the native-to-source table
     } cases[] = {
         {9, Payload().raw(head).u64(0x401000).u32(8).u32(0xFFFFFFF0).u8(1).bytes(), "bytesRead < traceSize"},
-        {9, Payload().raw(head).raw(items).u32(0).u32(0).u32(0xFFFFFFFF).u32(1).bytes(), "bytesRead <= traceSize"},
+        {9, Payload().raw(head).raw(items).u32(0).u32(0).u32(0xFFFFFFFF).u32(1).bytes(), "bytesRead <= traceSize",
+         "1-0=0 "}, // a row cut short is kept, its missing fields read as 0
+        // A row count of 3 over one whole row keeps that row alone.
+        {9, Payload().raw(head).raw(items).u32(0).u32(0).u32(3).u32(0).u32(8).u32(10).bytes(), "bytesRead <= traceSize",
+         "0-8=10 "},
         {5, Payload().u32(1).u64(3).u16(1).raw(items).u32(0xFFFFFFFF).bytes(), nullptr},
     };
     for (const auto& c : cases) {
         jrtest::AssertionCapture assertions;
-        Decoding().run(c.type, c.payload);
+        Decoding d;
+        d.run(c.type, c.payload);
         EXPECT_TRUE(c.assertion ? assertions.contains(c.assertion) : assertions.reports().empty()) << c.type;
+        const auto& info = d.method->lineNumberInfo();
+        EXPECT_EQ(info.empty() ? "" : rowsOf(info.begin()->second.tables[ltNativeToSource]), c.rows) << c.type;
     }
 }
 
