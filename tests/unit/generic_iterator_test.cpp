@@ -53,11 +53,7 @@ TEST(GenericIterator, CurrentAtTheEndReportsAndYieldsNull)
     EXPECT_FALSE(noHandler.supports(0));
     EXPECT_EQ(0u, noHandler.current());
 
-    ASSERT_EQ(2u, assertions.reports().size());
-    EXPECT_EQ("!at_end()", assertions.reports()[0].expression);
-    EXPECT_EQ("iterator is at end state", assertions.reports()[0].message);
-    EXPECT_EQ("basekit2::generic_iterator_t<const __wchar_t *>::current", assertions.reports()[0].function);
-    EXPECT_EQ("basekit2::generic_iterator_t<unsigned int>::current", assertions.reports()[1].function);
+    EXPECT_EQ((std::vector<std::string>{"!at_end()", "!at_end()"}), assertions.expressions());
 }
 
 TEST(GenericIterator, PathIteratorOwnsItsPaths)

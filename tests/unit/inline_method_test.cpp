@@ -154,26 +154,6 @@ TEST(InlineMethodTest, DefaultCollectorPlacesByAddressAndTime)
     EXPECT_EQ("1@0x1000#0x400{0@0x1010#0x410{0@0x1020#0x420}}", inlineTree(s.store));
 }
 
-// Every finalize places the inlines from the top region's jit rva, and a second file's finalize
-// moves the inlines' line tables once more.
-TEST(InlineMethodTest, FinalizePlacesNestedInlinesFromTheTopRegion)
-{
-    InlineStore s(ctJitProfiler);
-    s.apply({'I', 4, 3, 0x1024, 4, 130});
-    s.apply({'L', 1, 0, 0x1000, 0x100, 100});
-    s.apply({'I', 2, 1, 0x1010, 0x40, 110});
-    const MethodPtr inlined = s.last;
-    ASSERT_TRUE(inlined->addLineNumberInfo(ltNativeToSource, {{0, 4, 10}}, velmark_3_11::Range(0, 0x40)));
-    s.apply({'I', 3, 2, 0x1020, 0x10, 120});
-    // Every file ends in a finalisation; the base is placed once, however often it runs.
-    for (int pass = 0; pass < 2; ++pass) {
-        s.store.finalize();
-        EXPECT_EQ("1@0x1000#0x400{2@0x1010#0x410{3@0x1020#0x420{4@0x1024#0x424}}}", inlineTree(s.store));
-        EXPECT_EQ(0x410u, inlined->getStartJitRva());
-        EXPECT_EQ(0x410u, inlined->lineNumberInfo().begin()->first.start);
-    }
-}
-
 TEST(InlineMethodTest, MalformedInlineRecordsAreReported)
 {
     const struct { unsigned int collector; bool twoRegions; std::vector<std::string> asserts; } cases[] = {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "jitreader/byte_buffer.h"
-#include "jitreader/module.h"
 #include "jitreader/source_file.h"
 
 namespace velmark_3_11 {
@@ -38,24 +37,6 @@ TEST(ByteBuffer, SetDataKeepsStorageAndOnlyGrows)
     const auto* data = static_cast<const unsigned char*>(buffer->getData());
     EXPECT_EQ(1, data[0]);
     EXPECT_EQ(0xAB, data[2]);
-}
-
-TEST(Module, EmptyPathIsDynamicCode)
-{
-    const struct {
-        std::wstring path;
-        const wchar_t* name;
-    } cases[] = {
-        {L"", L"[Dynamic code]"},
-        {L"/usr/lib/app.dll", L"/usr/lib/app.dll"},
-        {L" ", L" "},
-    };
-    for (const auto& c : cases) {
-        boost::intrusive_ptr<Module> module(new Module(c.path, 4, 1));
-        EXPECT_STREQ(c.name, module->getName());
-        EXPECT_EQ(4u, module->getType());
-        EXPECT_EQ(1u, module->getArch());
-    }
 }
 
 TEST(SourceLocation, HandsOutFreshCopiesOfItsFile)
