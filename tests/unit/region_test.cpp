@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "jitreader/byte_buffer.h"
-#include "support/assertion_capture.h"
 #include "support/log_capture.h"
 
 using namespace velmark_3_11;
@@ -92,11 +91,8 @@ TEST(Region, UpdatesByMarkupType)
 
 TEST(Region, UpdateNeverReadsOrWritesPastABuffer)
 {
+    // (A region without bytes is the decoder's case "update of a region without bytes".)
     jrtest::LogCapture log;
-    jrtest::AssertionCapture assertions;
-    EXPECT_EQ(makeRegion(0x1000, 16)->addBytesUpdate(0x1000, 4, bytesOf("XXXX"), stCode, L""), meFail);
-    EXPECT_EQ(assertions.expressions(), std::vector<std::string>{"m_content"});
-
     // The region claims 16 bytes but holds 8; the update claims 8 bytes but brings 2.
     boost::intrusive_ptr<Region> region = makeRegion(0x1000, 16, "abcdefgh");
     EXPECT_EQ(region->addBytesUpdate(0x1006, 8, bytesOf("XY"), stCode, L""), meSuccess);
