@@ -2,6 +2,7 @@
 #pragma once
 
 #include "basekit2/generic_iterator.h"
+#include "jitreader/assembly_reader.h"
 #include "jitreader/base_object.h"
 #include "jitreader/error.h"
 #include "jitreader/jit_loader.h"

@@ -1,6 +1,7 @@
 // One JIT-compiled method: the raw method of a record, or the merged method of the store.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -123,6 +124,22 @@ public:
     void compareSymbolicInfoTo(const boost::intrusive_ptr<JitMethod>& other) const;
     const LineNumberMap& lineNumberInfo() const { return m_lineNumberInfo; }
 
+    // Enrichment from the assembly
+    /// Runs `enrich` under the method's enrichment lock unless an earlier run finished; `enrich`
+    /// says whether it finished. A thread that finds a run under way waits for it and sees
+    /// its result.
+    template <class Enrich>
+    void enrichOnce(Enrich&& enrich)
+    {
+        if (m_enriched.load(std::memory_order_acquire))
+            return;
+        const std::lock_guard<std::mutex> lock(m_enrichMutex);
+        if (m_enriched.load(std::memory_order_relaxed))
+            return;
+        if (enrich())
+            m_enriched.store(true, std::memory_order_release);
+    }
+
 private:
     /// Finds the entry for `jitRva` (0: the first) and copies its tables over the first entry's.
     LineNumberInfo* selectLineNumberEntry(unsigned long long jitRva);
@@ -141,6 +158,8 @@ private:
     // A line query with a jit rva copies that range's tables over the first range's, and later
     // queries see them; concurrent queries take turns.
     mutable std::mutex m_lineQueryMutex;
+    std::mutex m_enrichMutex;
+    std::atomic<bool> m_enriched{false};
 };
 
 /// The maker of method ids that the decoder offers; it keeps no state between calls.

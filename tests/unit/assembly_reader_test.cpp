@@ -1,0 +1,174 @@
+#include "jitreader/assembly_reader_impl.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "platform/text.h"
+#include "support/dotnet_testdata.h"
+#include "support/temp_dir.h"
+
+using namespace velmark_3_11;
+
+namespace {
+
+boost::intrusive_ptr<DotNetMethod> methodOf(const std::string& assembly, unsigned int token, const wchar_t* pdb = nullptr)
+{
+    boost::intrusive_ptr<IAssemblyReader> reader;
+    EXPECT_EQ(meSuccess, IAssemblyReader::create(toWide(assembly).c_str(), pdb, reader)) << assembly;
+    return reader ? reader->getMethod(token) : nullptr;
+}
+
+std::wstring lineText(DotNetMethod& method)
+{
+    unsigned int count = 0;
+    if (method.getLineTable(nullptr, &count) != meSuccess)
+        return L"none";
+    std::vector<LineRow> rows(count);
+    std::wostringstream text;
+    if (method.getLineTable(rows.data(), &count) == meSuccess)
+        for (unsigned int i = 0; i < count; ++i)
+            text << std::hex << rows[i].startOffset << L"-" << rows[i].endOffset << L":" << std::dec << rows[i].line << L" ";
+    return text.str();
+}
+
+// foo.dll names .NET Core in its framework attribute, but its first custom attribute belongs to
+// a method. The copy moves that first attribute onto the assembly; nothing else differs.
+std::string coreCopy(const jrtest::TempDir& dir, const std::string& folder, bool withPdb)
+{
+    std::vector<unsigned char> image = jrtest::readBytes(folder + "/symbolic/foo.dll");
+    const std::size_t firstAttributeParent = 0x924; // row 1 of the custom attribute table
+    EXPECT_EQ(0x20, image.at(firstAttributeParent)); // owner: method def 1
+    image.at(firstAttributeParent) = 0x2E;              // owner: the assembly
+    if (withPdb)
+        dir.write("foo.pdb", jrtest::readBytes(folder + "/symbolic/foo.pdb"));
+    return dir.write("foo.dll", image);
+}
+
+TEST(AssemblyReader, MethodNamesClassesAndSignaturesOfRealAssemblies)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const struct {
+        const char* file;
+        unsigned int token;
+        const wchar_t* className;
+        const wchar_t* nameAndSignature;
+    } cases[] = {
+        {"cecil/PdbTarget.exe", 0x06000001, L"PdbTarget.B", L".ctor()"},
+        {"cecil/PdbTarget.exe", 0x06000005, L"PdbTarget.Program", L"Bar(int32)"},
+        {"cecil/PdbTarget.exe", 0x06000003, L"PdbTarget.Program",
+         L"Where(System.Collections.Generic.IEnumerable`1<>, System.Func`2<, bool>)"},
+        // Stored as System.Collections.Generic.IEnumerator<T>.get_Current.
+        {"cecil/PdbTarget.exe", 0x0600000F, L"<Where>d__3`1", L"get_Current()"},
+        {"symreader-converter/portable/Iterator.dll", 0x06000002, L"D`1", L"M()"},
+        {"symreader-converter/portable/Iterator.dll", 0x06000005, L"<M>d__0`1", L".ctor(int32)"},
+        {"symbolic/foo.dll", 0x06000006, L"MyInternalClass", L"GetPdbId(System.Reflection.Module)"},
+        {"symbolic/foo.dll", 0x06000008, L"<>c", L".cctor()"},
+        {"symbolic/foo.dll", 0x02000002, L"", L""}, // not a method def
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file + (" " + std::to_string(c.token)));
+        const boost::intrusive_ptr<DotNetMethod> method = methodOf(folder + "/" + c.file, c.token);
+        ASSERT_TRUE(method);
+        EXPECT_EQ(c.className, method->getClassName());
+        const std::wstring name = method->getMethodName();
+        EXPECT_EQ(c.nameAndSignature, name.empty() ? name : name + method->getSignature());
+    }
+}
+
+TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReader)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const boost::intrusive_ptr<DotNetMethod> main = methodOf(folder + "/cecil/PdbTarget.exe", 0x06000002);
+    ASSERT_TRUE(main);
+    EXPECT_EQ(1, main->getReaderKind());
+    // Hidden points at 0x06 and 0x13 are left out and end no row.
+    EXPECT_EQ(L"0-1:21 1-2:22 2-8:22 8-c:22 c-17:23 17-1d:22 1d-25:25 25-25:26 ", lineText(*main));
+    SourceFile file;
+    ASSERT_EQ(meSuccess, main->getSourceFile(file));
+    EXPECT_EQ(L"C:\\sources\\PdbTarget\\Program.cs", file.name());
+    EXPECT_EQ(3u, file.getLanguageType()); // C#
+    EXPECT_EQ(2u, file.getChecksumType()); // SHA-1
+    EXPECT_EQ(40u, std::wstring(file.getChecksum()).size());
+    // A method of two documents is told by its first.
+    const boost::intrusive_ptr<DotNetMethod> ctor = methodOf(folder + "/cecil/PdbTarget.exe", 0x06000001);
+    ASSERT_EQ(meSuccess, ctor->getSourceFile(file));
+    EXPECT_EQ(L"C:\\sources\\PdbTarget\\B.cs", file.name());
+    EXPECT_EQ(L"0-b:7 b-12:110 12-19:111 19-20:9 20-21:10 21-2c:11 2c-2c:12 ", lineText(*ctor));
+    // No sequence points: no table, no source file, no line by offset.
+    const boost::intrusive_ptr<DotNetMethod> plain = methodOf(folder + "/cecil/PdbTarget.exe", 0x06000009);
+    EXPECT_EQ(L"none", lineText(*plain));
+    EXPECT_EQ(meFail, plain->getSourceFile(file));
+    EXPECT_EQ(0u, main->getLineForOffset(0));
+}
+
+TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    jrtest::TempDir dir;
+    const std::string assembly = coreCopy(dir, folder, true);
+    EXPECT_TRUE(isDotNetCore(toWide(assembly)));
+    const boost::intrusive_ptr<DotNetMethod> throws = methodOf(assembly, 0x06000007);
+    ASSERT_TRUE(throws);
+    EXPECT_EQ(2, throws->getReaderKind());
+    EXPECT_EQ(81u, throws->getLineForOffset(0));
+    EXPECT_EQ(83u, throws->getLineForOffset(0xb));
+    EXPECT_EQ(0u, throws->getLineForOffset(0xa)); // no point at exactly this offset
+    EXPECT_EQ(37u, methodOf(assembly, 0x06000005)->getLineForOffset(6));
+    SourceFile file;
+    ASSERT_EQ(meSuccess, throws->getSourceFile(file));
+    EXPECT_EQ(L"/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs", file.name());
+    EXPECT_EQ(L"", std::wstring(file.getChecksum()));
+    EXPECT_EQ(L"none", lineText(*throws)); // the classic table needs a symbol method
+    EXPECT_EQ(L"ThrowsException()", throws->getMethodName() + throws->getSignature());
+
+    // Without its debug file the reader still opens; its methods have no reader of either kind.
+    jrtest::TempDir bare;
+    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(coreCopy(bare, folder, false), 0x06000007);
+    ASSERT_TRUE(alone);
+    EXPECT_EQ(1, alone->getReaderKind());
+    EXPECT_EQ(meFail, alone->getSourceFile(file));
+    EXPECT_EQ(L"MyInternalClass", alone->getClassName());
+}
+
+TEST(AssemblyReader, FrameworkDetectionDebugFilesAndFailures)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    // foo.dll's framework attribute names .NET Core, but its first attribute is a method's.
+    for (const char* file : {"symbolic/foo.dll", "cecil/PdbTarget.exe", "symreader-converter/portable/Documents.dll",
+                             "symbolic/foo.pdb", "missing.dll", ""})
+        EXPECT_FALSE(isDotNetCore(file[0] ? toWide(folder + "/" + file) : L"")) << file;
+    jrtest::TempDir dir;
+    dir.write("empty.pdb", {});
+    EXPECT_TRUE(isDotNetCoreValidPdb(toWide(folder + "/symbolic/foo.pdb")));
+    EXPECT_FALSE(isDotNetCoreValidPdb(toWide(folder + "/symbolic/Program.cs")));
+    EXPECT_FALSE(isDotNetCoreValidPdb(dir.wide("empty.pdb")));
+
+    boost::intrusive_ptr<IAssemblyReader> reader;
+    EXPECT_EQ(meInvalidArgument, IAssemblyReader::create(nullptr, nullptr, reader));
+    EXPECT_EQ(meFail, IAssemblyReader::create(toWide(folder + "/symbolic/Program.cs").c_str(), nullptr, reader));
+    EXPECT_EQ(meFail, IAssemblyReader::create(L"/nonexistent/app.dll", nullptr, reader));
+    EXPECT_FALSE(reader);
+
+    const std::pair<const wchar_t*, const wchar_t*> derived[] = {
+        {L"C:\\x\\app.dll", L"C:\\x\\app.pdb"}, {L"a.winmd", L"a.pdbmd"}, {L"a.x", L"a.pdb"},
+        {L"app", L"pdb"}, {L"dir.d/abcdef", L"dir.pdbbcdef"}};
+    for (const auto& d : derived)
+        EXPECT_EQ(d.second, AssemblyReader::derivePdbPath(d.first));
+}
+
+TEST(AssemblyReader, DumpAndEnumerationOfEveryMethod)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    boost::intrusive_ptr<IAssemblyReader> reader;
+    ASSERT_EQ(meSuccess, IAssemblyReader::create(toWide(folder + "/cecil/PdbTarget.exe").c_str(), nullptr, reader));
+    reader->enumerateMethods(nullptr);
+    std::wostringstream dump;
+    dump << 12 << L" " << *reader->getMethod(0x06000005) << 12;
+    EXPECT_EQ(L"12 Method (6000005)\n-------------------------------------------------------\n"
+              L"     MethodName:      Bar\n     TypeDefName:     PdbTarget.Program\n"
+              L"     MethodSignature: (int32)\n\n12",
+              dump.str());
+}
+
+} // namespace
