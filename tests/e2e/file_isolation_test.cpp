@@ -25,13 +25,7 @@ MethodLoad claiming(std::uint32_t rawId, std::uint64_t address, std::uint32_t si
 
 UpdateV2 patch(std::uint64_t address, std::uint64_t loadTime)
 {
-    UpdateV2 update;
-    update.loadTime = loadTime;
-    update.name = "patch";
-    update.codeAddr = address;
-    update.codeLen = 0x10;
-    update.bytes = e2e::code(0x10);
-    return update;
+    return UpdateV2{1, loadTime, 0, "patch", address, 0x10, e2e::code(0x10)};
 }
 
 TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeChangesNoOtherFileAndKeepsItsCode)

@@ -10,20 +10,8 @@ namespace {
 InlineLoad inlined(std::uint32_t id, std::uint32_t parent, std::uint64_t address, std::uint32_t size,
                    const std::string& name, std::uint32_t line)
 {
-    InlineLoad record;
-    record.rawMethodId = id;
-    record.parentRawMethodId = parent;
-    record.loadTime = 100;
-    record.startAddr = address;
-    record.size = size;
-    record.bytes = e2e::code(size);
-    record.moduleArch = 1;
-    record.className = "Lcom/example/Inner;";
-    record.methodName = name;
-    record.sourceFile = "Inner.java";
-    record.languageType = 5;
-    record.nativeToSource = {{0, size, line}};
-    return record;
+    return InlineLoad{id,   parent, 100, 1, address, size, e2e::code(size), "", 1, name, "Lcom/example/Inner;",
+                      "Inner.java", 5, {{0, size, line}}};
 }
 
 TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFileOfTheStore)

@@ -72,18 +72,8 @@ private:
 // Each case with the one ERROR line that only it leaves, if any.
 TEST(JitFileReader, WhereTheReadingEndsAndWhetherTheStoreIsFinalised)
 {
-    UpdateV2 update;
-    update.loadTime = 10;
-    update.codeAddr = 0x9000; // nothing lives there
-    update.codeLen = 4;
-    update.bytes = {1, 2, 3, 4};
-    InlineLoad inlined;
-    inlined.rawMethodId = 0; // refused under the JIT profiler
-    inlined.parentRawMethodId = 1;
-    inlined.loadTime = 10;
-    inlined.startAddr = 0x1000;
-    inlined.size = 4;
-    inlined.bytes = {1, 2, 3, 4};
+    const UpdateV2 update{1, 10, 0, "", 0x9000, 4, {1, 2, 3, 4}}; // nothing lives at 0x9000
+    const InlineLoad inlined{0, 1, 10, 1, 0x1000, 4, {1, 2, 3, 4}, "", 0, "", "", "", 0, {}}; // raw id 0: refused
     const MethodLoad a = load(1, 0x1000, 16, 10, "a"), b = load(2, 0x2000, 16, 10, "b");
     const struct {
         const char* what;
