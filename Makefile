@@ -45,6 +45,8 @@ demo: build
 	$(BUILD_DIR)/tools/jitreader processes $(DEMO_DIR)/alpha $(DEMO_DIR)/beta
 	@echo
 	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples
+	@echo
+	$(BUILD_DIR)/tools/jitreader report $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples --top 5
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

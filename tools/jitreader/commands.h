@@ -13,5 +13,7 @@ int runProcesses(const std::vector<std::string>& args, std::ostream& out, std::o
 int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `jitreader resolve DIR... --samples FILE`
 int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// `jitreader report DIR... --samples FILE`
+int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 } // namespace jitreader_tool

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "options.h"
 
 namespace {
 
@@ -15,8 +16,12 @@ void printUsage(std::ostream& out)
            "  processes   list the hosts and processes that have trace files\n"
            "  methods     list every method of the traces, or dump them with --dump\n"
            "  resolve     resolve sample points to methods, source lines and inline frames\n"
+           "  report      say where the sample points fall: top methods, lines, modules, processes\n"
            "\n"
-           "Run 'jitreader <command> --help' for the options of a command.\n";
+           "Run 'jitreader <command> --help' for the options of a command.\n"
+           "\n"
+           "example:\n"
+           "  jitreader report demo/alpha demo/beta --samples samples/demo.samples\n";
 }
 
 } // namespace
@@ -24,9 +29,13 @@ void printUsage(std::ostream& out)
 int main(int argc, char** argv)
 {
     std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty() || args[0] == "--help" || args[0] == "-h") {
-        printUsage(args.empty() ? std::cerr : std::cout);
-        return args.empty() ? 2 : 0;
+    if (args.empty()) {
+        std::cerr << "jitreader: no command given; 'jitreader --help' lists them\n";
+        return jitreader_tool::kUsageError;
+    }
+    if (args[0] == "--help" || args[0] == "-h") {
+        printUsage(std::cout);
+        return 0;
     }
     const std::string command = args[0];
     args.erase(args.begin());
@@ -36,7 +45,8 @@ int main(int argc, char** argv)
         return jitreader_tool::runMethods(args, std::cout, std::cerr);
     if (command == "resolve")
         return jitreader_tool::runResolve(args, std::cout, std::cerr);
-    std::cerr << "jitreader: unknown command '" << command << "'\n";
-    printUsage(std::cerr);
-    return 2;
+    if (command == "report")
+        return jitreader_tool::runReport(args, std::cout, std::cerr);
+    std::cerr << "jitreader: unknown command '" << command << "'; 'jitreader --help' lists them\n";
+    return jitreader_tool::kUsageError;
 }

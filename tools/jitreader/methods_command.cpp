@@ -18,13 +18,14 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
 {
     OptionParser options("methods", "DIR...", "Reads every trace of the result directories and lists the methods.");
     options.flag("dump", "print the full dump of each method (regions, disassembly, line tables)")
-        .option("format", "FORMAT", "table (default), csv or json")
-        .flag("strict", "exit with status 3 when a trace file could not be read completely");
+        .option("format", "FORMAT", "table (default), csv, json or jsonl (one JSON object a line)")
+        .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .example("jitreader methods demo/alpha demo/beta --format csv");
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
     if (!parseOutputFormat("methods", options.value("format", "table"), err, format))
-        return 2;
+        return kUsageError;
     const std::vector<std::string>& directories = options.positional();
     std::size_t traceFiles = 0;
     if (const int code = checkDirectoryOperands("methods", directories, err, &traceFiles))
@@ -40,6 +41,7 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     }
 
     Table table({"jit rva", "load time", "regions", "module", "method", "source"});
+    table.numeric({"load time", "regions"});
     for (auto methods = resolver->getMethods(); !methods.at_end(); methods.next()) {
         const boost::intrusive_ptr<ISymbol> symbol = methods.current();
         if (options.has("dump")) {

@@ -1,6 +1,9 @@
 #include "options.h"
 
 #include <iomanip>
+#include <limits>
+
+#include "samples.h"
 
 namespace jitreader_tool {
 
@@ -21,6 +24,12 @@ OptionParser& OptionParser::option(const std::string& name, const std::string& v
 {
     m_order.push_back(name);
     m_declarations[name] = Declaration{valueName, help};
+    return *this;
+}
+
+OptionParser& OptionParser::example(const std::string& commandLine)
+{
+    m_examples.push_back(commandLine);
     return *this;
 }
 
@@ -45,7 +54,7 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
         }
         if (arg.compare(0, 2, "--") != 0) {
             err << "jitreader " << m_command << ": unknown option " << arg << "\n";
-            m_exitCode = 2;
+            m_exitCode = kUsageError;
             return false;
         }
         std::string name = arg.substr(2);
@@ -60,7 +69,7 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
         const auto declaration = m_declarations.find(name);
         if (declaration == m_declarations.end()) {
             err << "jitreader " << m_command << ": unknown option --" << name << "\n";
-            m_exitCode = 2;
+            m_exitCode = kUsageError;
             return false;
         }
         if (name == "help") {
@@ -71,7 +80,7 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
         if (declaration->second.valueName.empty()) {
             if (hasValue) {
                 err << "jitreader " << m_command << ": --" << name << " takes no value\n";
-                m_exitCode = 2;
+                m_exitCode = kUsageError;
                 return false;
             }
             m_flags.insert(name);
@@ -80,7 +89,7 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
         if (!hasValue) {
             if (i + 1 >= args.size()) {
                 err << "jitreader " << m_command << ": --" << name << " needs a value\n";
-                m_exitCode = 2;
+                m_exitCode = kUsageError;
                 return false;
             }
             value = args[++i];
@@ -96,6 +105,22 @@ std::string OptionParser::value(const std::string& name, const std::string& fall
     return found == m_values.end() ? fallback : found->second;
 }
 
+bool OptionParser::positiveValue(const std::string& name, std::size_t fallback, std::size_t& value,
+                                 std::ostream& err) const
+{
+    value = fallback;
+    if (!has(name))
+        return true;
+    unsigned long long number = 0;
+    if (!parseNumber(this->value(name), number) || number == 0 || number > std::numeric_limits<std::size_t>::max()) {
+        err << "jitreader " << m_command << ": --" << name << " needs a number of at least 1, not '"
+            << this->value(name) << "'\n";
+        return false;
+    }
+    value = static_cast<std::size_t>(number);
+    return true;
+}
+
 void OptionParser::printHelp(std::ostream& out) const
 {
     out << "usage: jitreader " << m_command << " [options] " << m_operands << "\n\n" << m_summary << "\n\noptions:\n";
@@ -104,6 +129,10 @@ void OptionParser::printHelp(std::ostream& out) const
         std::string left = "--" + name + (declaration.valueName.empty() ? "" : " " + declaration.valueName);
         out << "  " << std::left << std::setw(22) << left << declaration.help << "\n";
     }
+    if (!m_examples.empty())
+        out << (m_examples.size() > 1 ? "\nexamples:\n" : "\nexample:\n");
+    for (const std::string& example : m_examples)
+        out << "  " << example << "\n";
 }
 
 } // namespace jitreader_tool

@@ -12,6 +12,7 @@ namespace jitreader_tool {
 int runProcesses(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
     OptionParser options("processes", "DIR...", "Lists the hosts and the processes that have trace files.");
+    options.example("jitreader processes demo/alpha demo/beta");
     if (!options.parse(args, out, err))
         return options.exitCode();
     const std::vector<std::string>& directories = options.positional();

@@ -4,6 +4,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include "options.h"
 #include "platform/text.h"
 
 namespace fs = boost::filesystem;
@@ -63,7 +64,7 @@ int checkDirectoryOperands(const std::string& command, const std::vector<std::st
 {
     if (directories.empty()) {
         err << "jitreader " << command << ": no result directory given\n";
-        return 2;
+        return kUsageError;
     }
     return checkResultDirectories(directories, err, traceFiles) ? 0 : 1;
 }

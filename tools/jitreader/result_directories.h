@@ -19,8 +19,8 @@ basekit2::generic_iterator_t<const wchar_t*> directoryIterator(const std::vector
 bool checkResultDirectories(const std::vector<std::string>& directories, std::ostream& err,
                             std::size_t* traceFiles = nullptr);
 
-/// The exit code for the directories given to `command`: 0 when they are good, 2 when none was
-/// given, 1 when one is bad; with a message on `err` in the last two cases.
+/// The exit code for the directories given to `command`: 0 when they are good, kUsageError
+/// when none was given, 1 when one is bad; with a message on `err` in the last two cases.
 int checkDirectoryOperands(const std::string& command, const std::vector<std::string>& directories,
                            std::ostream& err, std::size_t* traceFiles = nullptr);
 

@@ -69,16 +69,4 @@ std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigne
     return frames;
 }
 
-std::string describe(const Frame& frame)
-{
-    std::string text = qualifiedName(*frame.symbol);
-    if (!frame.source.empty()) {
-        text += " (" + frame.source;
-        if (frame.line != 0)
-            text += ":" + std::to_string(frame.line);
-        text += ")";
-    }
-    return text;
-}
-
 } // namespace jitreader_tool

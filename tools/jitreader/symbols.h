@@ -26,7 +26,4 @@ struct Frame {
 /// that point, outermost to innermost.
 std::vector<Frame> framesAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method, unsigned long long jitRva);
 
-/// "name (file:line)" for a frame, leaving out what is unknown.
-std::string describe(const Frame& frame);
-
 } // namespace jitreader_tool

@@ -13,6 +13,8 @@ bool parseOutputFormat(const std::string& text, OutputFormat& format)
         format = OutputFormat::csv;
     else if (text == "json")
         format = OutputFormat::json;
+    else if (text == "jsonl")
+        format = OutputFormat::jsonl;
     else
         return false;
     return true;
@@ -37,7 +39,8 @@ void Table::print(std::ostream& out, OutputFormat format) const
         printCsv(out);
         break;
     case OutputFormat::json:
-        printJson(out);
+    case OutputFormat::jsonl:
+        printJson(out, format == OutputFormat::jsonl);
         break;
     }
 }
@@ -78,16 +81,19 @@ void Table::printCsv(std::ostream& out) const
         printRow(row);
 }
 
-void Table::printJson(std::ostream& out) const
+void Table::printJson(std::ostream& out, bool lines) const
 {
-    out << "[";
+    out << (lines ? "" : "[");
     for (std::size_t r = 0; r < m_rows.size(); ++r) {
-        out << (r ? ",\n " : "\n ") << "{";
-        for (std::size_t i = 0; i < m_columns.size(); ++i)
-            out << (i ? ", " : "") << jsonString(m_columns[i]) << ": " << jsonString(m_rows[r][i]);
-        out << "}";
+        out << (lines ? "" : r ? ",\n " : "\n ") << "{";
+        for (std::size_t i = 0; i < m_columns.size(); ++i) {
+            const bool number = std::find(m_numeric.begin(), m_numeric.end(), m_columns[i]) != m_numeric.end();
+            out << (i ? ", " : "") << jsonString(m_columns[i]) << ": "
+                << (number ? m_rows[r][i] : jsonString(m_rows[r][i]));
+        }
+        out << (lines ? "}\n" : "}");
     }
-    out << "\n]\n";
+    out << (lines ? "" : "\n]\n");
 }
 
 std::string jsonString(const std::string& text)
@@ -111,6 +117,16 @@ std::string jsonString(const std::string& text)
         }
     }
     return result + "\"";
+}
+
+std::string jsonStringOrNull(const std::string& text)
+{
+    return text.empty() ? "null" : jsonString(text);
+}
+
+std::string jsonNumberOrNull(unsigned long long value)
+{
+    return value == 0 ? "null" : std::to_string(value);
 }
 
 std::string csvField(const std::string& text)
