@@ -1,0 +1,197 @@
+// .NET methods that the trace names only by token and module path, resolved to names, source
+// files and line tables read from copies of real assemblies; concurrent resolves of the same
+// methods (the Concurrency suite runs under `make check-tsan`).
+#include <atomic>
+#include <thread>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include "e2e_util.h"
+
+// The e2e tests link only the library; the real .NET files are found from this file's place.
+#define JITREADER_SOURCE_DIR boost::filesystem::path(__FILE__).parent_path().parent_path().parent_path().string()
+#include "support/dotnet_testdata.h"
+
+using namespace velmark_3_11;
+using namespace tracewriter;
+
+namespace {
+
+class File : public ISymbolFile {
+public:
+    explicit File(std::wstring path) : m_path(std::move(path)) {}
+    unsigned int getKind() const override { return 0; }
+    const wchar_t* getPath() const override { return m_path.c_str(); }
+
+private:
+    std::wstring m_path;
+};
+
+/// Finds a module's file name, and its .pdb, in one directory; counts its calls.
+class Locator : public ISymbolFileLocator {
+public:
+    explicit Locator(std::string dir) : m_dir(std::move(dir)) {}
+    velmark_error_t locate(const wchar_t* modulePath, boost::intrusive_ptr<ISymbolFile>& binary,
+                           boost::intrusive_ptr<ISymbolFile>& debugFile) override
+    {
+        ++calls;
+        const boost::filesystem::path found = m_dir / boost::filesystem::path(modulePath).filename();
+        if (boost::filesystem::exists(found))
+            binary = new File(found.wstring());
+        if (boost::filesystem::exists(boost::filesystem::path(found).replace_extension(".pdb")))
+            debugFile = new File(boost::filesystem::path(found).replace_extension(".pdb").wstring());
+        return meSuccess;
+    }
+    std::atomic<int> calls{0};
+
+private:
+    boost::filesystem::path m_dir;
+};
+
+/// Copies of the test assemblies: PdbTarget (classic runtime) and a foo.dll whose first custom
+/// attribute belongs to the assembly, so that it reads as .NET Core.
+struct Assemblies {
+    explicit Assemblies(const std::string& folder)
+    {
+        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb", "symbolic/foo.dll"})
+            dir.write(boost::filesystem::path(name).filename().string(), jrtest::readBytes(folder + "/" + name));
+        std::vector<unsigned char> foo = jrtest::readBytes(dir.file("foo.dll"));
+        foo.at(0x924) = 0x2E; // row 1 of the custom attribute table: owner the assembly
+        dir.write("foo.dll", foo);
+    }
+    jrtest::TempDir dir;
+};
+
+MethodLoad byToken(std::uint32_t rawId, std::uint64_t address, const std::string& module, std::uint32_t token,
+                   const std::string& sourceFile = "", const std::string& name = "")
+{
+    MethodLoad record;
+    record.rawMethodId = rawId;
+    record.metadataToken = token;
+    record.loadTime = 100 + rawId;
+    record.ranges.push_back({address, 0x20, e2e::code(0x20)});
+    record.modulePath = module;
+    record.moduleArch = 1;
+    record.methodName = name;
+    record.sourceFile = sourceFile;
+    record.nativeToManaged = {{0, 0x10, 0}, {0x10, 0x20, 0xb}}; // native ranges to IL offsets
+    return record;
+}
+
+/// What the analyser reads of the method at `jitRva`.
+std::wstring describe(ISymbolResolver& resolver, unsigned long long jitRva)
+{
+    const boost::intrusive_ptr<ISymbol> symbol = resolver.resolveSymbol(jitRva);
+    if (!symbol)
+        return L"none";
+    std::wstring text = symbol->getFullName() + std::wstring(L" | ") + symbol->getSourceFile()->getName() + L" |";
+    unsigned int count = 0;
+    symbol->getLineNumberInfo(1, nullptr, &count, 0);
+    std::vector<LineNumberEntry> rows(count);
+    if (count > 0 && symbol->getLineNumberInfo(1, rows.data(), &count, 0) == meSuccess)
+        for (const LineNumberEntry& row : rows)
+            text += L" " + std::to_wstring(row.start) + L":" + std::to_wstring(row.value);
+    return text;
+}
+
+struct Traces {
+    explicit Traces(const Assemblies& assemblies)
+    {
+        TraceWriter trace;
+        trace.magic()
+            .load(kFunctionLoad32_v3, byToken(1, 0x1000, assemblies.dir.file("PdbTarget.exe"), 0x06000002))
+            .load(kFunctionLoad32_v3, byToken(2, 0x2000, assemblies.dir.file("foo.dll"), 0x06000007, "Dynamic Code"))
+            .load(kFunctionLoad32_v3,
+                  byToken(3, 0x3000, assemblies.dir.file("PdbTarget.exe"), 0x06000005, "Dynamic Code", "Keep"))
+            .load(kFunctionLoad32_v3, byToken(4, 0x4000, "/elsewhere/PdbTarget.exe", 0x06000007))
+            .load(kFunctionLoad32_v3, byToken(5, 0x5000, "/nowhere/missing.dll", 0x06000001, "Trace.cs"));
+        root.write("d/host.1.jit", trace.bytes());
+    }
+    boost::intrusive_ptr<ISymbolResolver> resolver(boost::intrusive_ptr<ISymbolFileLocator> locator) const
+    {
+        auto directories = e2e::dirs(root, {"d"});
+        return ISymbolResolver::create(directories, locator);
+    }
+    std::vector<unsigned long long> jitRvas(ISymbolResolver& resolver) const
+    {
+        std::vector<unsigned long long> starts;
+        for (auto it = resolver.getMethods(); !it.at_end(); it.next())
+            starts.push_back(it.current()->getStartJitRva());
+        return starts;
+    }
+    jrtest::TempDir root;
+};
+
+TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssemblies)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const Assemblies assemblies(folder);
+    const Traces traces(assemblies);
+    const boost::intrusive_ptr<Locator> locator(new Locator(assemblies.dir.path()));
+    const auto resolver = traces.resolver(locator);
+    ASSERT_TRUE(resolver);
+    const std::vector<unsigned long long> starts = traces.jitRvas(*resolver);
+    ASSERT_EQ(5u, starts.size());
+    const std::wstring cases[] = {
+        // Classic runtime: the symbol reader's table, the source file of the first document.
+        L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0:21 1:22 2:22 8:22 12:23 "
+        L"23:22 29:25 37:26",
+        // .NET Core: a row per native range at its IL offset; "Dynamic Code" gives way.
+        L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0:81 "
+        L"11:83",
+        // A name from the trace stays, and "Dynamic Code" stays under the classic runtime.
+        L"Keep | Dynamic Code | 0:55 1:57 9:58 10:59 12:60 14:61 17:63 18:67 20:68 28:70 "
+        L"39:71 40:72 46:73 54:74 55:75 56:77 63:78",
+        // Found by the locator under another directory.
+        L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0:92 1:93 9:94 17:95 51:96 96:97 "
+        L"104:99 192:100",
+        // A missing assembly leaves the method as the trace gave it.
+        L" | Trace.cs |",
+    };
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+        EXPECT_EQ(cases[i], describe(*resolver, starts[i] + 4)) << i;
+        EXPECT_EQ(cases[i], describe(*resolver, starts[i])) << i; // the second request changes nothing
+    }
+    // The missing assembly is looked for again on every request.
+    const int calls = locator->calls;
+    describe(*resolver, starts[4]);
+    EXPECT_EQ(calls + 1, locator->calls);
+}
+
+TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const Assemblies assemblies(folder);
+    const Traces traces(assemblies);
+    const boost::intrusive_ptr<ISymbolFileLocator> locator(new Locator(assemblies.dir.path()));
+    const auto single = traces.resolver(locator);
+    ASSERT_TRUE(single);
+    std::vector<std::wstring> expected;
+    for (unsigned long long jitRva : traces.jitRvas(*single))
+        expected.push_back(describe(*single, jitRva));
+
+    for (int round = 0; round < 8; ++round) {
+        const auto shared = traces.resolver(locator);
+        const std::vector<unsigned long long> starts = traces.jitRvas(*shared);
+        constexpr std::size_t kThreads = 6;
+        std::atomic<std::size_t> ready{0};
+        std::vector<std::size_t> mismatches(kThreads, 0);
+        std::vector<std::thread> threads;
+        for (std::size_t t = 0; t < kThreads; ++t)
+            threads.emplace_back([&, t] {
+                for (++ready; ready < kThreads;)
+                    std::this_thread::yield();
+                for (std::size_t i = 0; i < starts.size() * 4; ++i) {
+                    const std::size_t k = (i + t) % starts.size();
+                    mismatches[t] += describe(*shared, starts[k]) != expected[k];
+                }
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        for (std::size_t t = 0; t < kThreads; ++t)
+            EXPECT_EQ(0u, mismatches[t]) << "round " << round << ", thread " << t;
+    }
+}
+
+} // namespace
