@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include "e2e_util.h"
-#include "support/log_capture.h"
 
 using namespace velmark_3_11;
 using namespace tracewriter;
@@ -48,22 +47,6 @@ TEST_F(LoaderFixture, ReadsAProcessOnceOnFirstDemand)
     EXPECT_EQ(meSuccess, resolve(*loader, 150, 0x1020, 7, &jitRva));
     EXPECT_EQ(0x21u, jitRva);
     EXPECT_EQ(meFail, resolve(*loader, 50, 0x1020, 7));
-}
-
-TEST_F(LoaderFixture, AFailedProcessIsReadOnceAndAnswersFromWhatItsFilesGave)
-{
-    TraceWriter torn;
-    torn.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "f"));
-    torn.frame(99, {0});
-    root.write("d/host.7.jit", torn.bytes());
-    auto loader = load();
-    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-    for (int call = 0; call < 3; ++call) {
-        unsigned long long jitRva = 0;
-        EXPECT_EQ(meSuccess, resolve(*loader, 150, 0x1010, 7, &jitRva));
-        EXPECT_EQ(0x11u, jitRva);
-    }
-    EXPECT_EQ(1u, log.count(log4cplus::ERROR_LOG_LEVEL, "Could not read jit file ")) << log.dump();
 }
 
 TEST_F(LoaderFixture, ModulesModeKeepsNoCodeBytes)
