@@ -94,7 +94,8 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
          "Invalid number of code range's bytes: 0", kBase},
         {"update, no store", updateRecord(), nullptr, kBase, "0:401010+8 t400 22x8" + dynamic + " 0",
          decoding_mode_full, 0},
-        // A region read without bytes has nothing to patch.
+        // A region read without bytes has nothing to patch: refused without an ERROR line, after
+        // the new version took its jit rvas.
         {"update of a region without bytes", updateRecord(), "", kBase + 64, "", decoding_mode_full, 2},
         {"update inside the region", updateRecord(), nullptr, kBase + 64,
          "2000:401000+40 t400 ccx16 22x8 ccx40" + dynamic + " 16"},
