@@ -41,12 +41,17 @@ check-tsan: deps
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(TSAN_DIR)/tests/e2e_tests --gtest_filter='Concurrency.*'
 
 demo: build
-	@[ -d $(DEMO_DIR) ] || $(BUILD_DIR)/tools/jitreader-sample-gen $(DEMO_DIR)
+	@[ -d $(DEMO_DIR)/dotnet ] || $(BUILD_DIR)/tools/jitreader-sample-gen $(DEMO_DIR)
 	$(BUILD_DIR)/tools/jitreader processes $(DEMO_DIR)/alpha $(DEMO_DIR)/beta
 	@echo
 	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples
 	@echo
 	$(BUILD_DIR)/tools/jitreader report $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples --top 5
+	@echo
+	@echo "A .NET process whose trace gives only tokens and module paths; names, sources and lines come from samples/dotnet/foo.dll:"
+	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet
+	@echo
+	$(BUILD_DIR)/tools/jitreader assembly samples/dotnet/foo.dll
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

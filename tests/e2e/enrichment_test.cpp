@@ -174,6 +174,7 @@ TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
     for (int round = 0; round < 8; ++round) {
         const auto shared = traces.resolver(locator);
         const std::vector<unsigned long long> starts = traces.jitRvas(*shared);
+        ASSERT_EQ(5u, starts.size());
         constexpr std::size_t kThreads = 6;
         std::atomic<std::size_t> ready{0};
         std::vector<std::size_t> mismatches(kThreads, 0);

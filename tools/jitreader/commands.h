@@ -15,5 +15,7 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
 int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `jitreader report DIR... --samples FILE`
 int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// `jitreader assembly FILE [--pdb FILE] [--token T]`
+int runAssembly(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 } // namespace jitreader_tool

@@ -7,6 +7,7 @@
 #include "platform/text.h"
 #include "read_failures.h"
 #include "result_directories.h"
+#include "symbol_directories.h"
 #include "symbols.h"
 #include "table.h"
 
@@ -20,6 +21,7 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     options.flag("dump", "print the full dump of each method (regions, disassembly, line tables)")
         .option("format", "FORMAT", "table (default), csv, json or jsonl (one JSON object a line)")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .option("symbols", "DIR", "fill in .NET methods from the assemblies and .pdb files here (repeatable)")
         .example("jitreader methods demo/alpha demo/beta --format csv");
     if (!options.parse(args, out, err))
         return options.exitCode();
@@ -33,8 +35,8 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
 
     const ReadFailures readFailures(err);
     auto iterator = directoryIterator(directories);
-    boost::intrusive_ptr<ISymbolFileLocator> noLocator;
-    const boost::intrusive_ptr<ISymbolResolver> resolver = ISymbolResolver::create(iterator, noLocator);
+    boost::intrusive_ptr<ISymbolFileLocator> locator = symbolLocator(options.values("symbols"));
+    const boost::intrusive_ptr<ISymbolResolver> resolver = ISymbolResolver::create(iterator, locator);
     if (!resolver) {
         err << "jitreader methods: the result directories could not be read\n";
         return 1;
@@ -43,7 +45,11 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     Table table({"jit rva", "load time", "regions", "module", "method", "source"});
     table.numeric({"load time", "regions"});
     for (auto methods = resolver->getMethods(); !methods.at_end(); methods.next()) {
-        const boost::intrusive_ptr<ISymbol> symbol = methods.current();
+        boost::intrusive_ptr<ISymbol> symbol = methods.current();
+        // Resolving a method fills in what its assembly knows of it.
+        if (locator && symbol->getMetadataToken() != 0)
+            if (const boost::intrusive_ptr<ISymbol> resolved = resolver->resolveSymbol(symbol->getStartJitRva()))
+                symbol = resolved;
         if (options.has("dump")) {
             // The tool is built with the library's own units, so every symbol is a JitMethod.
             std::wostringstream dump;

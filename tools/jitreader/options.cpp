@@ -95,6 +95,7 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
             value = args[++i];
         }
         m_values[name] = value;
+        m_allValues[name].push_back(value);
     }
     return true;
 }
@@ -103,6 +104,12 @@ std::string OptionParser::value(const std::string& name, const std::string& fall
 {
     const auto found = m_values.find(name);
     return found == m_values.end() ? fallback : found->second;
+}
+
+std::vector<std::string> OptionParser::values(const std::string& name) const
+{
+    const auto found = m_allValues.find(name);
+    return found == m_allValues.end() ? std::vector<std::string>() : found->second;
 }
 
 bool OptionParser::positiveValue(const std::string& name, std::size_t fallback, std::size_t& value,

@@ -31,6 +31,8 @@ public:
 
     bool has(const std::string& name) const { return m_flags.count(name) != 0 || m_values.count(name) != 0; }
     std::string value(const std::string& name, const std::string& fallback = "") const;
+    /// Every value of an option given more than once, in order.
+    std::vector<std::string> values(const std::string& name) const;
     /// The value of `name` as a number of at least 1, or `fallback` when not given; false with
     /// a message on `err` when the value is no such number.
     bool positiveValue(const std::string& name, std::size_t fallback, std::size_t& value, std::ostream& err) const;
@@ -52,6 +54,7 @@ private:
     std::map<std::string, Declaration> m_declarations;
     std::set<std::string> m_flags;
     std::map<std::string, std::string> m_values;
+    std::map<std::string, std::vector<std::string>> m_allValues;
     std::vector<std::string> m_positional;
     int m_exitCode = 0;
 };

@@ -8,6 +8,7 @@
 
 #include "platform/text.h"
 #include "result_directories.h"
+#include "symbol_directories.h"
 #include "symbols.h"
 #include "table.h"
 
@@ -69,7 +70,8 @@ std::vector<StackFrame> textFrames(const boost::intrusive_ptr<ISymbol>& symbol, 
 } // namespace
 
 int resolveSampleFile(const std::string& command, const std::vector<std::string>& directories,
-                      const std::string& samplesPath, bool lazy, Resolution& result, std::ostream& err)
+                      const std::string& samplesPath, bool lazy, Resolution& result, std::ostream& err,
+                      const std::vector<std::string>& symbolDirectories)
 {
     std::vector<SamplePoint> samples;
     if (const int code = readSampleFile(command, samplesPath, samples, err))
@@ -82,8 +84,8 @@ int resolveSampleFile(const std::string& command, const std::vector<std::string>
     boost::intrusive_ptr<ISymbolResolver> resolver;
     if (!lazy) {
         auto resolverDirectories = directoryIterator(directories);
-        boost::intrusive_ptr<ISymbolFileLocator> noLocator;
-        resolver = ISymbolResolver::create(resolverDirectories, noLocator);
+        boost::intrusive_ptr<ISymbolFileLocator> locator = symbolLocator(symbolDirectories);
+        resolver = ISymbolResolver::create(resolverDirectories, locator);
     }
     JitFilesManager registry;
     auto registryDirectories = directoryIterator(directories);

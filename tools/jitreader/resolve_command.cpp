@@ -120,6 +120,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         .flag("folded", "print each distinct inline chain as 'outer;inner;innermost COUNT' instead")
         .flag("lazy", "only read the processes that the samples name, and give jit rva and module")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .option("symbols", "DIR", "look for .NET assemblies and their .pdb files here (repeatable)")
         .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format json");
     if (!options.parse(args, out, err))
         return options.exitCode();
@@ -143,7 +144,8 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
 
     const ReadFailures readFailures(err);
     Resolution resolution;
-    if (const int code = resolveSampleFile("resolve", directories, options.value("samples"), lazy, resolution, err))
+    if (const int code = resolveSampleFile("resolve", directories, options.value("samples"), lazy, resolution, err,
+                                         options.values("symbols")))
         return code;
 
     std::size_t resolved = 0;

@@ -282,6 +282,41 @@ void writeSamples(const fs::path& path, const std::vector<Sample>& samples)
     std::fclose(file);
 }
 
+/// A .NET process on a Windows host whose agent wrote only the metadata token and module
+/// path of each method of samples/dotnet/foo.dll: names, source files and lines come from the
+/// assembly and its debug file. Each method's code has one 16-byte range per IL offset listed.
+void writeAssemblyProcess(TraceWriter& out)
+{
+    const struct {
+        std::uint32_t token;
+        std::vector<std::uint32_t> ilOffsets;
+    } methods[] = {
+        {0x06000001, {0x0, 0x6, 0x12, 0x1d}}, {0x06000002, {0x0, 0x6}},       {0x06000003, {0x0, 0x6}},
+        {0x06000004, {0x0}},                   {0x06000005, {0x0, 0x6, 0xc}}, {0x06000006, {0x0, 0x7, 0xf, 0x11}},
+        {0x06000007, {0x0, 0xb, 0xc, 0x13}},   {0x06000008, {0x0}},           {0x06000009, {0x0}},
+        {0x0600000A, {0x0}},
+    };
+    out.magic();
+    std::uint64_t address = 0x7ff8a0001000ULL;
+    std::uint64_t time = 2000000;
+    for (const auto& method : methods) {
+        MethodLoad record;
+        record.rawMethodId = method.token & 0xFFFF;
+        record.metadataToken = method.token;
+        record.loadTime = time;
+        const std::uint32_t size = static_cast<std::uint32_t>(method.ilOffsets.size() * 16);
+        Random random(method.token);
+        record.ranges.push_back(CodeRange{address, size, makeCode(random, size, true)});
+        record.modulePath = "C:\\Program Files\\foo\\foo.dll";
+        record.moduleArch = 1;
+        for (std::uint32_t i = 0; i < method.ilOffsets.size(); ++i)
+            record.nativeToManaged.push_back(LineRow{i * 16, i * 16 + 16, method.ilOffsets[i]});
+        out.load(kFunctionLoad64_v2, record);
+        address += 0x100;
+        time += 1000;
+    }
+}
+
 } // namespace
 
 void writeDemoResults(const std::string& directory, const std::string& samplesPath)
@@ -289,6 +324,10 @@ void writeDemoResults(const std::string& directory, const std::string& samplesPa
     const fs::path root(directory);
     fs::create_directories(root / "alpha");
     fs::create_directories(root / "beta");
+    fs::create_directories(root / "dotnet");
+    TraceWriter assembly;
+    writeAssemblyProcess(assembly);
+    write(assembly, root / "dotnet", "win.lab.3100.jit");
     Random random(20261122);
     std::uint32_t nextId = 1;
 
