@@ -18,35 +18,27 @@ using namespace tracewriter;
 
 namespace {
 
-class File : public ISymbolFile {
-public:
-    explicit File(std::wstring path) : m_path(std::move(path)) {}
+struct File : ISymbolFile {
+    explicit File(std::wstring path_) : path(std::move(path_)) {}
     unsigned int getKind() const override { return 0; }
-    const wchar_t* getPath() const override { return m_path.c_str(); }
-
-private:
-    std::wstring m_path;
+    const wchar_t* getPath() const override { return path.c_str(); }
+    std::wstring path;
 };
 
-/// Finds a module's file name, and its .pdb, in one directory; counts its calls.
-class Locator : public ISymbolFileLocator {
-public:
-    explicit Locator(std::string dir) : m_dir(std::move(dir)) {}
+/// Finds a module's file name in one directory (its debug file lies beside it); counts calls.
+struct Locator : ISymbolFileLocator {
+    explicit Locator(const std::string& dir_) : dir(dir_) {}
     velmark_error_t locate(const wchar_t* modulePath, boost::intrusive_ptr<ISymbolFile>& binary,
-                           boost::intrusive_ptr<ISymbolFile>& debugFile) override
+                           boost::intrusive_ptr<ISymbolFile>&) override
     {
         ++calls;
-        const boost::filesystem::path found = m_dir / boost::filesystem::path(modulePath).filename();
+        const boost::filesystem::path found = dir / boost::filesystem::path(modulePath).filename();
         if (boost::filesystem::exists(found))
             binary = new File(found.wstring());
-        if (boost::filesystem::exists(boost::filesystem::path(found).replace_extension(".pdb")))
-            debugFile = new File(boost::filesystem::path(found).replace_extension(".pdb").wstring());
         return meSuccess;
     }
+    boost::filesystem::path dir;
     std::atomic<int> calls{0};
-
-private:
-    boost::filesystem::path m_dir;
 };
 
 /// Copies of the test assemblies: PdbTarget (classic runtime) and a foo.dll whose first custom
@@ -66,15 +58,12 @@ struct Assemblies {
 MethodLoad byToken(std::uint32_t rawId, std::uint64_t address, const std::string& module, std::uint32_t token,
                    const std::string& sourceFile = "", const std::string& name = "")
 {
-    MethodLoad record;
-    record.rawMethodId = rawId;
+    MethodLoad record = e2e::method(rawId, address, 0x20, 100 + rawId, name);
     record.metadataToken = token;
-    record.loadTime = 100 + rawId;
-    record.ranges.push_back({address, 0x20, e2e::code(0x20)});
     record.modulePath = module;
-    record.moduleArch = 1;
-    record.methodName = name;
+    record.className.clear();
     record.sourceFile = sourceFile;
+    record.nativeToSource.clear();
     record.nativeToManaged = {{0, 0x10, 0}, {0x10, 0x20, 0xb}}; // native ranges to IL offsets
     return record;
 }
