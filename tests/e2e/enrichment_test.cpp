@@ -80,7 +80,8 @@ std::wstring describe(ISymbolResolver& resolver, unsigned long long jitRva)
     std::vector<LineNumberEntry> rows(count);
     if (count > 0 && symbol->getLineNumberInfo(1, rows.data(), &count, 0) == meSuccess)
         for (const LineNumberEntry& row : rows)
-            text += L" " + std::to_wstring(row.start) + L":" + std::to_wstring(row.value);
+            text += L" " + std::to_wstring(row.start) + L"-" + std::to_wstring(row.end) + L":" +
+                    std::to_wstring(row.value);
     return text;
 }
 
@@ -92,7 +93,7 @@ struct Traces {
             .load(kFunctionLoad32_v3, byToken(1, 0x1000, assemblies.dir.file("PdbTarget.exe"), 0x06000002))
             .load(kFunctionLoad32_v3, byToken(2, 0x2000, assemblies.dir.file("foo.dll"), 0x06000007, "Dynamic Code"))
             .load(kFunctionLoad32_v3,
-                  byToken(3, 0x3000, assemblies.dir.file("PdbTarget.exe"), 0x06000005, "Dynamic Code", "Keep"))
+                  byToken(3, 0x3000, assemblies.dir.file("PdbTarget.exe"), 0x06000008, "Dynamic Code", "Keep"))
             .load(kFunctionLoad32_v3, byToken(4, 0x4000, "/elsewhere/PdbTarget.exe", 0x06000007))
             .load(kFunctionLoad32_v3, byToken(5, 0x5000, "/nowhere/missing.dll", 0x06000001, "Trace.cs"));
         root.write("d/host.1.jit", trace.bytes());
@@ -123,18 +124,18 @@ TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssembli
     const std::vector<unsigned long long> starts = traces.jitRvas(*resolver);
     ASSERT_EQ(5u, starts.size());
     const std::wstring cases[] = {
-        // Classic runtime: the symbol reader's table, the source file of the first document.
-        L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0:21 1:22 2:22 8:22 12:23 "
-        L"23:22 29:25 37:26",
+        // Classic runtime: the symbol reader's table without the hidden points at 6 and 19, and
+        // the source file of the first document.
+        L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0-1:21 1-2:22 2-8:22 8-12:22 "
+        L"12-23:23 23-29:22 29-37:25 37-37:26",
         // .NET Core: a row per native range at its IL offset; "Dynamic Code" gives way.
-        L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0:81 "
-        L"11:83",
+        L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0-0:81 "
+        L"11-11:83",
         // A name from the trace stays, and "Dynamic Code" stays under the classic runtime.
-        L"Keep | Dynamic Code | 0:55 1:57 9:58 10:59 12:60 14:61 17:63 18:67 20:68 28:70 "
-        L"39:71 40:72 46:73 54:74 55:75 56:77 63:78",
+        L"Keep | Dynamic Code | 0-1:103 1-10:104 10-10:105",
         // Found by the locator under another directory.
-        L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0:92 1:93 9:94 17:95 51:96 96:97 "
-        L"104:99 192:100",
+        L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0-1:92 1-9:93 9-17:94 17-51:95 "
+        L"51-96:96 96-104:97 104-192:99 192-192:100",
         // A missing assembly leaves the method as the trace gave it.
         L" | Trace.cs |",
     };

@@ -12,24 +12,11 @@ using namespace velmark_3_11;
 
 namespace {
 
-boost::intrusive_ptr<DotNetMethod> methodOf(const std::string& assembly, unsigned int token, const wchar_t* pdb = nullptr)
+boost::intrusive_ptr<DotNetMethod> methodOf(const std::string& assembly, unsigned int token)
 {
     boost::intrusive_ptr<IAssemblyReader> reader;
-    EXPECT_EQ(meSuccess, IAssemblyReader::create(toWide(assembly).c_str(), pdb, reader)) << assembly;
+    EXPECT_EQ(meSuccess, IAssemblyReader::create(toWide(assembly).c_str(), nullptr, reader)) << assembly;
     return reader ? reader->getMethod(token) : nullptr;
-}
-
-std::wstring lineText(DotNetMethod& method)
-{
-    unsigned int count = 0;
-    if (method.getLineTable(nullptr, &count) != meSuccess)
-        return L"none";
-    std::vector<LineRow> rows(count);
-    std::wostringstream text;
-    if (method.getLineTable(rows.data(), &count) == meSuccess)
-        for (unsigned int i = 0; i < count; ++i)
-            text << std::hex << rows[i].startOffset << L"-" << rows[i].endOffset << L":" << std::dec << rows[i].line << L" ";
-    return text.str();
 }
 
 // foo.dll names .NET Core in its framework attribute, but its first custom attribute belongs to
@@ -89,12 +76,11 @@ TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReade
     const boost::intrusive_ptr<DotNetMethod> ctor = methodOf(folder + "/cecil/PdbTarget.exe", 0x06000001);
     ASSERT_EQ(meSuccess, ctor->getSourceFile(file));
     EXPECT_EQ(L"C:\\sources\\PdbTarget\\B.cs", file.name());
-    EXPECT_EQ(L"0-b:7 b-12:110 12-19:111 19-20:9 20-21:10 21-2c:11 2c-2c:12 ", lineText(*ctor));
-    // No sequence points: no table, no source file, no line by offset.
+    // No sequence points: no table, no source file.
     const boost::intrusive_ptr<DotNetMethod> plain = methodOf(folder + "/cecil/PdbTarget.exe", 0x06000009);
-    EXPECT_EQ(L"none", lineText(*plain));
+    unsigned int count = 0;
+    EXPECT_EQ(meFail, plain->getLineTable(nullptr, &count));
     EXPECT_EQ(meFail, plain->getSourceFile(file));
-    EXPECT_EQ(0u, main->getLineForOffset(0));
 }
 
 TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
@@ -113,9 +99,8 @@ TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
     SourceFile file;
     ASSERT_EQ(meSuccess, throws->getSourceFile(file));
     EXPECT_EQ(L"/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs", file.name());
-    EXPECT_EQ(L"", std::wstring(file.getChecksum()));
-    EXPECT_EQ(L"none", lineText(*throws)); // the classic table needs a symbol method
-    EXPECT_EQ(L"ThrowsException()", throws->getMethodName() + throws->getSignature());
+    unsigned int count = 0;
+    EXPECT_EQ(meFail, throws->getLineTable(nullptr, &count)); // the classic table needs a symbol method
 
     // Without its debug file the reader still opens; its methods have no reader of either kind.
     jrtest::TempDir bare;
