@@ -49,7 +49,7 @@ demo: build
 	$(BUILD_DIR)/tools/jitreader report $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples --top 5
 	@echo
 	@echo "A .NET process whose trace gives only tokens and module paths; names, sources and lines come from samples/dotnet/foo.dll:"
-	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet
+	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet --full-names
 	@echo
 	$(BUILD_DIR)/tools/jitreader assembly samples/dotnet/foo.dll
 

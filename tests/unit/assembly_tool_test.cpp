@@ -52,10 +52,11 @@ TEST(AssemblyTool, ResolveFindsTheAssembliesOfTokenOnlyMethodsInSymbolDirectorie
     const std::string symbols = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet";
     std::string out;
     ASSERT_EQ(0, run(jitreader_tool::runResolve,
-                     {dir.file("dotnet"), "--samples", samples, "--symbols", "/nowhere", "--symbols", symbols}, out));
-    EXPECT_NE(std::string::npos, out.find("MyInternalClass::ThrowsException  /Users/swatinem/Coding/sentry-dotnet/"
-                                          "samples/foo/Program.cs:88"))
-        << out;
+                     {dir.file("dotnet"), "--samples", samples, "--symbols", "/nowhere", "--symbols", symbols,
+                      "--full-names"},
+                     out));
+    EXPECT_NE(std::string::npos, out.find("MyInternalClass::GetPdbId(System::Reflection::Module)")) << out;
+    EXPECT_NE(std::string::npos, out.find("/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs:88")) << out;
     ASSERT_EQ(0, run(jitreader_tool::runMethods, {dir.file("dotnet"), "--symbols", symbols, "--format", "csv"}, out));
     EXPECT_NE(std::string::npos, out.find("StackTraceSample::Main,/Users/swatinem/")) << out;
 }

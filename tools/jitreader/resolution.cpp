@@ -59,11 +59,15 @@ int readSampleFile(const std::string& command, const std::string& path, std::vec
     return 0;
 }
 
-std::vector<StackFrame> textFrames(const boost::intrusive_ptr<ISymbol>& symbol, unsigned long long jitRva)
+std::vector<StackFrame> textFrames(const boost::intrusive_ptr<ISymbol>& symbol, unsigned long long jitRva,
+                                   bool fullNames)
 {
     std::vector<StackFrame> frames;
-    for (const Frame& frame : framesAt(symbol, jitRva))
-        frames.push_back(StackFrame{qualifiedName(*frame.symbol), moduleName(*frame.symbol), frame.source, frame.line});
+    for (const Frame& frame : framesAt(symbol, jitRva)) {
+        const std::string fullName = fullNames ? toUtf8(frame.symbol->getFullName()) : std::string();
+        frames.push_back(StackFrame{fullName.empty() ? qualifiedName(*frame.symbol) : fullName,
+                                    moduleName(*frame.symbol), frame.source, frame.line});
+    }
     return frames;
 }
 
@@ -71,7 +75,7 @@ std::vector<StackFrame> textFrames(const boost::intrusive_ptr<ISymbol>& symbol, 
 
 int resolveSampleFile(const std::string& command, const std::vector<std::string>& directories,
                       const std::string& samplesPath, bool lazy, Resolution& result, std::ostream& err,
-                      const std::vector<std::string>& symbolDirectories)
+                      const std::vector<std::string>& symbolDirectories, bool fullNames)
 {
     std::vector<SamplePoint> samples;
     if (const int code = readSampleFile(command, samplesPath, samples, err))
@@ -123,7 +127,7 @@ int resolveSampleFile(const std::string& command, const std::vector<std::string>
             } else if (const boost::intrusive_ptr<ISymbol> symbol = resolver->resolveSymbol(point.jitRva)) {
                 point.status = PointStatus::resolved;
                 point.module = moduleName(*symbol);
-                point.frames = textFrames(symbol, point.jitRva);
+                point.frames = textFrames(symbol, point.jitRva, fullNames);
             } else {
                 point.reason = "jit rva " + hex(point.jitRva) + " names no method";
             }

@@ -41,9 +41,10 @@ struct Resolution {
 
 /// Reads the sample points of `samplesPath` ('-' is standard input) and resolves them against
 /// the traces of `directories`; with `lazy`, only to jit rva and module. Returns 0, or 1 with a
-/// message naming `command` on `err`. .NET modules are looked for in `symbolDirectories`.
+/// message naming `command` on `err`. .NET modules are looked for in `symbolDirectories`;
+/// `fullNames` names methods with their parameter lists where the library has them.
 int resolveSampleFile(const std::string& command, const std::vector<std::string>& directories,
                       const std::string& samplesPath, bool lazy, Resolution& result, std::ostream& err,
-                      const std::vector<std::string>& symbolDirectories = {});
+                      const std::vector<std::string>& symbolDirectories = {}, bool fullNames = false);
 
 } // namespace jitreader_tool

@@ -121,6 +121,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         .flag("lazy", "only read the processes that the samples name, and give jit rva and module")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
         .option("symbols", "DIR", "look for .NET assemblies and their .pdb files here (repeatable)")
+        .flag("full-names", "name methods with their parameter lists where known")
         .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format json");
     if (!options.parse(args, out, err))
         return options.exitCode();
@@ -145,7 +146,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
     const ReadFailures readFailures(err);
     Resolution resolution;
     if (const int code = resolveSampleFile("resolve", directories, options.value("samples"), lazy, resolution, err,
-                                         options.values("symbols")))
+                                         options.values("symbols"), options.has("full-names")))
         return code;
 
     std::size_t resolved = 0;
