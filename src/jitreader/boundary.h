@@ -4,6 +4,7 @@
 #pragma once
 
 #include <exception>
+#include <string>
 #include <utility>
 
 #include "platform/log.h"
@@ -15,14 +16,16 @@ template <class Result, class Operation>
 Result guardBoundary(const wchar_t* name, Result failure, Operation&& operation) noexcept
 {
     constexpr auto kLogNumbers = logging::numbers_t::asIs;
-    const char* what = "unknown exception";
+    // The text is logged once the exception is gone, so it is copied here.
+    std::string what;
     try {
-        return std::forward<Operation>(operation)();
-    } catch (const std::exception& error) {
-        what = error.what() ? error.what() : what;
-    } catch (...) {
-    }
-    try {
+        try {
+            return std::forward<Operation>(operation)();
+        } catch (const std::exception& error) {
+            what = error.what() ? error.what() : "";
+        } catch (...) {
+            what = "unknown exception";
+        }
         VM_ERROR(name << L" failed: " << toWide(what));
     } catch (...) {
         // Logging failed as well; the result still tells.
