@@ -126,7 +126,7 @@ std::wstring DotNetMethod::getTokenName(unsigned int token)
         return std::wstring();
     wchar_t buffer[kNameCapacity + 1] = {};
     ULONG length = 0;
-    // Type specification tokens go to GetTypeRefProps too, which can't name them.
+    // Tokens of the TypeSpec table go to GetTypeRefProps too, which can't name them.
     const HRESULT result =
         TypeFromToken(token) == mdtTypeDef
             ? m_metadataImport->GetTypeDefProps(token, buffer, kNameCapacity, &length, nullptr, nullptr)
