@@ -114,6 +114,12 @@ Figures measure(Store& s)
 {
     Figures f{};
     double hits = 0;
+    // Lookups search flat arrays that are built once enough lookups followed the last load;
+    // the figures are those of a store in use, so the arrays are built first.
+    for (std::size_t i = 0; i <= s.store.jitRvaDomain().size() / 2 + 1; ++i) {
+        boost::intrusive_ptr<JitMethod> method;
+        s.store.resolveJitPoint(s.jitRvas[i & (s.jitRvas.size() - 1)], method);
+    }
     const auto samplePoint = [&s](std::size_t i, bool shared) {
         const Sample& sample = s.samples[i & (s.samples.size() - 1)];
         boost::intrusive_ptr<JitMethod> method;
