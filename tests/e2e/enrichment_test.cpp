@@ -46,11 +46,9 @@ struct Locator : ISymbolFileLocator {
 struct Assemblies {
     explicit Assemblies(const std::string& folder)
     {
-        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb", "symbolic/foo.dll"})
+        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb"})
             dir.write(boost::filesystem::path(name).filename().string(), jrtest::readBytes(folder + "/" + name));
-        std::vector<unsigned char> foo = jrtest::readBytes(dir.file("foo.dll"));
-        foo.at(0x924) = 0x2E; // row 1 of the custom attribute table: owner the assembly
-        dir.write("foo.dll", foo);
+        dir.write("foo.dll", jrtest::fooAsCore(folder));
     }
     jrtest::TempDir dir;
 };

@@ -3,17 +3,15 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <optional>
 
-#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "support/log_capture.h"
 #include "platform/text.h"
+#include "support/dotnet_testdata.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace velmark_3_11 {
@@ -201,14 +199,6 @@ TEST(ClrSymReader, EachFaultHasItsMessage)
     EXPECT_TRUE(log.contains(log4cplus::ERROR_LOG_LEVEL, "Failed to find PDB file %s/nonexistent/a.pdb, at file: "));
 }
 
-const std::string kTestData = JITREADER_SOURCE_DIR "/../shared/testdata/dotnet/";
-
-Bytes readAll(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 struct RealCase {
     const char* file;
     int methodRow;
@@ -219,8 +209,7 @@ struct RealCase {
 
 TEST(ClrSymReader, ReadsRealDebugFiles)
 {
-    if (!boost::filesystem::is_directory(kTestData))
-        GTEST_SKIP() << "no test data at " << kTestData;
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
     const RealCase cases[] = {
         // Main: exact offsets only, hidden points on line 0, misses between points.
         {"cecil/PdbTarget.pdb", 2, {0x00, 0x01, 0x02, 0x06, 0x0c, 0x25, 0x07, 0x26}, "21 22 22 0 23 26 - - ",
@@ -237,7 +226,7 @@ TEST(ClrSymReader, ReadsRealDebugFiles)
     };
     jrtest::LogCapture log;
     for (const RealCase& c : cases) {
-        const std::wstring path = toWide(kTestData + c.file);
+        const std::wstring path = toWide(folder + "/" + c.file);
         CoreCLRSymbolReader reader(path.c_str());
         ASSERT_EQ(meSuccess, reader.load()) << c.file;
         EXPECT_EQ(c.lines, lines(reader, c.methodRow, c.offsets)) << c.file << " row " << c.methodRow;
@@ -248,8 +237,7 @@ TEST(ClrSymReader, ReadsRealDebugFiles)
 
 TEST(ClrSymReader, EveryPrefixOfARealFileLoadsOrFailsCleanly)
 {
-    if (!boost::filesystem::is_directory(kTestData))
-        GTEST_SKIP() << "no test data at " << kTestData;
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
     jrtest::LogCapture quiet(log4cplus::OFF_LOG_LEVEL);
     // In memory: thousands of files on disk take longer than reading them.
     const int fd = memfd_create("prefix", 0);
@@ -257,7 +245,7 @@ TEST(ClrSymReader, EveryPrefixOfARealFileLoadsOrFailsCleanly)
     const std::wstring path = toWide("/proc/self/fd/" + std::to_string(fd));
     for (const char* file : {"cecil/PdbTarget.pdb", "symbolic/foo.pdb", "symreader-converter/portable/Documents.pdb",
                              "symreader-converter/portable/Iterator.pdb"}) {
-        const Bytes whole = readAll(kTestData + file);
+        const Bytes whole = jrtest::readBytes(folder + "/" + file);
         ASSERT_FALSE(whole.empty()) << file;
         std::size_t loaded = 0;
         for (std::size_t size = 0; size <= whole.size(); ++size) {

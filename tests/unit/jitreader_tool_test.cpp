@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "demo_traces.h"
 #include "samples.h"
+#include "support/dotnet_testdata.h"
 #include "support/temp_dir.h"
 #include "table.h"
 #include "tracewriter/trace_writer.h"
@@ -152,11 +153,8 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
     jrtest::TempDir root;
     jitreader_demo::writeDemoResults(root.path(), "");
     const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
-    const std::vector<std::string> dirs{root.file("alpha"), root.file("beta")};
-
-    std::vector<std::string> args = dirs;
-    args.insert(args.end(), {"--samples", samples});
-    const CommandRun table = run(runResolve, args);
+    const std::string alpha = root.file("alpha"), beta = root.file("beta");
+    const CommandRun table = run(runResolve, {alpha, beta, "--samples", samples});
     ASSERT_EQ(0, table.code) << table.err;
     EXPECT_NE(std::string::npos, table.out.find("resolved 26 / 30 samples")) << table.out;
     EXPECT_NE(std::string::npos, table.out.find("0x7f3a10000048  4242  alpha.lab  0x49     com::example::shop::Catalog::groupBy"))
@@ -165,16 +163,57 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
     EXPECT_EQ(1u, countOf(table.out, "unresolved: unknown host"));
     EXPECT_EQ(1u, countOf(table.out, "unresolved: no traces of this process"));
 
-    std::vector<std::string> lazyArgs = dirs;
-    lazyArgs.insert(lazyArgs.end(), {"--samples", samples, "--lazy"});
-    const CommandRun lazy = run(runResolve, lazyArgs);
+    const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy"});
     EXPECT_NE(std::string::npos, lazy.out.find("resolved 26 / 30 samples; read 4 of 4 processes")) << lazy.out;
 
-    std::vector<std::string> methodArgs = dirs;
-    methodArgs.insert(methodArgs.end(), {"--format", "csv"});
-    const CommandRun methods = run(runMethods, methodArgs);
+    const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv"});
     ASSERT_EQ(0, methods.code);
     EXPECT_EQ(1u + 360u, countOf(methods.out, "\n")) << methods.out.substr(0, 400);
+}
+
+TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const struct {
+        std::string file;
+        std::size_t methods;
+        std::string someRow; // token, class, name, signature, source, lines
+    } cases[] = {
+        {"cecil/PdbTarget.exe", 0x16, "0x6000002,PdbTarget.Program,Main,(string[]),C:\\sources\\PdbTarget\\Program.cs,"
+                                      "0x0:21 0x1:22 0x2:22 0x8:22 0xc:23 0x17:22 0x1d:25 0x25:26"},
+        {"symbolic/foo.dll", 10, "0x6000005,MyInternalClass,.ctor,(),/Users/swatinem/Coding/sentry-dotnet/samples/foo/"
+                                 "Program.cs,0x0:35 0x6:37 0xc:38"},
+        {"symreader-converter/portable/Iterator.dll", 0x14, "0x6000002,D`1,M,(),,"},
+        {"symreader-converter/portable/Documents.dll", 6, "0x6000006,<>c,<F>b__1_0,(int32),,"},
+    };
+    for (const auto& c : cases) {
+        const CommandRun listed = run(runAssembly, {folder + "/" + c.file, "--format", "csv"});
+        ASSERT_EQ(0, listed.code) << listed.err;
+        EXPECT_EQ(c.methods + 1, countOf(listed.out + listed.err, "\n")) << c.file;
+        EXPECT_NE(std::string::npos, listed.out.find(c.someRow + "\n")) << listed.out;
+    }
+    for (const std::vector<std::string>& bad : {std::vector<std::string>{folder + "/cecil/PdbTarget.exe", "--token", "0x06000999"},
+                                                {folder + "/cecil/PdbTarget.exe", "--token", "x"},
+                                                {folder + "/symbolic/Program.cs"}})
+        EXPECT_EQ(1, run(runAssembly, bad).code) << bad.back();
+}
+
+TEST(AssemblyTool, ResolveFindsTheAssembliesOfTokenOnlyMethodsInSymbolDirectories)
+{
+    jrtest::TempDir dir;
+    jitreader_demo::writeDemoResults(dir.path(), "");
+    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet.samples";
+    const std::string symbols = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet";
+    const CommandRun resolved = run(runResolve, {dir.file("dotnet"), "--samples", samples, "--symbols", "/nowhere",
+                                                 "--symbols", symbols, "--full-names"});
+    ASSERT_EQ(0, resolved.code) << resolved.err;
+    EXPECT_NE(std::string::npos, resolved.out.find("MyInternalClass::GetPdbId(System::Reflection::Module)"))
+        << resolved.out;
+    EXPECT_NE(std::string::npos, resolved.out.find("/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs:88"))
+        << resolved.out;
+    const CommandRun methods = run(runMethods, {dir.file("dotnet"), "--symbols", symbols, "--format", "csv"});
+    ASSERT_EQ(0, methods.code) << methods.err;
+    EXPECT_NE(std::string::npos, methods.out.find("StackTraceSample::Main,/Users/swatinem/")) << methods.out;
 }
 
 } // namespace
