@@ -18,6 +18,11 @@ inline std::string dotnetTestData()
     return boost::filesystem::is_directory(folder) ? folder : std::string();
 }
 
+/// The Portable PDB files among them.
+const char* const kDebugFiles[] = {"symbolic/foo.pdb", "cecil/PdbTarget.pdb",
+                                   "symreader-converter/portable/Documents.pdb",
+                                   "symreader-converter/portable/Iterator.pdb"};
+
 #define JR_REQUIRE_DOTNET_TESTDATA(folder)                                                          \
     const std::string folder = ::jrtest::dotnetTestData();                                          \
     if (folder.empty())                                                                             \

@@ -61,8 +61,7 @@ TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReade
     ASSERT_TRUE(main);
     EXPECT_EQ(1, main->getReaderKind());
     SourceFile file;
-    ASSERT_EQ(meSuccess, main->getSourceFile(file));
-    EXPECT_EQ(L"C:\\sources\\PdbTarget\\Program.cs", file.name());
+    ASSERT_EQ(meSuccess, main->getSourceFile(file)); // its name is the enrichment test's
     EXPECT_EQ(3u, file.getLanguageType()); // C#
     EXPECT_EQ(2u, file.getChecksumType()); // SHA-1
     // A method of two documents is told by its first.
@@ -87,8 +86,7 @@ TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
     EXPECT_EQ(2, throws->getReaderKind());
     EXPECT_EQ(37u, methodOf(assembly, 0x06000005)->getLineForOffset(6));
     SourceFile file;
-    ASSERT_EQ(meSuccess, throws->getSourceFile(file));
-    EXPECT_EQ(L"/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs", file.name());
+    EXPECT_EQ(meSuccess, throws->getSourceFile(file));
     unsigned int count = 0;
     EXPECT_EQ(meFail, throws->getLineTable(nullptr, &count)); // the classic table needs a symbol method
 

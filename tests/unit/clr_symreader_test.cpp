@@ -232,7 +232,6 @@ TEST(ClrSymReader, ReadsRealDebugFiles)
         EXPECT_EQ(c.lines, lines(reader, c.methodRow, c.offsets)) << c.file << " row " << c.methodRow;
         EXPECT_EQ(c.document, documentName(reader, c.methodRow)) << c.file << " row " << c.methodRow;
     }
-    EXPECT_TRUE(log.contains(log4cplus::ERROR_LOG_LEVEL, "Invalid documentRowID=0, at file: "));
 }
 
 TEST(ClrSymReader, EveryPrefixOfARealFileLoadsOrFailsCleanly)
@@ -243,8 +242,7 @@ TEST(ClrSymReader, EveryPrefixOfARealFileLoadsOrFailsCleanly)
     const int fd = memfd_create("prefix", 0);
     ASSERT_GE(fd, 0);
     const std::wstring path = toWide("/proc/self/fd/" + std::to_string(fd));
-    for (const char* file : {"cecil/PdbTarget.pdb", "symbolic/foo.pdb", "symreader-converter/portable/Documents.pdb",
-                             "symreader-converter/portable/Iterator.pdb"}) {
+    for (const char* file : jrtest::kDebugFiles) {
         const Bytes whole = jrtest::readBytes(folder + "/" + file);
         ASSERT_FALSE(whole.empty()) << file;
         std::size_t loaded = 0;

@@ -65,15 +65,10 @@ TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
         EXPECT_EQ(c.count, samples.size()) << c.text;
         EXPECT_EQ(c.error, error.substr(0, c.error.size())) << error;
         EXPECT_EQ(c.good, error.empty()) << error;
+        // The last point of the good text, "0x10 4096 8 other.host", field by field.
+        EXPECT_TRUE(!c.good || (samples.back().time == 16 && samples.back().address == 4096 &&
+                                samples.back().processId == 8 && samples.back().host == "other.host"));
     }
-    std::istringstream in("0x10 4096 8 other.host\n");
-    std::vector<SamplePoint> samples;
-    std::string error;
-    ASSERT_TRUE(readSamples(in, samples, error));
-    EXPECT_EQ(16u, samples[0].time);
-    EXPECT_EQ(4096u, samples[0].address);
-    EXPECT_EQ(8u, samples[0].processId);
-    EXPECT_EQ("other.host", samples[0].host);
 }
 
 TEST(JitreaderTool, MachineFormatsEscapeTheirFields)
@@ -192,10 +187,9 @@ TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
         EXPECT_EQ(c.methods + 1, countOf(listed.out + listed.err, "\n")) << c.file;
         EXPECT_NE(std::string::npos, listed.out.find(c.someRow + "\n")) << listed.out;
     }
-    for (const std::vector<std::string>& bad : {std::vector<std::string>{folder + "/cecil/PdbTarget.exe", "--token", "0x06000999"},
-                                                {folder + "/cecil/PdbTarget.exe", "--token", "x"},
-                                                {folder + "/symbolic/Program.cs"}})
-        EXPECT_EQ(1, run(runAssembly, bad).code) << bad.back();
+    for (const char* token : {"0x06000999", "x"})
+        EXPECT_EQ(1, run(runAssembly, {folder + "/cecil/PdbTarget.exe", "--token", token}).code) << token;
+    EXPECT_EQ(1, run(runAssembly, {folder + "/symbolic/Program.cs"}).code);
 }
 
 TEST(AssemblyTool, ResolveFindsTheAssembliesOfTokenOnlyMethodsInSymbolDirectories)
