@@ -7,12 +7,10 @@
 #include <string>
 #include <vector>
 
-#include <log4cplus/logger.h>
-#include <log4cplus/nullappender.h>
-
 #include "jitreader/clr_symreader.h"
 #include "jitreader/dot_net_type_resolver.h"
 #include "jitreader/signature_parser.h"
+#include "quiet_log.h"
 
 namespace jitreader_fuzz {
 namespace {
@@ -34,20 +32,6 @@ public:
         return true;
     }
 };
-
-/// Every log line is built and thrown away.
-void logEverythingQuietly()
-{
-    static const bool once = [] {
-        log4cplus::Logger logger = log4cplus::Logger::getInstance("velmark.jitreader");
-        logger.removeAllAppenders();
-        logger.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender));
-        logger.setAdditivity(false);
-        logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-        return true;
-    }();
-    (void)once;
-}
 
 } // namespace
 

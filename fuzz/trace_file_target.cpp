@@ -5,13 +5,11 @@
 
 #include <string>
 
-#include <log4cplus/logger.h>
-#include <log4cplus/nullappender.h>
-
 #include "jitreader/java_names.h"
 #include "jitreader/jit_data_manager.h"
 #include "jitreader/jit_file_decoder.h"
 #include "jitreader/jit_file_reader.h"
+#include "quiet_log.h"
 
 namespace jitreader_fuzz {
 namespace {
@@ -44,20 +42,6 @@ public:
 private:
     int m_fd;
 };
-
-/// Every log line is built, dumps and disassembly included, and thrown away.
-void logEverythingQuietly()
-{
-    static const bool once = [] {
-        log4cplus::Logger logger = log4cplus::Logger::getInstance("velmark.jitreader");
-        logger.removeAllAppenders();
-        logger.addAppender(log4cplus::SharedAppenderPtr(new log4cplus::NullAppender));
-        logger.setAdditivity(false);
-        logger.setLogLevel(log4cplus::TRACE_LOG_LEVEL);
-        return true;
-    }();
-    (void)once;
-}
 
 } // namespace
 
