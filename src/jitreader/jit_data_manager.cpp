@@ -8,7 +8,9 @@
 
 #include "basekit2/assertion.h"
 #include "jitreader/byte_buffer.h"
+#include "jitreader/lookup_index.h"
 #include "jitreader/method_dump.h"
+#include "jitreader/region_splitter.h"
 #include "platform/log.h"
 
 namespace velmark_3_11 {
@@ -22,101 +24,7 @@ constexpr unsigned long long kPreJittedLoadTime = 1;
 typedef JitDataManager::JitMethodContainer Container;
 typedef boost::shared_ptr<Container> ContainerPtr;
 
-/// The interval [a, b) as a key.
-Range piece(unsigned long long a, unsigned long long b)
-{
-    return Range(a, static_cast<unsigned int>(b - a));
-}
-
-
-/// Whether the key [start, start + size) holds `address` as a map with Range::Comparator sees
-/// it for the probe Range(address, 1).
-bool covers(unsigned long long start, unsigned int size, unsigned long long address)
-{
-    const Range::Comparator less;
-    return !less(Range(start, size), Range(address, 1)) && !less(Range(address, 1), Range(start, size));
-}
-
-/// The index of the last entry among [first, end), sorted by start, that starts at or before
-/// `address`; `end` when none does. With disjoint keys it is the only one that can hold it.
-template <class Entry, class Start>
-std::size_t lastStartingAtOrBefore(const std::vector<Entry>& entries, std::size_t first, std::size_t end,
-                                   unsigned long long address, Start start)
-{
-    const auto begin = entries.begin() + static_cast<std::ptrdiff_t>(first);
-    const auto it = std::upper_bound(begin, entries.begin() + static_cast<std::ptrdiff_t>(end), address,
-                                     [&start](unsigned long long value, const Entry& entry) {
-                                         return value < start(entry);
-                                     });
-    return it == begin ? end : static_cast<std::size_t>(it - entries.begin()) - 1;
-}
-
 } // namespace
-
-/// Sorted arrays with the content of m_jitRvaDomain and m_regionDomains, and the fields of the
-/// regions that a lookup reads. The raw pointers refer to objects that the maps keep alive, and
-/// the maps never drop anything.
-struct JitDataManager::LookupIndex {
-    /// The search key of the jit rva domain with its answer, so that the search brings the
-    /// method's address along; the size, read next to the method, lives apart.
-    struct JitEntry {
-        unsigned long long start;
-        JitMethod* method;
-    };
-    struct Key {
-        unsigned long long start;
-        unsigned int size;
-        unsigned int firstTime; ///< of its time entries; those of the next key follow
-    };
-    /// What a sample needs of one region, in one cache line.
-    struct TimeEntry {
-        unsigned long long loadTime;
-        unsigned long long unloadTime;
-        unsigned long long jitRvaOffset; ///< start jit rva minus start address, modulo 2^64
-        JitMethod* method;               ///< of the key's region id domain; null when it has none
-    };
-    struct Domain {
-        unsigned int hostId;
-        unsigned int processId;
-        std::size_t firstKey;
-        std::size_t endKey;
-    };
-
-    std::vector<JitEntry> jitEntries;
-    std::vector<unsigned int> jitSizes; ///< parallel to jitEntries
-    std::vector<Region*> jitRegions;    ///< parallel to jitEntries
-    std::vector<Domain> domains;              ///< by host id, then process id
-    std::vector<Key> keys;                    ///< domain after domain, and one more that ends the last
-    std::vector<TimeEntry> times;
-    std::vector<Region*> timeRegions; ///< parallel to times
-
-    /// The entry whose jit rva range holds `jitRva`, or the number of entries.
-    std::size_t findJitEntry(unsigned long long jitRva) const
-    {
-        const std::size_t entry = lastStartingAtOrBefore(jitEntries, 0, jitEntries.size(), jitRva,
-                                                         [](const JitEntry& e) { return e.start; });
-        if (entry != jitEntries.size() && !covers(jitEntries[entry].start, jitSizes[entry], jitRva))
-            return jitEntries.size();
-        return entry;
-    }
-
-    const Domain* findDomain(unsigned int processId, unsigned int hostId) const
-    {
-        const auto it = std::lower_bound(domains.begin(), domains.end(), std::make_pair(hostId, processId),
-                                         [](const Domain& domain, const std::pair<unsigned int, unsigned int>& id) {
-                                             return std::make_pair(domain.hostId, domain.processId) < id;
-                                         });
-        if (it == domains.end() || it->hostId != hostId || it->processId != processId)
-            return nullptr;
-        return &*it;
-    }
-};
-
-struct JitDataManager::SampleHit {
-    JitMethod* method;
-    unsigned long long jitRvaOffset; ///< start jit rva minus start address, modulo 2^64
-    Region* region;                  ///< only when asked for: reading it costs a cache miss
-};
 
 JitDataManager::JitDataManager()
     : m_collectorType(ctDefault), m_rvaTableFilled(false), m_lookupIndex(nullptr), m_lookupsSinceChange(0)
@@ -124,7 +32,7 @@ JitDataManager::JitDataManager()
 }
 JitDataManager::~JitDataManager() = default;
 
-const JitDataManager::LookupIndex& JitDataManager::lookupIndex() const
+const LookupIndex& JitDataManager::lookupIndex() const
 {
     const LookupIndex* index = m_lookupIndex.load(std::memory_order_acquire);
     if (index != nullptr)
@@ -134,42 +42,12 @@ const JitDataManager::LookupIndex& JitDataManager::lookupIndex() const
     if (index != nullptr)
         return *index;
 
-    std::unique_ptr<LookupIndex> built(new LookupIndex);
-    built->jitEntries.reserve(m_jitRvaDomain.size());
-    built->jitSizes.reserve(m_jitRvaDomain.size());
-    built->jitRegions.reserve(m_jitRvaDomain.size());
-    for (const auto& entry : m_jitRvaDomain) {
-        built->jitEntries.push_back({entry.first.start, entry.second.second.get()});
-        built->jitSizes.push_back(entry.first.size);
-        built->jitRegions.push_back(entry.second.first.get());
-    }
-    for (const auto& host : m_regionDomains) {
-        for (const auto& process : host.second) {
-            LookupIndex::Domain domain = {host.first, process.first, built->keys.size(), 0};
-            for (const auto& key : process.second) {
-                const JitMethodContainer& container = *key.second;
-                built->keys.push_back(
-                    {key.first.start, key.first.size, static_cast<unsigned int>(built->times.size())});
-                for (const auto& time : container.timeDomain) {
-                    const Region& region = *time.second;
-                    const auto owner = container.regionIdDomain.find(region.startJitRva());
-                    built->times.push_back({time.first, region.unloadTime(),
-                                            region.startJitRva() - region.startAddress(),
-                                            owner == container.regionIdDomain.end() ? nullptr : owner->second.get()});
-                    built->timeRegions.push_back(time.second.get());
-                }
-            }
-            domain.endKey = built->keys.size();
-            built->domains.push_back(domain);
-        }
-    }
-    built->keys.push_back({0, 0, static_cast<unsigned int>(built->times.size())});
-    m_lookupIndexStorage = std::move(built);
+    m_lookupIndexStorage.reset(new LookupIndex(m_jitRvaDomain, m_regionDomains));
     m_lookupIndex.store(m_lookupIndexStorage.get(), std::memory_order_release);
     return *m_lookupIndexStorage;
 }
 
-const JitDataManager::LookupIndex* JitDataManager::usableLookupIndex() const
+const LookupIndex* JitDataManager::usableLookupIndex() const
 {
     const LookupIndex* index = m_lookupIndex.load(std::memory_order_acquire);
     if (index != nullptr)
@@ -184,15 +62,8 @@ const JitDataManager::LookupIndex* JitDataManager::usableLookupIndex() const
 bool JitDataManager::findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const
 {
     const LookupIndex* index = usableLookupIndex();
-    if (index != nullptr) {
-        const std::size_t entry = index->findJitEntry(jitRva);
-        if (entry == index->jitEntries.size())
-            return false;
-        method = index->jitEntries[entry].method;
-        if (region != nullptr)
-            *region = index->jitRegions[entry];
-        return true;
-    }
+    if (index != nullptr)
+        return index->findJitRange(jitRva, region, method);
     const auto entry = m_jitRvaDomain.find(Range(jitRva, 1));
     if (entry == m_jitRvaDomain.end())
         return false;
@@ -294,7 +165,7 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         // The new code lands on addresses that older code holds: cut the old keys.
         const auto bounds = domain.equal_range(ipRange);
         RegionDomain splittedRegions;
-        if (splitRegions(region, method, bounds.first, bounds.second, splittedRegions) != meSuccess)
+        if (RegionSplitter::splitRegions(region, method, bounds.first, bounds.second, splittedRegions) != meSuccess)
             return meBadTrace;
         BASEKIT2_ASSERT_TEXT(!splittedRegions.empty(), "!splittedRegions.empty()");
 
@@ -323,145 +194,6 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         if (!alreadyCached)
             cacheParentMethod(method);
     }
-    return meSuccess;
-}
-
-velmark_error_t JitDataManager::splitRegions(const boost::intrusive_ptr<Region>& region,
-                                             const boost::intrusive_ptr<JitMethod>& method,
-                                             const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
-                                             RegionDomain& splittedRegions) const
-{
-    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::splitRegions(const "
-                   "boost::intrusive_ptr<velmark_3_11::Region> &, const boost::intrusive_ptr<velmark_3_11::JitMethod> "
-                   "&, const std::map<velmark_3_11::Range, "
-                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
-                   "velmark_3_11::Range::Comparator>::iterator &, const std::map<velmark_3_11::Range, "
-                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
-                   "velmark_3_11::Range::Comparator>::iterator &, std::map<velmark_3_11::Range, "
-                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
-                   "velmark_3_11::Range::Comparator> &) const");
-    BASEKIT2_ASSERT_TEXT(splittedRegions.empty(), "splittedRegions.empty()");
-
-    unsigned long long ns = region->startAddress();
-    const unsigned long long ne = ns + region->length();
-    VM_INFO(L"Code region (ip range = " << ns << L"-" << ne << L")");
-
-    enum class kind_t { copy, fresh, old };
-    struct action_t {
-        unsigned long long start;
-        unsigned long long end;
-        kind_t kind;
-    };
-
-    for (auto it = lower; it != upper; ++it) {
-        const unsigned long long os = it->first.start;
-        const unsigned long long oe = it->first.end();
-        VM_INFO(L"Overlapped code region (ip range = " << os << L"-" << oe << L")");
-
-        // The pieces of this key, in the order in which they are made. The old container always
-        // comes last, so that copies are taken before the new region enters it; fresh and old
-        // pieces take the new region.
-        action_t actions[3];
-        std::size_t count = 0;
-        if (ns == os) {
-            if (ne < oe)
-                actions[count++] = {ne, oe, kind_t::copy};
-            else if (ne > oe)
-                actions[count++] = {oe, ne, kind_t::fresh};
-            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
-        } else if (ns > os) {
-            actions[count++] = {os, ns, kind_t::copy};
-            if (ne < oe)
-                actions[count++] = {ne, oe, kind_t::copy};
-            else if (ne > oe)
-                actions[count++] = {oe, ne, kind_t::fresh};
-            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
-        } else {
-            actions[count++] = {ns, os, kind_t::fresh};
-            if (ne < oe)
-                actions[count++] = {ne, oe, kind_t::copy};
-            else if (ne > oe)
-                actions[count++] = {oe, ne, kind_t::fresh};
-            actions[count++] = {os, std::min(ne, oe), kind_t::old};
-        }
-
-        for (std::size_t i = 0; i < count; ++i) {
-            const action_t& action = actions[i];
-            ContainerPtr container;
-            switch (action.kind) {
-            case kind_t::copy: container = boost::make_shared<Container>(*it->second); break;
-            case kind_t::fresh: container = boost::make_shared<Container>(); break;
-            case kind_t::old: container = it->second; break;
-            }
-            if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, container) != meSuccess)
-                return meFail;
-            if (addSplittedRegion(piece(action.start, action.end), container, splittedRegions) != meSuccess)
-                return meFail;
-        }
-
-        if (std::next(it) != upper) {
-            // The tail past this key is cut again by the next key.
-            ns = oe;
-            if (splittedRegions.empty())
-                return meFail;
-            splittedRegions.erase(std::prev(splittedRegions.end()));
-        }
-    }
-    return meSuccess;
-}
-
-velmark_error_t JitDataManager::modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
-                                                           const boost::intrusive_ptr<Region>& region,
-                                                           boost::shared_ptr<JitMethodContainer>& container) const
-{
-    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::modifyRegionAssosiatedData(const "
-                   "boost::intrusive_ptr<velmark_3_11::JitMethod> &, const boost::intrusive_ptr<velmark_3_11::Region> "
-                   "&, boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer> &) const");
-    const unsigned long long loadTime = region->loadTime();
-
-    const auto inserted = container->timeDomain.insert(std::make_pair(loadTime, region));
-    if (!inserted.second) {
-        VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
-                                                                << region->endAddress() << L", loadTime=" << loadTime
-                                                                << L") in the single time domain");
-        return meFail;
-    }
-    VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
-                                                    << L", loadTime=" << loadTime << L") in the single time domain");
-
-    // The predecessor's life ends with the newcomer's load. A load older than everything there
-    // closes nothing, and an unload time once set stays.
-    if (inserted.first != container->timeDomain.begin()) {
-        Region& previous = *std::prev(inserted.first)->second;
-        if (previous.unloadTime() == 0) {
-            VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << previous.startAddress() << L"-"
-                                           << previous.endAddress() << L")");
-            previous.setUnloadTime(loadTime);
-        }
-    }
-
-    if (!container->regionIdDomain.insert(std::make_pair(region->startJitRva(), method)).second) {
-        VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
-                                                                << region->endAddress() << L", jitRva="
-                                                                << region->startJitRva()
-                                                                << L") in the single region id domain");
-        return meFail;
-    }
-    VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
-                                                    << L", jitRva=" << region->startJitRva()
-                                                    << L") in the single region id domain");
-    return meSuccess;
-}
-
-velmark_error_t JitDataManager::addSplittedRegion(const Range& range,
-                                                  const boost::shared_ptr<JitMethodContainer>& container,
-                                                  RegionDomain& splittedRegions) const
-{
-    if (!splittedRegions.insert(std::make_pair(range, container)).second) {
-        VM_ERROR(L"Couldn't add a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
-        return meFail;
-    }
-    VM_INFO(L"Added a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
     return meSuccess;
 }
 
@@ -742,18 +474,11 @@ velmark_error_t JitDataManager::addCachedInlineMethods(const boost::intrusive_pt
     if (!parentMethod)
         return meSuccess;
 
-    const auto waiting = m_cachedParents.find(parentMethod->getMethodId());
-    if (waiting == m_cachedParents.end()) {
+    std::vector<boost::intrusive_ptr<JitMethod>> pending;
+    if (!m_inlineCache.pendingInlines(parentMethod->getMethodId(), pending)) {
         VM_TRACE(L"Couldn't find any cached inline method for parent id = " << parentMethod->getRawMethodId());
         return meSuccess;
     }
-    // Under a parent's id stand the parent itself and the inlines that name it; only the
-    // inlines not yet attached are taken.
-    std::vector<boost::intrusive_ptr<JitMethod>> pending;
-    for (const auto& cached : waiting->second)
-        if (cached->getRawParentId() != 0 && !cached->isInlined())
-            pending.push_back(cached);
-
     for (const auto& inlineMethod : pending) {
         VM_INFO(L"Found cached inline method " << MethodTag(*inlineMethod) << L" for parent id = "
                                                << parentMethod->getRawMethodId());
@@ -768,18 +493,8 @@ velmark_error_t JitDataManager::cacheParentMethod(const boost::intrusive_ptr<Jit
 {
     BASEKIT2_ASSERT_TEXT(jitMethod, "jitMethod");
     BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
-    if (!jitMethod)
-        return meSuccess;
-    BASEKIT2_ASSERT_TEXT(jitMethod->getRawMethodId(), "jitMethod->getRawMethodId()");
-
-    if (jitMethod->getRawParentId() != 0) {
-        // An inline may itself be a parent: it waits under the id of its own parent.
-        m_cachedParents[jitMethod->getParentId()].push_back(jitMethod);
-        VM_TRACE(L"Cached 'inline as a parent' method (method id = " << jitMethod->getRawMethodId() << L")");
-    } else {
-        m_cachedParents[jitMethod->getMethodId()].push_back(jitMethod);
-        VM_TRACE(L"Cached parent method (method id = " << jitMethod->getRawMethodId() << L")");
-    }
+    if (jitMethod)
+        m_inlineCache.cacheParentMethod(jitMethod);
     return meSuccess;
 }
 
@@ -787,13 +502,8 @@ velmark_error_t JitDataManager::cacheInlineMethod(const boost::intrusive_ptr<Jit
 {
     BASEKIT2_ASSERT_TEXT(inlineMethod, "inlineMethod");
     BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
-    if (!inlineMethod)
-        return meSuccess;
-
-    if (!m_cachedInlines.insert(std::make_pair(inlineMethod->getMethodId(), inlineMethod)).second)
-        VM_TRACE(L"Already cached inline method (method id = " << inlineMethod->getRawMethodId() << L")");
     // Inlines of this inline may have come first.
-    if (m_cachedParents.count(inlineMethod->getMethodId()) != 0)
+    if (inlineMethod && m_inlineCache.cacheInlineMethod(inlineMethod))
         addCachedInlineMethods(inlineMethod);
     return meSuccess;
 }
@@ -813,11 +523,7 @@ velmark_error_t JitDataManager::findParentMethod(const MethodId& parentId, boost
 velmark_error_t JitDataManager::findInlineMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const
 {
     BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
-    const auto it = m_cachedInlines.find(parentId);
-    if (it == m_cachedInlines.end())
-        return meFail;
-    out = it->second;
-    return meSuccess;
+    return m_inlineCache.findInlineMethod(parentId, out);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -884,54 +590,8 @@ velmark_error_t JitDataManager::findSample(unsigned long long address, unsigned 
     // The index answers when it is there; during a load, the maps do. Both give the same
     // answers and messages.
     const LookupIndex* index = m_lookupIndex.load(std::memory_order_acquire);
-    if (index != nullptr) {
-        const LookupIndex::Domain* domain = index->findDomain(processId, hostId);
-        if (domain == nullptr) {
-            VM_TRACE(L"Couldn't find a region domain for pid = " << processId);
-            return meFail;
-        }
-        std::size_t key = lastStartingAtOrBefore(index->keys, domain->firstKey, domain->endKey, address,
-                                                 [](const LookupIndex::Key& k) { return k.start; });
-        if (key != domain->endKey && !covers(index->keys[key].start, index->keys[key].size, address))
-            key = domain->endKey;
-        if (key == domain->endKey) {
-            VM_TRACE(L"Couldn't find a region for addr = " << address);
-            return meFail;
-        }
-        const auto first = index->times.begin() + index->keys[key].firstTime;
-        const auto last = index->times.begin() + index->keys[key + 1].firstTime;
-        // A key holds a few versions of code: a forward scan lets the processor fetch all of
-        // them at once, where a binary search would wait for each probe.
-        auto entry = first;
-        if (last - first <= 16) {
-            while (entry != last && entry->loadTime <= timestamp)
-                ++entry;
-        } else {
-            entry = std::upper_bound(first, last, timestamp,
-                                     [](unsigned long long time, const LookupIndex::TimeEntry& candidate) {
-                                         return time < candidate.loadTime;
-                                     });
-        }
-        if (entry == first) {
-            VM_TRACE(L"Couldn't find a region domain by tsc = " << timestamp);
-            return meFail;
-        }
-        --entry;
-        Region* const* region = &index->timeRegions[static_cast<std::size_t>(entry - index->times.begin())];
-        if (entry->unloadTime > entry->loadTime && entry->unloadTime <= timestamp) {
-            VM_TRACE(L"The found range (" << (*region)->startAddress() << L"-" << (*region)->endAddress()
-                                          << L") with life time (" << entry->loadTime << L"-" << entry->unloadTime
-                                          << L") was out of memory when a sample with tsc = " << timestamp
-                                          << L" occurred");
-            return meFail;
-        }
-        if (entry->method == nullptr) {
-            VM_TRACE(L"Couldn't find a method by code's jitrva = " << (*region)->startJitRva());
-            return meFail;
-        }
-        hit = {entry->method, entry->jitRvaOffset, wantRegion ? *region : nullptr};
-        return meSuccess;
-    }
+    if (index != nullptr)
+        return index->findSample(address, timestamp, processId, hostId, wantRegion, hit);
 
     const RegionDomain* domain = getRegionDomain(processId, hostId);
     if (domain == nullptr) {

@@ -6,17 +6,16 @@
 #include <map>
 #include <memory>
 #include <shared_mutex>
-#include <unordered_map>
 #include <vector>
 
 #include <boost/container/flat_map.hpp>
-#include <boost/container/small_vector.hpp>
 #include <boost/intrusive_ptr.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 
 #include "basekit2/generic_iterator.h"
 #include "jitreader/error.h"
+#include "jitreader/inline_cache.h"
 #include "jitreader/jit_file_decoder.h"
 #include "jitreader/jit_method.h"
 #include "jitreader/method_id.h"
@@ -24,6 +23,9 @@
 #include "jitreader/region.h"
 
 namespace velmark_3_11 {
+
+class LookupIndex;
+struct SampleHit;
 
 class JitDataManager : public JitFileDecoder::SearchRegionCallback {
 public:
@@ -42,11 +44,7 @@ public:
     typedef std::map<Range, std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>>,
                      Range::Comparator>
         JitRvaDomain;
-    typedef std::unordered_map<MethodId, boost::intrusive_ptr<JitMethod>, MethodId::Hash> MethodMap;
-    /// Equal keys keep their order of arrival; most keys have one method.
-    typedef std::unordered_map<MethodId, boost::container::small_vector<boost::intrusive_ptr<JitMethod>, 1>,
-                               MethodId::Hash>
-        MethodMultiMap;
+    typedef InlineCache::MethodMap MethodMap;
     typedef std::map<unsigned int, std::map<unsigned int, RegionDomain>> RegionDomainMap;
 
     /// Flat copy of the jit rva domain, sorted by jit rva.
@@ -122,15 +120,6 @@ public:
     const RegionDomainMap& regionDomains() const { return m_regionDomains; }
 
 private:
-    velmark_error_t splitRegions(const boost::intrusive_ptr<Region>& region,
-                                 const boost::intrusive_ptr<JitMethod>& method, const RegionDomain::iterator& lower,
-                                 const RegionDomain::iterator& upper, RegionDomain& splittedRegions) const;
-    velmark_error_t modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
-                                               const boost::intrusive_ptr<Region>& region,
-                                               boost::shared_ptr<JitMethodContainer>& container) const;
-    velmark_error_t addSplittedRegion(const Range& range, const boost::shared_ptr<JitMethodContainer>& container,
-                                      RegionDomain& splittedRegions) const;
-
     velmark_error_t addInlineMethod(const boost::intrusive_ptr<JitMethod>& parentMethod,
                                     boost::intrusive_ptr<Region>& parentRegion,
                                     const boost::intrusive_ptr<JitMethod>& inlineMethod);
@@ -140,8 +129,6 @@ private:
     velmark_error_t findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
     velmark_error_t findInlineMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
 
-    struct LookupIndex;
-    struct SampleHit;
     /// The search of searchRegion, with its messages; the hit's pointers are owned by the maps.
     velmark_error_t findSample(unsigned long long address, unsigned long long timestamp, unsigned int processId,
                                unsigned int hostId, bool wantRegion, SampleHit& hit) const;
@@ -156,8 +143,7 @@ private:
 
     JitRvaDomain m_jitRvaDomain;
     MethodMap m_methods;
-    MethodMap m_cachedInlines;
-    MethodMultiMap m_cachedParents;
+    InlineCache m_inlineCache;
     RegionDomainMap m_regionDomains;
     std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
     // The methods of m_methods whose regions hold inlines: all that finalize has to place.
@@ -168,13 +154,13 @@ private:
     // Set, with release order, once m_rvaTable holds entries, so that the check before the
     // lock doesn't race with the build.
     mutable std::atomic<bool> m_rvaTableFilled;
+    CodeArena m_codeArena;
+    mutable std::shared_mutex m_accessMutex;
     // The tree maps scatter their nodes over the heap; on a large store their cache misses cost
     // more than everything else of a lookup. Lookups therefore search sorted arrays, built once
     // enough lookups followed the last change, and published through the atomic pointer. Loads
     // run alone, so they may drop the arrays without a lock; until the arrays are there again,
     // searches use the maps.
-    CodeArena m_codeArena;
-    mutable std::shared_mutex m_accessMutex;
     mutable boost::mutex m_lookupIndexMutex;
     mutable std::unique_ptr<LookupIndex> m_lookupIndexStorage;
     mutable std::atomic<const LookupIndex*> m_lookupIndex;

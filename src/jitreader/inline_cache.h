@@ -1,0 +1,41 @@
+// The methods of a profiler's trace that wait for each other: inlines whose parents have not
+// arrived yet, and every method that inlines may name as their parent.
+#pragma once
+
+#include <unordered_map>
+#include <vector>
+
+#include <boost/container/small_vector.hpp>
+#include <boost/intrusive_ptr.hpp>
+
+#include "jitreader/jit_method.h"
+#include "jitreader/method_id.h"
+
+namespace velmark_3_11 {
+
+class InlineCache {
+public:
+    typedef std::unordered_map<MethodId, boost::intrusive_ptr<JitMethod>, MethodId::Hash> MethodMap;
+    /// Equal keys keep their order of arrival; most keys have one method.
+    typedef std::unordered_map<MethodId, boost::container::small_vector<boost::intrusive_ptr<JitMethod>, 1>,
+                               MethodId::Hash>
+        MethodMultiMap;
+
+    /// Files the method under its own id, or an inline under its parent's id: an inline may
+    /// itself be a parent.
+    void cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMethod);
+    /// Keeps an inline so that deeper inlines can find it as their parent; true when some of
+    /// those came first and wait under its id.
+    bool cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod);
+    /// The cached inline with this id: meSuccess or meFail.
+    velmark_error_t findInlineMethod(const MethodId& id, boost::intrusive_ptr<JitMethod>& out) const;
+    /// The inlines not yet attached that name `parentId`, in order of arrival; false when nothing
+    /// at all waits under that id.
+    bool pendingInlines(const MethodId& parentId, std::vector<boost::intrusive_ptr<JitMethod>>& out) const;
+
+private:
+    MethodMap m_cachedInlines;
+    MethodMultiMap m_cachedParents;
+};
+
+} // namespace velmark_3_11

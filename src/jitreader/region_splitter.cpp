@@ -1,0 +1,165 @@
+#include "jitreader/region_splitter.h"
+
+#include <iterator>
+
+#include <boost/make_shared.hpp>
+
+#include "platform/log.h"
+
+namespace velmark_3_11 {
+
+namespace {
+
+constexpr auto kLogNumbers = logging::numbers_t::hex;
+
+typedef JitDataManager::JitMethodContainer Container;
+typedef boost::shared_ptr<Container> ContainerPtr;
+
+/// The interval [a, b) as a key.
+Range piece(unsigned long long a, unsigned long long b)
+{
+    return Range(a, static_cast<unsigned int>(b - a));
+}
+
+} // namespace
+
+velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>& region,
+                                             const boost::intrusive_ptr<JitMethod>& method,
+                                             const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
+                                             RegionDomain& splittedRegions)
+{
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::splitRegions(const "
+                   "boost::intrusive_ptr<velmark_3_11::Region> &, const boost::intrusive_ptr<velmark_3_11::JitMethod> "
+                   "&, const std::map<velmark_3_11::Range, "
+                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
+                   "velmark_3_11::Range::Comparator>::iterator &, const std::map<velmark_3_11::Range, "
+                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
+                   "velmark_3_11::Range::Comparator>::iterator &, std::map<velmark_3_11::Range, "
+                   "boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer>, "
+                   "velmark_3_11::Range::Comparator> &) const");
+    BASEKIT2_ASSERT_TEXT(splittedRegions.empty(), "splittedRegions.empty()");
+
+    unsigned long long ns = region->startAddress();
+    const unsigned long long ne = ns + region->length();
+    VM_INFO(L"Code region (ip range = " << ns << L"-" << ne << L")");
+
+    enum class kind_t { copy, fresh, old };
+    struct action_t {
+        unsigned long long start;
+        unsigned long long end;
+        kind_t kind;
+    };
+
+    for (auto it = lower; it != upper; ++it) {
+        const unsigned long long os = it->first.start;
+        const unsigned long long oe = it->first.end();
+        VM_INFO(L"Overlapped code region (ip range = " << os << L"-" << oe << L")");
+
+        // The pieces of this key, in the order in which they are made. The old container always
+        // comes last, so that copies are taken before the new region enters it; fresh and old
+        // pieces take the new region.
+        action_t actions[3];
+        std::size_t count = 0;
+        if (ns == os) {
+            if (ne < oe)
+                actions[count++] = {ne, oe, kind_t::copy};
+            else if (ne > oe)
+                actions[count++] = {oe, ne, kind_t::fresh};
+            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
+        } else if (ns > os) {
+            actions[count++] = {os, ns, kind_t::copy};
+            if (ne < oe)
+                actions[count++] = {ne, oe, kind_t::copy};
+            else if (ne > oe)
+                actions[count++] = {oe, ne, kind_t::fresh};
+            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
+        } else {
+            actions[count++] = {ns, os, kind_t::fresh};
+            if (ne < oe)
+                actions[count++] = {ne, oe, kind_t::copy};
+            else if (ne > oe)
+                actions[count++] = {oe, ne, kind_t::fresh};
+            actions[count++] = {os, std::min(ne, oe), kind_t::old};
+        }
+
+        for (std::size_t i = 0; i < count; ++i) {
+            const action_t& action = actions[i];
+            ContainerPtr container;
+            switch (action.kind) {
+            case kind_t::copy: container = boost::make_shared<Container>(*it->second); break;
+            case kind_t::fresh: container = boost::make_shared<Container>(); break;
+            case kind_t::old: container = it->second; break;
+            }
+            if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, container) != meSuccess)
+                return meFail;
+            if (addSplittedRegion(piece(action.start, action.end), container, splittedRegions) != meSuccess)
+                return meFail;
+        }
+
+        if (std::next(it) != upper) {
+            // The tail past this key is cut again by the next key.
+            ns = oe;
+            if (splittedRegions.empty())
+                return meFail;
+            splittedRegions.erase(std::prev(splittedRegions.end()));
+        }
+    }
+    return meSuccess;
+}
+
+velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
+                                                           const boost::intrusive_ptr<Region>& region,
+                                                           boost::shared_ptr<JitMethodContainer>& container)
+{
+    VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::modifyRegionAssosiatedData(const "
+                   "boost::intrusive_ptr<velmark_3_11::JitMethod> &, const boost::intrusive_ptr<velmark_3_11::Region> "
+                   "&, boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer> &) const");
+    const unsigned long long loadTime = region->loadTime();
+
+    const auto inserted = container->timeDomain.insert(std::make_pair(loadTime, region));
+    if (!inserted.second) {
+        VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
+                                                                << region->endAddress() << L", loadTime=" << loadTime
+                                                                << L") in the single time domain");
+        return meFail;
+    }
+    VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
+                                                    << L", loadTime=" << loadTime << L") in the single time domain");
+
+    // The predecessor's life ends with the newcomer's load. A load older than everything there
+    // closes nothing, and an unload time once set stays.
+    if (inserted.first != container->timeDomain.begin()) {
+        Region& previous = *std::prev(inserted.first)->second;
+        if (previous.unloadTime() == 0) {
+            VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << previous.startAddress() << L"-"
+                                           << previous.endAddress() << L")");
+            previous.setUnloadTime(loadTime);
+        }
+    }
+
+    if (!container->regionIdDomain.insert(std::make_pair(region->startJitRva(), method)).second) {
+        VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
+                                                                << region->endAddress() << L", jitRva="
+                                                                << region->startJitRva()
+                                                                << L") in the single region id domain");
+        return meFail;
+    }
+    VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
+                                                    << L", jitRva=" << region->startJitRva()
+                                                    << L") in the single region id domain");
+    return meSuccess;
+}
+
+velmark_error_t RegionSplitter::addSplittedRegion(const Range& range,
+                                                  const boost::shared_ptr<JitMethodContainer>& container,
+                                                  RegionDomain& splittedRegions)
+{
+    if (!splittedRegions.insert(std::make_pair(range, container)).second) {
+        VM_ERROR(L"Couldn't add a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
+        return meFail;
+    }
+    VM_INFO(L"Added a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
+    return meSuccess;
+}
+
+} // namespace velmark_3_11
