@@ -7,15 +7,22 @@ namespace velmark_3_11 {
 
 namespace {
 
-// A text that shows any of these marks has been printed before, or was never a descriptor.
-const char* const kReadableMarks[] = {",",      ".",       "[]",     "(byte",    "(char",   "(double",
-                                      "(float", "(int",    "(long",  "(short",   "(boolean", "(void"};
-
+// A text that shows a comma, a dot, "[]" or a primitive type name right after "(" has been
+// printed before, or was never a descriptor. One pass: this runs for every method of a trace.
 bool isReadableJavaName(const std::string& text)
 {
-    for (const char* mark : kReadableMarks) {
-        if (text.find(mark) != std::string::npos)
+    static const char* const kPrintedFirstParameters[] = {"byte", "char",  "double",  "float", "int",
+                                                          "long", "short", "boolean", "void"};
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == ',' || c == '.' || (c == '[' && i + 1 < text.size() && text[i + 1] == ']'))
             return true;
+        if (c != '(')
+            continue;
+        for (const char* type : kPrintedFirstParameters) {
+            if (text.compare(i + 1, std::char_traits<char>::length(type), type) == 0)
+                return true;
+        }
     }
     return false;
 }

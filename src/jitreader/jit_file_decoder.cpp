@@ -33,6 +33,12 @@ constexpr std::size_t kCodeRangeHeaderSize = 16;
 const char* const kLessThanSize = "bytesRead < traceSize";
 const char* const kWithinSize = "bytesRead <= traceSize";
 
+std::uint32_t littleEndian32(const unsigned char* bytes)
+{
+    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
+           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
+}
+
 // Reads the fields of one payload through the bounds-checked cursor and makes the bound
 // assertions of the forms that have them (`lessText` null: no assertions).
 class FieldReader {
@@ -103,6 +109,16 @@ public:
     std::vector<LineNumberEntry> rows(std::uint32_t count, bool last)
     {
         std::vector<LineNumberEntry> rows;
+        const std::size_t size = static_cast<std::size_t>(count) * kLineRowSize;
+        if (m_cursor.remaining() > size || (last && m_cursor.remaining() == size)) {
+            // Every row lies inside the payload, so no bound check after a field can fail: the
+            // rows are taken in one go rather than field by field.
+            const unsigned char* bytes = m_cursor.take(size);
+            rows.reserve(count);
+            for (const unsigned char* row = bytes; row != bytes + size; row += kLineRowSize)
+                rows.push_back({littleEndian32(row), littleEndian32(row + 4), littleEndian32(row + 8)});
+            return rows;
+        }
         rows.reserve(std::min<std::size_t>(count, m_cursor.remaining() / kLineRowSize + 1));
         for (std::uint32_t i = 0; i < count; ++i) {
             if (m_cursor.remaining() == 0) {
@@ -136,11 +152,6 @@ private:
     char m_scratch[512];
 };
 
-std::uint32_t littleEndian32(const unsigned char* bytes)
-{
-    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
 
 void logRawMethod(JitMethod& method)
 {

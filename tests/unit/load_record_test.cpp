@@ -199,6 +199,8 @@ TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
         // A row count of 3 over one whole row keeps that row alone.
         {9, Payload().raw(head).raw(items).u32(0).u32(0).u32(3).u32(0).u32(8).u32(10).bytes(), "bytesRead <= traceSize",
          "0-8=10 "},
+        // A table that is not the last one ends the payload: its last row field overruns.
+        {9, Payload().raw(head).raw(items).u32(0).u32(1).u32(0).u32(8).u32(10).bytes(), "bytesRead < traceSize"},
         {5, Payload().u32(1).u64(3).u16(1).raw(items).u32(0xFFFFFFFF).bytes(), nullptr},
     };
     for (const auto& c : cases) {
