@@ -49,11 +49,6 @@ std::uint64_t keyOf(jmethodID method)
     return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(method));
 }
 
-jmethodID methodOf(std::uint64_t key)
-{
-    return reinterpret_cast<jmethodID>(static_cast<std::uintptr_t>(key));
-}
-
 /// Memory that JVMTI allocated, given back when the holder dies.
 template <class T>
 class JvmtiMemory {
@@ -82,8 +77,8 @@ public:
     }
 
     bool start(jvmtiEnv* jvmti, const std::string& directory, std::string& error);
-    void compiledMethodLoad(jvmtiEnv* jvmti, jmethodID method, jint size, const void* address,
-                            const void* compileInfo);
+    void compiledMethodLoad(jvmtiEnv* jvmti, jmethodID method, jint size, const void* address, jint mapLength,
+                            const jvmtiAddrLocationMap* map, const void* compileInfo);
     void dynamicCodeGenerated(const char* name, const void* address, jint length);
     void vmDeath() { m_file.close(); }
 
@@ -167,7 +162,7 @@ void JitAgent::remember(jvmtiEnv* jvmti, jmethodID method)
 }
 
 void JitAgent::compiledMethodLoad(jvmtiEnv* jvmti, jmethodID method, jint size, const void* address,
-                                  const void* compileInfo)
+                                  jint mapLength, const jvmtiAddrLocationMap* map, const void* compileInfo)
 {
     const std::uint64_t loadTime = timeStamp();
     if (size <= 0 || !address)
@@ -178,6 +173,9 @@ void JitAgent::compiledMethodLoad(jvmtiEnv* jvmti, jmethodID method, jint size, 
     code.size = static_cast<std::uint32_t>(size);
     code.bytes = static_cast<const std::uint8_t*>(address);
     remember(jvmti, method);
+    for (jint i = 0; map && i < mapLength; ++i)
+        code.addressMap.push_back({reinterpret_cast<std::uintptr_t>(map[i].start_address),
+                                   static_cast<std::uint32_t>(map[i].location < 0 ? 0 : map[i].location)});
 
     for (auto header = static_cast<const jvmtiCompiledMethodLoadRecordHeader*>(compileInfo); header;
          header = header->next) {
@@ -226,12 +224,12 @@ JitAgent* agentOf(jvmtiEnv* jvmti)
 }
 
 // The callbacks run on the virtual machine's threads: nothing may escape them.
-void JNICALL onCompiledMethodLoad(jvmtiEnv* jvmti, jmethodID method, jint size, const void* address, jint,
-                                  const jvmtiAddrLocationMap*, const void* compileInfo)
+void JNICALL onCompiledMethodLoad(jvmtiEnv* jvmti, jmethodID method, jint size, const void* address,
+                                  jint mapLength, const jvmtiAddrLocationMap* map, const void* compileInfo)
 {
     try {
         if (JitAgent* agent = agentOf(jvmti))
-            agent->compiledMethodLoad(jvmti, method, size, address, compileInfo);
+            agent->compiledMethodLoad(jvmti, method, size, address, mapLength, map, compileInfo);
     } catch (...) {
     }
 }

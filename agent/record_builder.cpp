@@ -24,30 +24,32 @@ void appendRow(std::vector<LineRow>& rows, std::uint32_t start, std::uint32_t en
     rows.push_back({start, end, value});
 }
 
-/// One stretch of code that a single pc's stack describes.
+/// One stretch of code that a single point of the virtual machine's tables describes.
 struct Interval {
     std::uint64_t low;
     std::uint64_t high;
-    const std::vector<StackFrame>* frames;
+    std::size_t point; // index of the point in its table
 };
 
-/// The pc is the return address of a call or a safepoint's poll, so the instructions that lead
-/// up to it belong to its stack: each pc closes the stretch that began at the pc before it.
-std::vector<Interval> intervalsOf(const CompiledCode& code)
+/// The points of the tables are pcs: return addresses of calls or the polls of safepoints. The
+/// instructions that lead up to a pc belong to it, so each pc closes the stretch that began at
+/// the pc before it. `addressOf(i)` gives the address of point i.
+template <class AddressOf>
+std::vector<Interval> intervalsOf(const CompiledCode& code, std::size_t points, AddressOf addressOf)
 {
-    std::vector<const PcStack*> sorted;
+    std::vector<std::size_t> sorted;
     const std::uint64_t end = code.address + code.size;
-    for (const PcStack& pc : code.pcs)
-        if (pc.pc > code.address && pc.pc <= end)
-            sorted.push_back(&pc);
+    for (std::size_t i = 0; i < points; ++i)
+        if (addressOf(i) > code.address && addressOf(i) <= end)
+            sorted.push_back(i);
     std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const PcStack* a, const PcStack* b) { return a->pc < b->pc; });
+                     [&](std::size_t a, std::size_t b) { return addressOf(a) < addressOf(b); });
     std::vector<Interval> intervals;
     std::uint64_t low = code.address;
-    for (const PcStack* pc : sorted) {
-        if (pc->pc > low)
-            intervals.push_back({low, pc->pc, &pc->frames});
-        low = pc->pc;
+    for (std::size_t point : sorted) {
+        if (addressOf(point) > low)
+            intervals.push_back({low, addressOf(point), point});
+        low = addressOf(point);
     }
     return intervals;
 }
@@ -132,16 +134,23 @@ MethodRecords RecordBuilder::compiledMethod(const CompiledCode& code, std::uint6
         }
     };
 
-    for (const Interval& interval : intervalsOf(code)) {
-        const std::vector<StackFrame>& frames = *interval.frames;
+    auto outerRow = [&](const Interval& interval, std::uint32_t bci) {
         const std::uint32_t low = static_cast<std::uint32_t>(interval.low - code.address);
         const std::uint32_t high = static_cast<std::uint32_t>(interval.high - code.address);
-        if (!frames.empty()) {
-            appendRow(load.nativeToManaged, low, high, frames[0].bci);
-            const std::uint32_t line = outer ? lineOf(*outer, frames[0].bci) : 0;
-            if (line != 0)
-                appendRow(load.nativeToSource, low, high, line);
-        }
+        appendRow(load.nativeToManaged, low, high, bci);
+        const std::uint32_t line = outer ? lineOf(*outer, bci) : 0;
+        if (line != 0)
+            appendRow(load.nativeToSource, low, high, line);
+    };
+    for (const Interval& interval : intervalsOf(code, code.addressMap.size(),
+                                                [&](std::size_t i) { return code.addressMap[i].address; }))
+        outerRow(interval, code.addressMap[interval.point].bci);
+
+    for (const Interval& interval :
+         intervalsOf(code, code.pcs.size(), [&](std::size_t i) { return code.pcs[i].pc; })) {
+        const std::vector<StackFrame>& frames = code.pcs[interval.point].frames;
+        if (code.addressMap.empty() && !frames.empty())
+            outerRow(interval, frames[0].bci);
 
         const std::size_t depth = frames.empty() ? 0 : frames.size() - 1;
         std::size_t common = 0;

@@ -35,6 +35,13 @@ struct PcStack {
     std::vector<StackFrame> frames;
 };
 
+/// One entry of the virtual machine's map from code addresses to bytecode indexes of the
+/// compiled method.
+struct AddressLocation {
+    std::uint64_t address = 0;
+    std::uint32_t bci = 0;
+};
+
 /// One compiled method as the virtual machine reports it.
 struct CompiledCode {
     std::uint64_t method = 0; ///< key of the compiled method
@@ -42,6 +49,9 @@ struct CompiledCode {
     std::uint32_t size = 0;
     const std::uint8_t* bytes = nullptr; ///< `size` bytes at `address`
     std::vector<PcStack> pcs;
+    /// Gives the compiled method's own bytecode indexes when present; else the outermost
+    /// frames of `pcs` do.
+    std::vector<AddressLocation> addressMap;
 };
 
 /// A load record and the inline records of one compiled method, parents before children.

@@ -82,55 +82,69 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
     const struct {
         const char* name;
         std::vector<PcStack> pcs;
+        std::vector<AddressLocation> map;
         std::vector<LineRow> nativeToManaged;
         std::vector<LineRow> nativeToSource;
         std::vector<Inline> inlines;
     } cases[] = {
-        {"no pcs: no rows, no inlines", {}, {}, {}, {}},
+        {"no pcs: no rows, no inlines", {}, {}, {}, {}, {}},
         {"outer frames only, two pcs with one line merge into one row",
          {at(0x10, {{1, 0}}), at(0x20, {{1, 2}}), at(0x30, {{1, 4}})},
+         {},
          {{0, 0x10, 0}, {0x10, 0x20, 2}, {0x20, 0x30, 4}},
          {{0, 0x20, 10}, {0x20, 0x30, 11}},
          {}},
         {"one inline over two pcs, rows in its own lines and offsets",
          {at(0x10, {{1, 0}}), at(0x20, {{1, 4}, {2, 0}}), at(0x30, {{1, 4}, {2, 5}}), at(0x40, {{1, 9}})},
+         {},
          {{0, 0x10, 0}, {0x10, 0x30, 4}, {0x30, 0x40, 9}},
          {{0, 0x10, 10}, {0x10, 0x30, 11}, {0x30, 0x40, 12}},
          {{2, 1, 0x10, 0x20, "step(I)I", {{0, 0x10, 20}, {0x10, 0x20, 21}}}}},
         {"nested inline hangs below its caller's instance",
          {at(0x10, {{1, 4}, {2, 0}}), at(0x20, {{1, 4}, {2, 5}, {3, 1}}), at(0x30, {{1, 4}, {2, 6}})},
+         {},
          {{0, 0x30, 4}},
          {{0, 0x30, 11}},
          {{2, 1, 0, 0x30, "step(I)I", {{0, 0x10, 20}, {0x10, 0x30, 21}}},
           {3, 2, 0x10, 0x10, "square(I)I", {{0, 0x10, 30}}}}},
         {"the same method from two call sites: two instances",
          {at(0x10, {{1, 4}, {2, 0}}), at(0x20, {{1, 9}, {2, 0}})},
+         {},
          {{0, 0x10, 4}, {0x10, 0x20, 9}},
          {{0, 0x10, 11}, {0x10, 0x20, 12}},
          {{2, 1, 0, 0x10, "step(I)I", {{0, 0x10, 20}}}, {3, 1, 0x10, 0x10, "step(I)I", {{0, 0x10, 20}}}}},
         {"one call site split by outer code: one instance per piece",
          {at(0x10, {{1, 4}, {2, 0}}), at(0x20, {{1, 0}}), at(0x30, {{1, 4}, {2, 5}})},
+         {},
          {{0, 0x10, 4}, {0x10, 0x20, 0}, {0x20, 0x30, 4}},
          {{0, 0x10, 11}, {0x10, 0x20, 10}, {0x20, 0x30, 11}},
          {{2, 1, 0, 0x10, "step(I)I", {{0, 0x10, 20}}}, {3, 1, 0x20, 0x10, "step(I)I", {{0, 0x10, 21}}}}},
         {"pcs out of order, at the start, past the end or repeated are sorted or dropped",
          {at(0x20, {{1, 4}, {2, 5}}), at(0x200, {{1, 0}}), at(0, {{1, 0}}), at(0x10, {{1, 0}}),
           at(0x10, {{1, 9}})},
+         {},
          {{0, 0x10, 0}, {0x10, 0x20, 4}},
          {{0, 0x10, 10}, {0x10, 0x20, 11}},
          {{2, 1, 0x10, 0x10, "step(I)I", {{0, 0x10, 21}}}}},
         {"a method the virtual machine told nothing of keeps its place, without names or rows",
          {at(0x10, {{1, 4}, {7, 3}})},
+         {},
          {{0, 0x10, 4}},
          {{0, 0x10, 11}},
          {{2, 1, 0, 0x10, "", {}}}},
+        {"the address map, where given, leads the outer method's tables",
+         {at(0x10, {{1, 4}, {2, 0}}), at(0x20, {{1, 4}, {2, 5}})},
+         {{kCode + 0x08, 0}, {kCode + 0x20, 9}},
+         {{0, 0x08, 0}, {0x08, 0x20, 9}},
+         {{0, 0x08, 10}, {0x08, 0x20, 12}},
+         {{2, 1, 0, 0x20, "step(I)I", {{0, 0x10, 20}, {0x10, 0x20, 21}}}}},
     };
     std::vector<std::uint8_t> code(0x100);
     for (std::size_t i = 0; i < code.size(); ++i)
         code[i] = static_cast<std::uint8_t>(i);
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
-        const MethodRecords records = builder().compiledMethod({1, kCode, 0x100, code.data(), test.pcs}, 77);
+        const MethodRecords records = builder().compiledMethod({1, kCode, 0x100, code.data(), test.pcs, test.map}, 77);
         EXPECT_EQ(1u, records.load.rawMethodId);
         EXPECT_EQ(test.nativeToManaged, records.load.nativeToManaged);
         EXPECT_EQ(test.nativeToSource, records.load.nativeToSource);
@@ -152,7 +166,7 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
 TEST(RecordBuilder, LoadRecordCarriesTheMethodAsTheVirtualMachineNamesIt)
 {
     std::vector<std::uint8_t> code(0x40, 0x90);
-    const MethodRecords records = builder().compiledMethod({1, kCode, 0x40, code.data(), {}}, 5);
+    const MethodRecords records = builder().compiledMethod({1, kCode, 0x40, code.data(), {}, {}}, 5);
     const tracewriter::MethodLoad& load = records.load;
     EXPECT_EQ("hot(I)I", load.methodName);
     EXPECT_EQ("Ljitdemo/Hot;", load.className);
