@@ -24,10 +24,8 @@ std::string TraceFile::fileName(const std::string& host, unsigned long pid)
 bool TraceFile::open(const std::string& path, std::string& error)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_file) {
-        error = "the trace file is open already";
-        return false;
-    }
+    if (m_file)
+        std::fclose(m_file);
     m_file = std::fopen(path.c_str(), "wb");
     if (!m_file) {
         error = "can't create " + path;

@@ -20,8 +20,8 @@ public:
     /// The file name of a process: "HOST.PID.jit".
     static std::string fileName(const std::string& host, unsigned long pid);
 
-    /// Creates (or truncates) `path` and writes the stream's opening frames; false with
-    /// `error` set when the file can't be created.
+    /// Creates (or truncates) `path`, after closing the file open before, and writes the
+    /// stream's opening frames; false with `error` set when the file can't be created.
     bool open(const std::string& path, std::string& error);
     /// Appends whole frames; false once a write has failed or the file is closed.
     bool append(const tracewriter::Bytes& frames);
