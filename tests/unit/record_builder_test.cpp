@@ -105,13 +105,8 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
     }
 }
 
-TEST(RecordBuilder, LinesAndTextsAsTheTraceCarriesThem)
+TEST(RecordBuilder, TextsAreCutToWhatAStringFieldCarries)
 {
-    const std::pair<std::uint32_t, std::uint32_t> lines[] = {{0, 10}, {3, 10}, {4, 11}, {9, 12}, {500, 12}};
-    for (const auto& test : lines)
-        EXPECT_EQ(test.second, RecordBuilder::lineOf(kMethods.at(1), test.first)) << test.first;
-    EXPECT_EQ(0u, RecordBuilder::lineOf(JavaMethod{"f()V", "", "", {{2, 7}}, 4}, 1));
-
     // A string field carries 511 bytes at most; the cut keeps a two-byte character whole.
     const std::pair<std::string, std::size_t> texts[] = {
         {"run(I)V", 7}, {std::string(511, 'a'), 511}, {std::string(600, 'a'), 511},
