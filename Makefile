@@ -52,6 +52,9 @@ demo: build
 	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet --full-names
 	@echo
 	$(BUILD_DIR)/tools/jitreader assembly samples/dotnet/foo.dll
+	@echo
+	@echo "A real Java virtual machine under the agent (build/agent/libjitagent.so): its compiled methods, and points of the hot one with their inline frames:"
+	@if [ -f $(BUILD_DIR)/agent/libjitagent.so ]; then sh agent/demo.sh $(BUILD_DIR) $(DEMO_DIR)/java; else echo "(no JDK found at configure time: the agent was not built)"; fi
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
