@@ -4,7 +4,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "jitdump_reader.h"
 #include "platform/log.h"
 
 namespace jitreader_tool {
@@ -25,34 +24,6 @@ struct LoadedCode {
     std::uint64_t size = 0;
     std::vector<tracewriter::LineRow> rows;
 };
-
-/// The line entries of `lines` as rows over a code of `size` bytes at `address`, in the first
-/// entry's source file; false when an entry lies outside the code or names no clean file.
-bool lineRows(const std::vector<JitdumpLineEntry>& lines, std::uint64_t address, std::uint64_t size,
-              std::uint64_t bias, std::string& sourceFile, std::vector<tracewriter::LineRow>& rows)
-{
-    std::vector<JitdumpLineEntry> sorted(lines);
-    for (const JitdumpLineEntry& entry : sorted) {
-        if (entry.address < address + bias || entry.address - address - bias > size ||
-            !JitdumpConverter::isCleanText(entry.file))
-            return false;
-    }
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const JitdumpLineEntry& a, const JitdumpLineEntry& b) { return a.address < b.address; });
-    sourceFile = lines.front().file;
-    for (std::size_t i = 0; i < sorted.size(); ++i) {
-        // Of several entries at one address the last one written describes the code there.
-        if (i + 1 < sorted.size() && sorted[i + 1].address == sorted[i].address)
-            continue;
-        if (sorted[i].file != sourceFile)
-            continue; // code inlined from another file: one source file per record
-        const std::uint64_t start = sorted[i].address - address - bias;
-        const std::uint64_t end = i + 1 < sorted.size() ? sorted[i + 1].address - address - bias : size;
-        if (end > start)
-            rows.push_back({static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(end), sorted[i].line});
-    }
-    return true;
-}
 
 class FileConversion {
 public:
@@ -133,7 +104,8 @@ private:
         const auto lines = m_pendingLines.find(record.codeAddress);
         if (lines != m_pendingLines.end()) {
             if (!lines->second.empty() &&
-                !lineRows(lines->second, record.codeAddress, record.codeSize, m_bias, loaded.sourceFile, loaded.rows)) {
+                !JitdumpConverter::lineRows(lines->second, record.codeAddress, record.codeSize, m_bias,
+                                            loaded.sourceFile, loaded.rows)) {
                 VM_WARN(L"Jitdump file " << toWide(m_name) << L": the line entries of the code at "
                                          << record.codeAddress << L" do not fit it; its lines are left out");
                 ++m_result.leftOut;
@@ -197,6 +169,33 @@ JitdumpConversion JitdumpConverter::convert(const void* data, std::size_t size, 
                                             Traces& traces)
 {
     return FileConversion(data, size, name).run(traces);
+}
+
+bool JitdumpConverter::lineRows(const std::vector<JitdumpLineEntry>& lines, std::uint64_t address,
+                                std::uint64_t size, std::uint64_t bias, std::string& sourceFile,
+                                std::vector<tracewriter::LineRow>& rows)
+{
+    std::vector<JitdumpLineEntry> sorted(lines);
+    for (const JitdumpLineEntry& entry : sorted) {
+        if (entry.address < address + bias || entry.address - address - bias > size ||
+            !isCleanText(entry.file))
+            return false;
+    }
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const JitdumpLineEntry& a, const JitdumpLineEntry& b) { return a.address < b.address; });
+    sourceFile = lines.front().file;
+    for (std::size_t i = 0; i < sorted.size(); ++i) {
+        // Of several entries at one address the last one written describes the code there.
+        if (i + 1 < sorted.size() && sorted[i + 1].address == sorted[i].address)
+            continue;
+        if (sorted[i].file != sourceFile)
+            continue; // code inlined from another file: one source file per record
+        const std::uint64_t start = sorted[i].address - address - bias;
+        const std::uint64_t end = i + 1 < sorted.size() ? sorted[i + 1].address - address - bias : size;
+        if (end > start)
+            rows.push_back({static_cast<std::uint32_t>(start), static_cast<std::uint32_t>(end), sorted[i].line});
+    }
+    return true;
 }
 
 std::uint64_t JitdumpConverter::lineAddressBias(const void* data, std::size_t size)

@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
+#include "jitdump_reader.h"
 #include "tracewriter/trace_writer.h"
 
 namespace jitreader_tool {
@@ -40,6 +42,14 @@ public:
     /// its code's start, else 0: the distance between a line entry's address and the code it
     /// describes.
     static std::uint64_t lineAddressBias(const void* data, std::size_t size);
+
+    /// The line entries `lines` of the code of `size` bytes at `address` as native-to-source
+    /// rows, each up to the next entry's address, with entry addresses `bias` behind the code's
+    /// offsets; of several entries at one address the last counts. Only rows in the first entry's
+    /// file, which goes to `sourceFile`. False when an entry lies outside the code or names no
+    /// clean file; `lines` must not be empty.
+    static bool lineRows(const std::vector<JitdumpLineEntry>& lines, std::uint64_t address, std::uint64_t size,
+                         std::uint64_t bias, std::string& sourceFile, std::vector<tracewriter::LineRow>& rows);
 
     /// `text` cut to at most `limit` bytes, at a boundary of UTF-8 characters.
     static std::string shortened(const std::string& text, std::size_t limit = kLongestText);
