@@ -52,6 +52,9 @@ demo: build
 	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet --full-names
 	@echo
 	$(BUILD_DIR)/tools/jitreader assembly samples/dotnet/foo.dll
+	@echo
+	@echo "A real Node.js run under --perf-prof: its jitdump converted, and the hot function's versions resolved:"
+	@./scripts/node-demo $(BUILD_DIR) $(DEMO_DIR)/node
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
