@@ -1,7 +1,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 
 #include <boost/filesystem.hpp>
 
@@ -42,11 +41,15 @@ std::string localHostName()
 
 bool readWhole(const std::string& path, std::vector<char>& bytes)
 {
-    std::ifstream in(path, std::ios::binary);
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in)
         return false;
-    bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
+    const std::streamoff size = in.tellg();
+    if (size < 0)
+        return false;
+    bytes.resize(static_cast<std::size_t>(size));
+    in.seekg(0);
+    return static_cast<bool>(in.read(bytes.data(), size));
 }
 
 } // namespace

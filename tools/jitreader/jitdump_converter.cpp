@@ -28,7 +28,7 @@ struct LoadedCode {
 class FileConversion {
 public:
     FileConversion(const void* data, std::size_t size, const std::string& name)
-        : m_reader(data, size), m_name(name), m_bias(JitdumpConverter::lineAddressBias(data, size))
+        : m_reader(data, size), m_size(size), m_name(name), m_bias(JitdumpConverter::lineAddressBias(data, size))
     {
     }
 
@@ -49,6 +49,8 @@ public:
             existing->second.magic().collectorType(kCollectorJitProfiler);
         }
         m_trace = &existing->second;
+        // A trace holds about the bytes of its dump: the code, names and line rows.
+        m_trace->reserve(m_trace->size() + m_size + m_size / 8);
 
         JitdumpRecord record;
         for (;;) {
@@ -153,6 +155,7 @@ private:
     }
 
     JitdumpReader m_reader;
+    std::size_t m_size;
     std::string m_name;
     std::uint64_t m_bias;
     std::uint32_t m_loadType = tracewriter::kFunctionLoad64_v3;
