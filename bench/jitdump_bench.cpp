@@ -56,8 +56,10 @@ int main()
     fs::remove_all(dir);
     fs::create_directories(dir / "traces");
     std::ofstream(dir / "workload.js") << kWorkload;
+    // Every function compiled at once and given its own interpreter entry: many code loads.
     const std::string run = "cd '" + dir.string() + "' && '" + node +
-                            "' --perf-prof --always-sparkplug --interpreted-frames-native-stack workload.js > /dev/null";
+                            "' --perf-prof --always-sparkplug --interpreted-frames-native-stack workload.js" +
+                            " > /dev/null";
     if (std::system(run.c_str()) != 0) {
         std::printf("jitdump_bench: the Node.js workload failed: %s\n", run.c_str());
         return 1;
@@ -92,7 +94,8 @@ int main()
     const double dumpBytes = static_cast<double>(bytes.size());
     std::printf("jitdump_bench: a Node.js run of 20,000 functions, %.1f MB of jitdump, %zu code loads\n",
                 dumpBytes / kMegabyte, result.loads);
-    std::printf("  convert in memory        %7.3f s  %7.1f MB/s of jitdump\n", convert, dumpBytes / kMegabyte / convert);
+    std::printf("  convert in memory        %7.3f s  %7.1f MB/s of jitdump\n", convert,
+                dumpBytes / kMegabyte / convert);
     std::printf("  write the trace file     %7.3f s  %7.1f MB/s (%.1f MB)\n", write, traceBytes / kMegabyte / write,
                 traceBytes / kMegabyte);
     std::printf("  convert and write        %7.3f s  %7.1f MB/s of jitdump\n", convert + write,

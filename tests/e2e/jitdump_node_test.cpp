@@ -1,7 +1,6 @@
 // A real Node.js run under --perf-prof, its jitdump converted by the jitreader tool and read
 // through the exported factories.
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include <Zydis/Zydis.h>
@@ -15,16 +14,6 @@ namespace {
 
 namespace fs = boost::filesystem;
 using namespace velmark_3_11;
-
-const char* const kScript =
-    "function hotLoop(n) {\n"
-    "  let s = 0;\n"
-    "  for (let i = 0; i < n; i++) s = (s + i * 7) % 1000003;\n"
-    "  return s;\n"
-    "}\n"
-    "let t = 0;\n"
-    "for (let k = 0; k < 200; k++) t += hotLoop(20000);\n"
-    "console.log(t);\n";
 
 /// Offset of the first byte that does not decode as x86-64, or `size` when all do.
 std::size_t firstUndecodable(const unsigned char* bytes, std::size_t size)
@@ -45,8 +34,9 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
     if (node.empty() || !fs::exists(node))
         GTEST_SKIP() << "Node.js is not installed (scripts/setup-deps installs the nodejs package)";
     jrtest::TempDir root;
-    const std::string script = root.write("hot.js", std::vector<unsigned char>(kScript, kScript + std::strlen(kScript)));
-    const std::string run = "cd '" + root.path() + "' && '" + node + "' --perf-prof hot.js > node.out 2>&1";
+    // The script of the demo: hotLoop is compiled in several tiers.
+    const std::string run =
+        "cd '" + root.path() + "' && '" + node + "' --perf-prof '" JITREADER_NODE_SCRIPT "' > node.out 2>&1";
     ASSERT_EQ(0, std::system(run.c_str())) << run;
     std::string dump;
     for (const fs::directory_entry& entry : fs::directory_iterator(root.path()))
@@ -87,10 +77,9 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
             unsigned long long jitRva = 0;
             boost::intrusive_ptr<IModule> module;
             const unsigned long long middle = region->startAddress() + region->length() / 2;
-            const auto atTime = loader->resolveModule(region->loadTime(), middle, region->processId(), host, &jitRva, module) ==
-                                        meSuccess
-                                    ? resolver->resolveSymbol(jitRva)
-                                    : nullptr;
+            const bool found = loader->resolveModule(region->loadTime(), middle, region->processId(), host,
+                                                     &jitRva, module) == meSuccess;
+            const auto atTime = found ? resolver->resolveSymbol(jitRva) : nullptr;
             if (!atTime || name != atTime->getName() || atTime->getLoadTime() != method->getLoadTime())
                 ++misresolved;
         }

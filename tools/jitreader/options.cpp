@@ -43,7 +43,8 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
 {
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
-        const auto alias = !optionsEnded && args[i].size() == 2 && args[i][0] == '-' ? m_aliases.find(args[i][1]) : m_aliases.end();
+        const bool mayBeAlias = !optionsEnded && args[i].size() == 2 && args[i][0] == '-';
+        const auto alias = mayBeAlias ? m_aliases.find(args[i][1]) : m_aliases.end();
         const std::string arg = alias != m_aliases.end() ? "--" + alias->second : args[i];
         if (optionsEnded || arg == "-" || arg.empty() || arg[0] != '-') {
             m_positional.push_back(arg);
