@@ -9,7 +9,7 @@ DEMO_DIR ?= $(BUILD_DIR)/demo-results
 FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 60
 # Each NAME has fuzz/NAME_fuzz.cpp, a seed corpus in fuzz/corpus/NAME and its longest input.
-FUZZ_TARGETS ?= trace_file java_names metadata signature clr_symreader
+FUZZ_TARGETS ?= trace_file java_names metadata signature clr_symreader jitdump
 FUZZ_MAX_LEN ?= 65536
 
 .PHONY: all deps build test check-sanitize check-tsan demo bench fuzz clean
@@ -55,6 +55,9 @@ demo: build
 	@echo
 	@echo "A real Java virtual machine under the agent (build/agent/libjitagent.so): its compiled methods, and points of the hot one with their inline frames:"
 	@if [ -f $(BUILD_DIR)/agent/libjitagent.so ]; then sh agent/demo.sh $(BUILD_DIR) $(DEMO_DIR)/java; else echo "(no JDK found at configure time: the agent was not built)"; fi
+	@echo
+	@echo "A real Node.js run under --perf-prof: its jitdump converted, and the hot function's versions resolved:"
+	@./scripts/node-demo $(BUILD_DIR) $(DEMO_DIR)/node
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

@@ -154,6 +154,8 @@ public:
 
     const Bytes& bytes() const { return m_bytes; }
     std::size_t size() const { return m_bytes.size(); }
+    /// Makes room for `bytes` in all, so that a large trace grows without copies.
+    void reserve(std::size_t bytes) { m_bytes.reserve(bytes); }
     /// Writes the file; throws std::runtime_error when it can't.
     void writeTo(const std::string& path) const;
 

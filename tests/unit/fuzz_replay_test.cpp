@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "dotnet_targets.h"
+#include "jitdump_target.h"
 #include "metadata_target.h"
 #include "trace_file_target.h"
 
@@ -55,6 +56,11 @@ TEST(FuzzReplay, ClrSymReaderCorpus)
 TEST(FuzzReplay, MetadataCorpus)
 {
     replay("metadata", jitreader_fuzz::metadata);
+}
+
+TEST(FuzzReplay, JitdumpCorpus)
+{
+    replay("jitdump", jitreader_fuzz::jitdump);
 }
 
 } // namespace

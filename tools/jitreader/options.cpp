@@ -27,6 +27,12 @@ OptionParser& OptionParser::option(const std::string& name, const std::string& v
     return *this;
 }
 
+OptionParser& OptionParser::alias(char letter, const std::string& name)
+{
+    m_aliases[letter] = name;
+    return *this;
+}
+
 OptionParser& OptionParser::example(const std::string& commandLine)
 {
     m_examples.push_back(commandLine);
@@ -37,7 +43,9 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
 {
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
+        const bool mayBeAlias = !optionsEnded && args[i].size() == 2 && args[i][0] == '-';
+        const auto alias = mayBeAlias ? m_aliases.find(args[i][1]) : m_aliases.end();
+        const std::string arg = alias != m_aliases.end() ? "--" + alias->second : args[i];
         if (optionsEnded || arg == "-" || arg.empty() || arg[0] != '-') {
             m_positional.push_back(arg);
             continue;
@@ -134,6 +142,9 @@ void OptionParser::printHelp(std::ostream& out) const
     for (const std::string& name : m_order) {
         const Declaration& declaration = m_declarations.at(name);
         std::string left = "--" + name + (declaration.valueName.empty() ? "" : " " + declaration.valueName);
+        for (const auto& alias : m_aliases)
+            if (alias.second == name)
+                left = std::string("-") + alias.first + ", " + left;
         out << "  " << std::left << std::setw(22) << left << declaration.help << "\n";
     }
     if (!m_examples.empty())

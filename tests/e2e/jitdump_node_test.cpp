@@ -1,0 +1,93 @@
+// A real Node.js run under --perf-prof, its jitdump converted by the jitreader tool and read
+// through the exported factories.
+#include <cstdlib>
+#include <string>
+
+#include <Zydis/Zydis.h>
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include "jitreader/jitreader.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = boost::filesystem;
+using namespace velmark_3_11;
+
+/// Offset of the first byte that does not decode as x86-64, or `size` when all do.
+std::size_t firstUndecodable(const unsigned char* bytes, std::size_t size)
+{
+    ZydisDecoder decoder;
+    ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
+    ZydisDecodedInstruction instruction;
+    for (std::size_t at = 0; at < size; at += instruction.length) {
+        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr, bytes + at, size - at, &instruction)))
+            return at;
+    }
+    return size;
+}
+
+TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
+{
+    const std::string node = JITREADER_NODE;
+    if (node.empty() || !fs::exists(node))
+        GTEST_SKIP() << "Node.js is not installed (scripts/setup-deps installs the nodejs package)";
+    jrtest::TempDir root;
+    // The script of the demo: hotLoop is compiled in several tiers.
+    const std::string run =
+        "cd '" + root.path() + "' && '" + node + "' --perf-prof '" JITREADER_NODE_SCRIPT "' > node.out 2>&1";
+    ASSERT_EQ(0, std::system(run.c_str())) << run;
+    std::string dump;
+    for (const fs::directory_entry& entry : fs::directory_iterator(root.path()))
+        if (entry.path().filename().string().rfind("jit-", 0) == 0)
+            dump = entry.path().string();
+    ASSERT_FALSE(dump.empty()) << "node --perf-prof wrote no jit-PID.dump";
+    const std::string convert = std::string("'") + JITREADER_TOOL + "' import-jitdump '" + dump + "' -o '" +
+                                root.file("traces") + "' --host node > '" + root.file("convert.out") + "' 2>&1";
+    ASSERT_EQ(0, std::system(convert.c_str())) << convert;
+
+    auto forResolver = basekit2::make_path_iterator({root.wide("traces")});
+    auto forLoader = basekit2::make_path_iterator({root.wide("traces")});
+    boost::intrusive_ptr<ISymbolFileLocator> locator;
+    const auto resolver = ISymbolResolver::create(forResolver, locator);
+    const auto loader = IJitLoader::create(forLoader);
+    ASSERT_TRUE(resolver && loader);
+    unsigned int host = 0;
+    ASSERT_EQ(meSuccess, loader->getHostId(L"node", &host));
+
+    std::size_t methods = 0, hot = 0, regions = 0, undecodable = 0, misresolved = 0;
+    for (auto it = resolver->getMethods(); !it.at_end(); it.next()) {
+        const boost::intrusive_ptr<ISymbol> method = it.current();
+        ++methods;
+        const std::wstring name = method->getName();
+        hot += name.find(L"hotLoop") != std::wstring::npos;
+        for (auto r = method->getCodeRegions(); !r.at_end(); r.next()) {
+            const boost::intrusive_ptr<ICodeRegion> region = r.current();
+            ++regions;
+            const auto content = region->getContent();
+            ASSERT_TRUE(content) << "no code bytes in " << std::string(name.begin(), name.end());
+            const auto* bytes = static_cast<const unsigned char*>(content->getData());
+            const std::size_t at = firstUndecodable(bytes, content->getSize());
+            if (at != content->getSize()) {
+                ++undecodable;
+                ADD_FAILURE() << std::string(name.begin(), name.end()) << ": no instruction at offset " << at;
+            }
+            // The code of this region, asked for at the time it was loaded, is this method.
+            unsigned long long jitRva = 0;
+            boost::intrusive_ptr<IModule> module;
+            const unsigned long long middle = region->startAddress() + region->length() / 2;
+            const bool found = loader->resolveModule(region->loadTime(), middle, region->processId(), host,
+                                                     &jitRva, module) == meSuccess;
+            const auto atTime = found ? resolver->resolveSymbol(jitRva) : nullptr;
+            if (!atTime || name != atTime->getName() || atTime->getLoadTime() != method->getLoadTime())
+                ++misresolved;
+        }
+    }
+    EXPECT_GT(methods, 100u);
+    EXPECT_GE(hot, 1u) << "the script's hot function is not among the methods";
+    EXPECT_EQ(0u, undecodable) << "of " << regions << " regions";
+    EXPECT_EQ(0u, misresolved) << "of " << regions << " regions";
+}
+
+} // namespace
