@@ -52,6 +52,10 @@ demo: build
 	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet --full-names
 	@echo
 	$(BUILD_DIR)/tools/jitreader assembly samples/dotnet/foo.dll
+	@echo
+	$(BUILD_DIR)/tools/jitreader flamegraph $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples \
+		-o $(DEMO_DIR)/flamegraph.svg --title "Flame graph of the demo samples"
+	@echo "Open file://$(abspath $(DEMO_DIR))/flamegraph.svg in a browser."
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

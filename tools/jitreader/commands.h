@@ -17,5 +17,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
 int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `jitreader assembly FILE [--pdb FILE] [--token T]`
 int runAssembly(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// `jitreader flamegraph DIR... --samples FILE -o OUT.svg`
+int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 } // namespace jitreader_tool

@@ -18,6 +18,7 @@ void printUsage(std::ostream& out)
            "  resolve     resolve sample points to methods, source lines and inline frames\n"
            "  report      say where the sample points fall: top methods, lines, modules, processes\n"
            "  assembly    list the methods of a .NET assembly with signatures, sources and lines\n"
+           "  flamegraph  draw where the sample points fall as a flame graph (an SVG file)\n"
            "\n"
            "Run 'jitreader <command> --help' for the options of a command.\n"
            "\n"
@@ -50,6 +51,8 @@ int main(int argc, char** argv)
         return jitreader_tool::runReport(args, std::cout, std::cerr);
     if (command == "assembly")
         return jitreader_tool::runAssembly(args, std::cout, std::cerr);
+    if (command == "flamegraph")
+        return jitreader_tool::runFlameGraph(args, std::cout, std::cerr);
     std::cerr << "jitreader: unknown command '" << command << "'; 'jitreader --help' lists them\n";
     return jitreader_tool::kUsageError;
 }

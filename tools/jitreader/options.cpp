@@ -27,6 +27,12 @@ OptionParser& OptionParser::option(const std::string& name, const std::string& v
     return *this;
 }
 
+OptionParser& OptionParser::shortName(char letter, const std::string& name)
+{
+    m_shortNames[std::string("-") + letter] = name;
+    return *this;
+}
+
 OptionParser& OptionParser::example(const std::string& commandLine)
 {
     m_examples.push_back(commandLine);
@@ -37,7 +43,8 @@ bool OptionParser::parse(const std::vector<std::string>& args, std::ostream& out
 {
     bool optionsEnded = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
+        const auto shortName = m_shortNames.find(args[i]);
+        const std::string arg = optionsEnded || shortName == m_shortNames.end() ? args[i] : "--" + shortName->second;
         if (optionsEnded || arg == "-" || arg.empty() || arg[0] != '-') {
             m_positional.push_back(arg);
             continue;
@@ -134,6 +141,9 @@ void OptionParser::printHelp(std::ostream& out) const
     for (const std::string& name : m_order) {
         const Declaration& declaration = m_declarations.at(name);
         std::string left = "--" + name + (declaration.valueName.empty() ? "" : " " + declaration.valueName);
+        for (const auto& shortName : m_shortNames)
+            if (shortName.second == name)
+                left = shortName.first + ", " + left;
         out << "  " << std::left << std::setw(22) << left << declaration.help << "\n";
     }
     if (!m_examples.empty())

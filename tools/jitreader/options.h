@@ -21,6 +21,9 @@ public:
     /// Declares an option that takes a value.
     OptionParser& option(const std::string& name, const std::string& valueName, const std::string& help);
 
+    /// Lets `-letter` stand for `--name`.
+    OptionParser& shortName(char letter, const std::string& name);
+
     /// A command line that shows the command at work, for the help.
     OptionParser& example(const std::string& commandLine);
 
@@ -56,6 +59,7 @@ private:
     std::map<std::string, std::string> m_values;
     std::map<std::string, std::vector<std::string>> m_allValues;
     std::vector<std::string> m_positional;
+    std::map<std::string, std::string> m_shortNames; // "-o" -> "output"
     int m_exitCode = 0;
 };
 
