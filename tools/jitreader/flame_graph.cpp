@@ -348,10 +348,11 @@ FlameNode buildFlameTree(const std::vector<Stack>& stacks)
     }
     // Sorted by names, so that each node's paths lie side by side and its children come in
     // a stable order.
-    std::sort(paths.begin(), paths.end(), [](const Path& a, const Path& b) {
-        return std::lexicographical_compare(
-            a.frames.begin(), a.frames.end(), b.frames.begin(), b.frames.end(),
-            [](const StackFrame& x, const StackFrame& y) { return std::tie(x.method, x.module) < std::tie(y.method, y.module); });
+    const auto byNode = [](const StackFrame& x, const StackFrame& y) {
+        return std::tie(x.method, x.module) < std::tie(y.method, y.module);
+    };
+    std::sort(paths.begin(), paths.end(), [&](const Path& a, const Path& b) {
+        return std::lexicographical_compare(a.frames.begin(), a.frames.end(), b.frames.begin(), b.frames.end(), byNode);
     });
     FlameNode root;
     root.name = "all";

@@ -124,7 +124,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         .option("symbols", "DIR", "look for .NET assemblies and their .pdb files here (repeatable)")
         .flag("full-names", "name methods with their parameter lists where known")
         .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format json")
-        .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format speedscope > demo.json");
+        .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format speedscope > d.json");
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;

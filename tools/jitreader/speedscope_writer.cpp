@@ -46,7 +46,8 @@ void writeSpeedscope(std::ostream& out, const std::vector<Stack>& stacks, const 
     }
 
     out << "{\"$schema\": \"https://www.speedscope.app/file-format-schema.json\",\n \"exporter\": \"jitreader\","
-        << "\n \"name\": " << jsonString(validUtf8(name)) << ",\n \"activeProfileIndex\": 0,\n \"shared\": {\"frames\": [";
+        << "\n \"name\": " << jsonString(validUtf8(name))
+        << ",\n \"activeProfileIndex\": 0,\n \"shared\": {\"frames\": [";
     for (std::size_t i = 0; i < frames.size(); ++i) {
         const StackFrame& frame = *frames[i];
         out << (i ? ",\n  " : "\n  ") << "{\"name\": " << jsonString(validUtf8(frame.method));
@@ -56,8 +57,8 @@ void writeSpeedscope(std::ostream& out, const std::vector<Stack>& stacks, const 
             out << ", \"line\": " << frame.line;
         out << "}";
     }
-    out << (frames.empty() ? "]},\n" : "\n ]},\n") << " \"profiles\": [" << profiles << (profiles.empty() ? "]" : "\n ]")
-        << "\n}\n";
+    out << (frames.empty() ? "]},\n" : "\n ]},\n") << " \"profiles\": [" << profiles
+        << (profiles.empty() ? "]" : "\n ]") << "\n}\n";
 }
 
 } // namespace jitreader_tool
