@@ -65,9 +65,6 @@ int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::
     graph.width = static_cast<unsigned int>(width);
 
     const std::string path = options.value("output");
-    std::size_t resolved = 0;
-    for (const ResolvedPoint& point : resolution.points)
-        resolved += point.status == PointStatus::resolved;
     if (path == "-") {
         writeFlameGraph(out, root, graph);
     } else {
@@ -81,8 +78,9 @@ int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::
         }
     }
     // The picture may be on standard output; the summary must not end up inside it.
-    (path == "-" ? err : out) << "flame graph of " << resolution.points.size() << " samples (" << resolved
-                              << " resolved) written to " << (path == "-" ? "standard output" : path) << "\n";
+    (path == "-" ? err : out) << "flame graph of " << resolution.points.size() << " samples ("
+                              << resolution.resolvedCount() << " resolved) written to "
+                              << (path == "-" ? "standard output" : path) << "\n";
     return readFailures.report(traceFiles, options.has("strict"), err);
 }
 

@@ -156,9 +156,6 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
                                          options.values("symbols"), options.has("full-names")))
         return code;
 
-    std::size_t resolved = 0;
-    for (const ResolvedPoint& point : resolution.points)
-        resolved += point.status == PointStatus::resolved;
     if (folded)
         writeFolded(out, collectStacks(resolution.points));
     else if (speedscope)
@@ -169,7 +166,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         pointTable(resolution, lazy, format).print(out, format);
 
     std::ostream& summary = format == OutputFormat::table && !folded && !speedscope ? out : err;
-    summary << (&summary == &out ? "\n" : "") << "resolved " << resolved << " / " << resolution.points.size()
+    summary << (&summary == &out ? "\n" : "") << "resolved " << resolution.resolvedCount() << " / " << resolution.points.size()
             << " samples";
     if (lazy)
         summary << "; read " << resolution.processesRead << " of " << resolution.processesAll << " processes";
