@@ -28,7 +28,7 @@ class Frame:
         self.x, self.y, self.width = (float(g.find(SVG + "rect").get(k)) for k in ("x", "y", "width"))
 
     def holds(self, other):  # whether `other` stands right on this frame
-        return other.y == self.y - 16 and self.x - 0.01 <= other.x <= other.x + other.width <= self.x + self.width + 0.01
+        return other.y == self.y - 16 and self.x - 0.01 <= other.x <= other.x + other.width <= self.x + self.width + .01
 
 
 class Formats(unittest.TestCase):
@@ -124,10 +124,13 @@ def skip(reason):
 
 class Browser(unittest.TestCase):
     def open(self, *args):
-        # As root the browser's sandbox cannot start; a profile of its own keeps the run apart.
-        command = [self.browser, "--headless", "--no-sandbox", "--disable-gpu", "--user-data-dir=" + self.tmp, *args]
+        # As root the browser's sandbox cannot start; a profile and home of its own keep the run apart,
+        # and a small /dev/shm in a container does not matter.
+        command = [self.browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                   "--user-data-dir=" + self.tmp, *args]
         try:
-            return subprocess.run(command, capture_output=True, text=True, timeout=120)
+            return subprocess.run(command, capture_output=True, text=True, timeout=120,
+                                  env=dict(os.environ, HOME=self.tmp))
         except subprocess.TimeoutExpired:
             return subprocess.CompletedProcess(command, -1, "", "no answer in 120 s")
 
