@@ -48,6 +48,10 @@ demo: build
 	@echo
 	$(BUILD_DIR)/tools/jitreader report $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples --top 5
 	@echo
+	$(BUILD_DIR)/tools/jitreader flamegraph $(DEMO_DIR)/alpha $(DEMO_DIR)/beta --samples samples/demo.samples \
+		-o $(DEMO_DIR)/flamegraph.svg --title "Flame graph of the demo samples"
+	@echo "Open file://$(abspath $(DEMO_DIR))/flamegraph.svg in a browser."
+	@echo
 	@echo "A .NET process whose trace gives only tokens and module paths; names, sources and lines come from samples/dotnet/foo.dll:"
 	$(BUILD_DIR)/tools/jitreader resolve $(DEMO_DIR)/dotnet --samples samples/dotnet.samples --symbols samples/dotnet --full-names
 	@echo

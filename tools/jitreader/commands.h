@@ -19,5 +19,7 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
 int runAssembly(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 /// `jitreader import-jitdump FILE... -o DIR [--host NAME]`
 int runImportJitdump(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
+/// `jitreader flamegraph DIR... --samples FILE -o OUT.svg`
+int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::ostream& err);
 
 } // namespace jitreader_tool

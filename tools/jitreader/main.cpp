@@ -19,6 +19,7 @@ void printUsage(std::ostream& out)
            "  report      say where the sample points fall: top methods, lines, modules, processes\n"
            "  assembly    list the methods of a .NET assembly with signatures, sources and lines\n"
            "  import-jitdump  convert the jitdump files of perf-profiled runtimes into trace files\n"
+           "  flamegraph  draw where the sample points fall as a flame graph (an SVG file)\n"
            "\n"
            "Run 'jitreader <command> --help' for the options of a command.\n"
            "\n"
@@ -53,6 +54,8 @@ int main(int argc, char** argv)
         return jitreader_tool::runAssembly(args, std::cout, std::cerr);
     if (command == "import-jitdump")
         return jitreader_tool::runImportJitdump(args, std::cout, std::cerr);
+    if (command == "flamegraph")
+        return jitreader_tool::runFlameGraph(args, std::cout, std::cerr);
     std::cerr << "jitreader: unknown command '" << command << "'; 'jitreader --help' lists them\n";
     return jitreader_tool::kUsageError;
 }

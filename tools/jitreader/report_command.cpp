@@ -9,6 +9,7 @@
 #include "read_failures.h"
 #include "resolution.h"
 #include "result_directories.h"
+#include "speedscope_writer.h"
 #include "stacks.h"
 #include "table.h"
 
@@ -197,7 +198,7 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
                          "Says where the sample points fall: the top methods (self, and inclusive of the methods\n"
                          "inlined into them), source lines, modules and processes.");
     options.option("samples", "FILE", "the sample points; '-' reads standard input")
-        .option("format", "FORMAT", "table (default), csv or json")
+        .option("format", "FORMAT", "table (default), csv, json or speedscope (the stacks, for that viewer)")
         .option("top", "N", "show the N largest entries of each section (default 10)")
         .flag("folded", "print each distinct inline chain as 'outer;inner;innermost COUNT' instead")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
@@ -206,8 +207,13 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
-    if (!parseOutputFormat("report", options.value("format", "table"), err, format))
+    const bool speedscope = options.value("format") == "speedscope";
+    if (!speedscope && !parseOutputFormat("report", options.value("format", "table"), err, format))
         return kUsageError;
+    if (speedscope && options.has("top")) {
+        err << "jitreader report: --format speedscope keeps every stack; leave out --top\n";
+        return kUsageError;
+    }
     if (format == OutputFormat::jsonl) {
         err << "jitreader report: the report is one JSON object; use --format json\n";
         return kUsageError;
@@ -235,6 +241,8 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
     const std::vector<Stack> stacks = collectStacks(resolution.points);
     if (options.has("folded")) {
         writeFolded(out, stacks);
+    } else if (speedscope) {
+        writeSpeedscope(out, stacks, samplesName(options.value("samples")));
     } else {
         const Report report = buildReport(stacks, top);
         if (format == OutputFormat::table)

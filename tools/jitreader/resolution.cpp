@@ -28,6 +28,14 @@ const char* statusName(PointStatus status)
     return "error";
 }
 
+std::size_t Resolution::resolvedCount() const
+{
+    std::size_t resolved = 0;
+    for (const ResolvedPoint& point : points)
+        resolved += point.status == PointStatus::resolved;
+    return resolved;
+}
+
 namespace {
 
 int readSampleFile(const std::string& command, const std::string& path, std::vector<SamplePoint>& samples,

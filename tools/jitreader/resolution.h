@@ -37,6 +37,9 @@ struct Resolution {
     std::vector<ResolvedPoint> points;
     std::size_t processesRead = 0; ///< processes whose traces a point made the loader read
     std::size_t processesAll = 0;  ///< processes with traces
+
+    /// The points with the status resolved.
+    std::size_t resolvedCount() const;
 };
 
 /// Reads the sample points of `samplesPath` ('-' is standard input) and resolves them against

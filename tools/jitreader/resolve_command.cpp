@@ -3,6 +3,7 @@
 #include "read_failures.h"
 #include "resolution.h"
 #include "result_directories.h"
+#include "speedscope_writer.h"
 #include "stacks.h"
 #include "table.h"
 
@@ -116,19 +117,25 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
                          "Resolves sample points (TIME ADDRESS PID HOST per line) to methods, source lines and\n"
                          "inline frames, through the jit rva of each point.");
     options.option("samples", "FILE", "the sample points; '-' reads standard input")
-        .option("format", "FORMAT", "table (default), csv, json or jsonl (one JSON object a line)")
+        .option("format", "FORMAT", "table (default), csv, json, jsonl (one JSON object a line) or speedscope")
         .flag("folded", "print each distinct inline chain as 'outer;inner;innermost COUNT' instead")
         .flag("lazy", "only read the processes that the samples name, and give jit rva and module")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
         .option("symbols", "DIR", "look for .NET assemblies and their .pdb files here (repeatable)")
         .flag("full-names", "name methods with their parameter lists where known")
-        .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format json");
+        .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format json")
+        .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format speedscope > d.json");
     if (!options.parse(args, out, err))
         return options.exitCode();
     OutputFormat format = OutputFormat::table;
-    if (!parseOutputFormat("resolve", options.value("format", "table"), err, format))
+    const bool speedscope = options.value("format") == "speedscope";
+    if (!speedscope && !parseOutputFormat("resolve", options.value("format", "table"), err, format))
         return kUsageError;
     const bool lazy = options.has("lazy");
+    if (speedscope && lazy) {
+        err << "jitreader resolve: --format speedscope needs the frames that --lazy leaves out\n";
+        return kUsageError;
+    }
     const bool folded = options.has("folded");
     if (folded && (lazy || options.has("format"))) {
         err << "jitreader resolve: --folded goes with neither --format nor --lazy\n";
@@ -149,18 +156,17 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
                                          options.values("symbols"), options.has("full-names")))
         return code;
 
-    std::size_t resolved = 0;
-    for (const ResolvedPoint& point : resolution.points)
-        resolved += point.status == PointStatus::resolved;
     if (folded)
         writeFolded(out, collectStacks(resolution.points));
+    else if (speedscope)
+        writeSpeedscope(out, collectStacks(resolution.points), samplesName(options.value("samples")));
     else if (format == OutputFormat::json || format == OutputFormat::jsonl)
         printJson(out, resolution, lazy, format == OutputFormat::jsonl);
     else
         pointTable(resolution, lazy, format).print(out, format);
 
-    std::ostream& summary = format == OutputFormat::table && !folded ? out : err;
-    summary << (&summary == &out ? "\n" : "") << "resolved " << resolved << " / " << resolution.points.size()
+    std::ostream& summary = format == OutputFormat::table && !folded && !speedscope ? out : err;
+    summary << (&summary == &out ? "\n" : "") << "resolved " << resolution.resolvedCount() << " / " << resolution.points.size()
             << " samples";
     if (lazy)
         summary << "; read " << resolution.processesRead << " of " << resolution.processesAll << " processes";

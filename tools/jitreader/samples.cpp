@@ -7,6 +7,11 @@
 
 namespace jitreader_tool {
 
+std::string samplesName(const std::string& path)
+{
+    return path == "-" ? "standard input" : path.substr(path.find_last_of('/') + 1);
+}
+
 bool parseNumber(const std::string& text, unsigned long long& value)
 {
     if (text.empty() || text[0] == '-' || text[0] == '+')

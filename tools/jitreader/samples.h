@@ -19,6 +19,9 @@ struct SamplePoint {
 /// Reads all points; on a malformed line stores a message naming the line and returns false.
 bool readSamples(std::istream& in, std::vector<SamplePoint>& samples, std::string& error);
 
+/// The name of a sample file for titles: its last path component, or "standard input" for '-'.
+std::string samplesName(const std::string& path);
+
 /// Parses a decimal or 0x-prefixed hexadecimal number that must fill the whole text.
 bool parseNumber(const std::string& text, unsigned long long& value);
 

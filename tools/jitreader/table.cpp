@@ -96,6 +96,37 @@ void Table::printJson(std::ostream& out, bool lines) const
     out << (lines ? "" : "\n]\n");
 }
 
+std::string validUtf8(const std::string& text)
+{
+    std::string result;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const unsigned char lead = static_cast<unsigned char>(text[i]);
+        // Length, smallest value and lead bits of each sequence; overlong forms, surrogates and
+        // values past U+10FFFF are no valid UTF-8.
+        std::size_t length = lead < 0x80 ? 1 : (lead & 0xE0) == 0xC0 ? 2 : (lead & 0xF0) == 0xE0 ? 3
+                           : (lead & 0xF8) == 0xF0 ? 4 : 0;
+        unsigned long value = length == 1 ? lead : length == 2 ? lead & 0x1F : length == 3 ? lead & 0x0F : lead & 0x07;
+        for (std::size_t k = 1; k < length; ++k) {
+            const unsigned char next = i + k < text.size() ? static_cast<unsigned char>(text[i + k]) : 0;
+            if ((next & 0xC0) != 0x80) {
+                length = 0;
+                break;
+            }
+            value = (value << 6) | (next & 0x3F);
+        }
+        const unsigned long smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+        if (length == 0 || value < smallest[length] || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
+            result += "\xEF\xBF\xBD";
+            ++i;
+            continue;
+        }
+        result.append(text, i, length);
+        i += length;
+    }
+    return result;
+}
+
 std::string jsonString(const std::string& text)
 {
     std::string result = "\"";

@@ -41,6 +41,8 @@ private:
     std::vector<std::vector<std::string>> m_rows;
 };
 
+/// The text with every byte that is not part of valid UTF-8 replaced by U+FFFD.
+std::string validUtf8(const std::string& text);
 /// The text as a JSON string literal, quotes included.
 std::string jsonString(const std::string& text);
 /// jsonString of the text, or null when it is empty.
