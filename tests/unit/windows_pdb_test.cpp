@@ -1,0 +1,279 @@
+// Windows PDB files through the symbol binder: every sequence point of the real files against
+// the dumps their origin project asserts, the binder's matching, damaged and cut files.
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/metadata/com_object.h"
+#include "platform/metadata/corsym.h"
+#include "platform/metadata/metadata_import.h"
+#include "platform/metadata/msf_file.h"
+#include "platform/metadata/system_services.h"
+#include "platform/metadata/windows_pdb.h"
+#include "platform/text.h"
+#include "support/dotnet_testdata.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace velmark_3_11;
+
+constexpr ULONG32 kPolicy = AllowOriginalPathAccess | AllowReferencePathAccess;
+
+HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& reader)
+{
+    ComPtr<ISymUnmanagedBinder2> binder;
+    EXPECT_EQ(S_OK, CoCreateInstance(CLSID_CorSymBinder_SxS, nullptr, CLSCTX_INPROC_SERVER, IID_ISymUnmanagedBinder2,
+                                     reinterpret_cast<void**>(binder.put())));
+    return binder->GetReaderForFile2(nullptr, toWide(assembly).c_str(), L"", kPolicy, reader.put());
+}
+
+/// The value of `name="..."` in `line`, XML entities of the dumps undone; empty when absent.
+std::string attribute(const std::string& line, const std::string& name)
+{
+    const std::size_t at = line.find(" " + name + "=\"");
+    if (at == std::string::npos)
+        return std::string();
+    const std::size_t begin = at + name.size() + 3;
+    std::string value = line.substr(begin, line.find('"', begin) - begin);
+    for (const auto& entity : {std::make_pair("&lt;", "<"), std::make_pair("&gt;", ">")})
+        for (std::size_t found; (found = value.find(entity.first)) != std::string::npos;)
+            value.replace(found, std::string(entity.first).size(), entity.second);
+    return value;
+}
+
+std::string pointText(ULONG32 offset, bool hidden, ULONG32 line, ULONG32 column, ULONG32 endLine, ULONG32 endColumn,
+                      const std::string& document)
+{
+    char text[96];
+    if (hidden)
+        std::snprintf(text, sizeof text, "%x hidden ", offset);
+    else
+        std::snprintf(text, sizeof text, "%x %u:%u %u:%u ", offset, line, endLine, column, endColumn);
+    return text + document + "\n";
+}
+
+/// Each method with sequence points, as "name" and one line per point, in the dump's order.
+std::string expectedMethods(const std::string& dumpPath)
+{
+    const std::vector<unsigned char> bytes = jrtest::readBytes(dumpPath);
+    const std::string dump(bytes.begin(), bytes.end());
+    std::vector<std::string> files(1);
+    std::string text, method;
+    for (std::size_t begin = 0, end; begin < dump.size(); begin = end + 1) {
+        end = dump.find('\n', begin);
+        if (end == std::string::npos)
+            end = dump.size();
+        const std::string line = dump.substr(begin, end - begin);
+        if (line.find("<file id=") != std::string::npos)
+            files.push_back(attribute(line, "name"));
+        else if (line.find("<method ") != std::string::npos)
+            method = attribute(line, "name") + "\n";
+        else if (line.find("<entry offset=") != std::string::npos) {
+            text += method;
+            method.clear();
+            const auto number = [&](const char* name) {
+                return static_cast<ULONG32>(std::stoul(attribute(line, name).empty() ? "0" : attribute(line, name), nullptr, 0));
+            };
+            text += pointText(number("offset"), attribute(line, "hidden") == "true", number("startLine"),
+                              number("startColumn"), number("endLine"), number("endColumn"),
+                              files.at(number("document")));
+        }
+    }
+    return text;
+}
+
+/// The same from the symbol reader, for every method def of `assembly` in token order.
+std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader)
+{
+    MetadataImport* opened = nullptr;
+    EXPECT_EQ(S_OK, MetadataImport::open(jrtest::readBytes(assembly), &opened));
+    const ComPtr<MetadataImport> import(opened);
+    std::string text;
+    for (mdMethodDef token = mdtMethodDef | 1;; ++token) {
+        wchar_t name[512];
+        mdTypeDef owner = 0;
+        if (import->GetMethodProps(token, &owner, name, 512, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) !=
+            S_OK)
+            break;
+        ComPtr<ISymUnmanagedMethod> method;
+        if (reader.GetMethod(token, method.put()) != S_OK)
+            continue;
+        text += toUtf8(name) + "\n";
+        ULONG32 count = 0;
+        EXPECT_EQ(S_OK, method->GetSequencePointCount(&count));
+        std::vector<ULONG32> offsets(count), lines(count), columns(count), endLines(count), endColumns(count);
+        std::vector<ISymUnmanagedDocument*> documents(count);
+        EXPECT_EQ(S_OK, method->GetSequencePoints(count, &count, offsets.data(), documents.data(), lines.data(),
+                                                  columns.data(), endLines.data(), endColumns.data()));
+        for (ULONG32 i = 0; i < count; ++i) {
+            wchar_t url[256];
+            ULONG32 length = 0;
+            EXPECT_EQ(S_OK, documents[i]->GetURL(256, &length, url));
+            documents[i]->Release();
+            const bool hidden = lines[i] == kHiddenLine;
+            EXPECT_TRUE(!hidden || (endLines[i] == kHiddenLine && columns[i] == 0 && endColumns[i] == 0));
+            text += pointText(offsets[i], hidden, lines[i], columns[i], endLines[i], endColumns[i], toUtf8(url));
+        }
+    }
+    return text;
+}
+
+TEST(WindowsPdb, EverySequencePointAndDocumentAsTheExpectedDumps)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    for (const char* name : {"Documents", "Iterator"}) {
+        SCOPED_TRACE(name);
+        const std::string assembly = folder + "/symreader-converter/windows/" + name + ".dll";
+        ComPtr<ISymUnmanagedReader> reader;
+        ASSERT_EQ(S_OK, readerFor(assembly, reader));
+        const std::string expected =
+            expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
+        EXPECT_NE(std::string::npos, expected.find("hidden"));
+        EXPECT_EQ(expected, readMethods(assembly, *reader.get()));
+    }
+}
+
+TEST(WindowsPdb, DocumentsCarryLanguageAndTheHashTheFileRecords)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    HRESULT result = E_FAIL;
+    const std::unique_ptr<WindowsPdb> pdb =
+        WindowsPdb::create(jrtest::readBytes(folder + "/symreader-converter/windows/Documents.pdb"), result);
+    ASSERT_TRUE(pdb);
+    ASSERT_EQ(13u, pdb->documentCount()); // the fourteenth is named by no line
+    const GUID csharp = {0x3F5162F8, 0x07C6, 0x11D3, {0x90, 0x53, 0x00, 0xC0, 0x4F, 0xA3, 0x02, 0xA1}};
+    const GUID sha1 = {0xFF1816EC, 0xAA5E, 0x4D10, {0x87, 0xF7, 0x6F, 0x49, 0x63, 0x83, 0x34, 0x60}};
+    const struct {
+        std::uint32_t id;
+        const char* name;
+        GUID algorithm;
+        std::size_t hashSize;
+        std::uint8_t firstByte;
+    } cases[] = {
+        {1, "C:\\Documents.cs", sha1, 20, 0xDB},
+        {2, "C:\\a\\b\\c\\d\\1.cs", GUID{}, 0, 0},
+        {12, "C:\\a\\b\\X.cs", GUID{}, 0, 0}, // shares its lower-case name with C:\a\b\x.cs
+        {13, "C:\\a\\B\\x.cs", GUID{}, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        PdbDocument document;
+        ASSERT_TRUE(pdb->document(c.id, document));
+        EXPECT_EQ(c.name, document.name);
+        EXPECT_TRUE(document.language == csharp);
+        EXPECT_TRUE(document.hashAlgorithm == c.algorithm);
+        ASSERT_EQ(c.hashSize, document.hash.size());
+        EXPECT_EQ(c.firstByte, document.hash.empty() ? 0 : document.hash[0]);
+    }
+    PdbDocument none;
+    EXPECT_FALSE(pdb->document(0, none));
+    EXPECT_FALSE(pdb->document(14, none));
+}
+
+/// The offset of the first `pattern` in `bytes`.
+std::size_t find(const std::vector<unsigned char>& bytes, const std::vector<unsigned char>& pattern)
+{
+    const auto found = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
+    EXPECT_NE(bytes.end(), found);
+    return static_cast<std::size_t>(found - bytes.begin());
+}
+
+TEST(WindowsPdb, DamagedFilesFailAsNoContainerOrAsCorrupt)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const std::vector<unsigned char> real = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.pdb");
+    const std::size_t names = find(real, {0xFE, 0xEF, 0xFE, 0xEF});
+    const std::size_t lines = find(real, {0xF2, 0, 0, 0, 0x68, 1, 0, 0});
+    const std::size_t checksums = find(real, {0xF4, 0, 0, 0, 0x68, 0, 0, 0});
+    const std::size_t lastPoint = find(real, {0x62, 0, 0, 0, 0x83, 0, 0, 0x80});
+    const struct {
+        const char* what;
+        std::size_t at;
+        std::uint32_t value;
+        HRESULT result;
+    } cases[] = {
+        {"intact", 0, 'M', S_OK},
+        {"no magic", 0, 'm', COR_E_BADIMAGEFORMAT},
+        {"odd block size", 32, 500, CLDB_E_FILE_CORRUPT},
+        {"more blocks than the file", 40, 64, CLDB_E_FILE_CORRUPT},
+        {"directory larger than its map", 44, 0x100000, CLDB_E_FILE_CORRUPT},
+        {"directory map outside", 52, 63, CLDB_E_FILE_CORRUPT},
+        {"string table signature", names, 0, CLDB_E_FILE_CORRUPT},
+        {"lines past their subsection", lines + 4, 0x1000, CLDB_E_FILE_CORRUPT},
+        {"file id past the checksums", lines + 8 + 12, 0x400, CLDB_E_FILE_CORRUPT},
+        {"checksum name past the strings", checksums + 8, 0x4000, CLDB_E_FILE_CORRUPT},
+        {"point past the method's code", lastPoint, 0x64, CLDB_E_FILE_CORRUPT},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<unsigned char> bytes = real;
+        jrtest::put(bytes, c.at, c.value, c.at == 0 ? 1 : 4);
+        HRESULT result = E_FAIL;
+        EXPECT_EQ(c.result == S_OK, static_cast<bool>(WindowsPdb::create(bytes, result)));
+        EXPECT_EQ(c.result, result);
+    }
+}
+
+TEST(WindowsPdb, EveryPrefixOfTheRealFilesFailsCleanly)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    for (const char* name : {"Documents.pdb", "Iterator.pdb"}) {
+        SCOPED_TRACE(name);
+        const std::vector<unsigned char> bytes = jrtest::readBytes(folder + "/symreader-converter/windows/" + name);
+        for (std::size_t length = 0; length < bytes.size(); ++length) {
+            HRESULT result = S_OK;
+            const std::vector<unsigned char> prefix(bytes.begin(), bytes.begin() + length);
+            ASSERT_FALSE(WindowsPdb::create(prefix, result)) << length;
+            ASSERT_EQ(length < 32 ? COR_E_BADIMAGEFORMAT : CLDB_E_FILE_CORRUPT, result) << length;
+        }
+        HRESULT result = E_FAIL;
+        const std::unique_ptr<MsfFile> msf = MsfFile::create(bytes, result);
+        ASSERT_TRUE(msf);
+        std::vector<unsigned char> stream;
+        EXPECT_TRUE(msf->stream(1, stream));
+        EXPECT_EQ(20000404u, jrtest::get32(stream, 0)); // the info stream's version
+        EXPECT_FALSE(msf->stream(msf->streamCount(), stream));
+    }
+}
+
+TEST(WindowsPdb, BinderTakesOnlyTheFileOfThisBuild)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const jrtest::TempDir temp;
+    const std::string windows = folder + "/symreader-converter/windows/";
+    const std::vector<unsigned char> dll = jrtest::readBytes(windows + "Documents.dll");
+    const std::vector<unsigned char> pdb = jrtest::readBytes(windows + "Documents.pdb");
+    std::vector<unsigned char> olderDll = dll;
+    jrtest::put(olderDll, find(dll, {'R', 'S', 'D', 'S'}) + 20, 2); // the CodeView age
+    std::vector<unsigned char> otherPdb = pdb;
+    const std::size_t guid = find(pdb, {0x9A, 0x36, 0x63, 0x81});
+    otherPdb[guid] ^= 1;
+
+    const struct {
+        const char* what;
+        const std::vector<unsigned char>& assembly;
+        const std::vector<unsigned char>& debugFile;
+        HRESULT result;
+    } cases[] = {
+        {"same build", dll, pdb, S_OK},
+        {"another age", olderDll, pdb, HRESULT_FILE_NOT_FOUND},
+        {"another signature", dll, otherPdb, HRESULT_FILE_NOT_FOUND},
+        {"cut", dll, std::vector<unsigned char>(pdb.begin(), pdb.begin() + 4096), HRESULT_FILE_NOT_FOUND},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::string directory = std::string(c.what) + "/";
+        // The CodeView path (C:\...) is no path here; the file beside the assembly is found.
+        const std::string assembly = temp.write(directory + "Documents.dll", c.assembly);
+        temp.write(directory + "Documents.pdb", c.debugFile);
+        ComPtr<ISymUnmanagedReader> reader;
+        EXPECT_EQ(c.result, readerFor(assembly, reader));
+        EXPECT_EQ(c.result == S_OK, static_cast<bool>(reader));
+    }
+}
+
+} // namespace
