@@ -57,4 +57,9 @@ TEST(FuzzReplay, MetadataCorpus)
     replay("metadata", jitreader_fuzz::metadata);
 }
 
+TEST(FuzzReplay, WindowsPdbCorpus)
+{
+    replay("windows_pdb", jitreader_fuzz::windowsPdb);
+}
+
 } // namespace
