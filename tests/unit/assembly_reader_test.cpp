@@ -75,6 +75,44 @@ TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReade
     EXPECT_EQ(meFail, plain->getSourceFile(file));
 }
 
+TEST(AssemblyReader, ClassicRuntimeLinesFromAWindowsPdb)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const struct {
+        const char* assembly;
+        unsigned int token;
+        unsigned int rows; // the visible points
+        LineRow first, last;
+        const wchar_t* document;
+    } cases[] = {
+        {"Documents.dll", 0x06000001, 15, {0x0, 0x1, 7}, {0x62, 0x62, 131}, L"C:\\Documents.cs"},
+        {"Iterator.dll", 0x06000007, 10, {0x1f, 0x20, 10}, {0x83, 0x83, 19}, L"C:\\Iterator.cs"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.assembly);
+        const boost::intrusive_ptr<DotNetMethod> method =
+            methodOf(folder + "/symreader-converter/windows/" + c.assembly, c.token);
+        ASSERT_TRUE(method);
+        EXPECT_EQ(1, method->getReaderKind());
+        unsigned int count = 0;
+        ASSERT_EQ(meSuccess, method->getLineTable(nullptr, &count));
+        std::vector<LineRow> rows(count);
+        ASSERT_EQ(meSuccess, method->getLineTable(rows.data(), &count));
+        ASSERT_EQ(c.rows, count); // hidden points make no row
+        rows.resize(count);
+        for (const auto& pair : {std::make_pair(c.first, rows.front()), std::make_pair(c.last, rows.back())}) {
+            EXPECT_EQ(pair.first.startOffset, pair.second.startOffset);
+            EXPECT_EQ(pair.first.endOffset, pair.second.endOffset);
+            EXPECT_EQ(pair.first.line, pair.second.line);
+        }
+        SourceFile file;
+        ASSERT_EQ(meSuccess, method->getSourceFile(file));
+        EXPECT_EQ(c.document, file.name());
+        EXPECT_EQ(3u, file.getLanguageType()); // C#
+        EXPECT_EQ(2u, file.getChecksumType()); // SHA-1
+    }
+}
+
 TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
