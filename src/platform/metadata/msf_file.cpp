@@ -50,7 +50,8 @@ std::unique_ptr<MsfFile> MsfFile::create(std::vector<std::uint8_t> bytes, HRESUL
     std::unique_ptr<MsfFile> file(new MsfFile);
     file->m_blockSize = blockSize;
     Stream directory{directorySize, {}};
-    ByteCursor map(bytes.data() + static_cast<std::size_t>(directoryMap) * blockSize, blockSize);
+    ByteCursor map(bytes.data(), bytes.size());
+    map.seek(static_cast<std::uint64_t>(directoryMap) * blockSize);
     for (std::uint64_t i = 0; i < directoryBlocks; ++i) {
         const std::uint32_t block = map.read<std::uint32_t>();
         if (block >= blockCount)

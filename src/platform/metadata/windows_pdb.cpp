@@ -17,7 +17,7 @@ constexpr std::uint16_t kNoStream = 0xFFFF;
 constexpr std::uint32_t kNamesSignature = 0xEFFEEFFE;
 constexpr std::uint32_t kC13Signature = 4;
 constexpr std::uint16_t kGlobalManagedProc = 0x112A, kLocalManagedProc = 0x112B;
-constexpr std::uint32_t kLinesSubsection = 0xF2, kChecksumsSubsection = 0xF4, kIgnoredSubsection = 0x80000000;
+constexpr std::uint32_t kLinesSubsection = 0xF2, kChecksumsSubsection = 0xF4;
 constexpr std::uint16_t kLinesHaveColumns = 1;
 
 // Hash algorithms of the checksum kinds a file checksum entry may name.
@@ -197,7 +197,9 @@ private:
         }
         if (c13Size == 0)
             return true;
-        const std::uint8_t* c13 = stream.data() + c13Begin;
+        ByteCursor whole(stream.data(), stream.size());
+        whole.seek(c13Begin);
+        const std::uint8_t* c13 = whole.take(c13Size);
         ByteCursor checksums = subsection(c13, c13Size, kChecksumsSubsection);
         ByteCursor subsections(c13, c13Size);
         while (subsections.remaining() != 0) {
@@ -213,7 +215,8 @@ private:
         return !subsections.overrun();
     }
 
-    /// The first subsection of `kind`, or an empty one.
+    /// The first subsection of `kind`, or an empty one. Subsections marked as ignored carry
+    /// a high bit in their kind and so never match.
     static ByteCursor subsection(const std::uint8_t* c13, std::uint32_t size, std::uint32_t kind)
     {
         ByteCursor cursor(c13, size);
@@ -222,7 +225,7 @@ private:
             const std::uint32_t length = cursor.read<std::uint32_t>();
             const unsigned char* data = cursor.take(length);
             align4(cursor);
-            if (data != nullptr && (found & ~kIgnoredSubsection) == kind && (found & kIgnoredSubsection) == 0)
+            if (data != nullptr && found == kind)
                 return ByteCursor(data, length);
         }
         return ByteCursor(nullptr, 0);
@@ -256,7 +259,8 @@ private:
             if (!documentOf(fileId, checksums, document))
                 return false;
             ByteCursor lines(block, blockSize - 12);
-            ByteCursor columnsCursor(block + std::size_t(count) * 8, columns ? std::size_t(count) * 4 : 0);
+            ByteCursor columnsCursor(block, blockSize - 12);
+            columnsCursor.seek(std::uint64_t(count) * 8); // columns follow all lines
             for (std::uint32_t i = 0; i < count; ++i) {
                 PdbSequencePoint point{lines.read<std::uint32_t>(), kHiddenLine, 0, kHiddenLine, 0, document};
                 const std::uint32_t bits = lines.read<std::uint32_t>();
