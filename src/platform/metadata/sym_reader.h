@@ -1,6 +1,6 @@
-// ISymUnmanagedReader over a debug file of either format, with the method and document objects it hands
-// out. Every object holds the debug file, so any of them may outlive the others; none
-// changes after it is made, so they may be queried from several threads.
+// ISymUnmanagedReader over a debug file of either format, with the method and document
+// objects it hands out. Every object holds the debug file, so any of them may outlive the
+// others; none changes after it is made, so they may be queried from several threads.
 #pragma once
 
 #include <memory>
