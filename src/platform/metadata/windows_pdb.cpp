@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 #include "platform/byte_cursor.h"
 #include "platform/metadata/corsym.h"
@@ -200,35 +201,29 @@ private:
         ByteCursor whole(stream.data(), stream.size());
         whole.seek(c13Begin);
         const std::uint8_t* c13 = whole.take(c13Size);
-        ByteCursor checksums = subsection(c13, c13Size, kChecksumsSubsection);
+        // Lines name their files by offset into the checksum subsection, which may come
+        // after them; subsections marked as ignored carry a high bit and match no kind.
+        std::vector<std::pair<std::uint32_t, ByteCursor>> parts;
         ByteCursor subsections(c13, c13Size);
         while (subsections.remaining() != 0) {
             const std::uint32_t kind = subsections.read<std::uint32_t>();
             const std::uint32_t size = subsections.read<std::uint32_t>();
             const unsigned char* data = subsections.take(size);
-            align4(subsections);
-            if (data == nullptr)
+            if (data == nullptr || subsections.overrun())
                 return false;
-            if (kind == kLinesSubsection && !readLines(ByteCursor(data, size), procs, checksums))
+            align4(subsections); // the last one may end unaligned
+            parts.emplace_back(kind, ByteCursor(data, size));
+        }
+        ByteCursor checksums(nullptr, 0);
+        for (const auto& part : parts)
+            if (part.first == kChecksumsSubsection) {
+                checksums = part.second;
+                break;
+            }
+        for (const auto& part : parts)
+            if (part.first == kLinesSubsection && !readLines(part.second, procs, checksums))
                 return false;
-        }
-        return !subsections.overrun();
-    }
-
-    /// The first subsection of `kind`, or an empty one. Subsections marked as ignored carry
-    /// a high bit in their kind and so never match.
-    static ByteCursor subsection(const std::uint8_t* c13, std::uint32_t size, std::uint32_t kind)
-    {
-        ByteCursor cursor(c13, size);
-        while (cursor.remaining() != 0) {
-            const std::uint32_t found = cursor.read<std::uint32_t>();
-            const std::uint32_t length = cursor.read<std::uint32_t>();
-            const unsigned char* data = cursor.take(length);
-            align4(cursor);
-            if (data != nullptr && found == kind)
-                return ByteCursor(data, length);
-        }
-        return ByteCursor(nullptr, 0);
+        return true;
     }
 
     bool readLines(ByteCursor cursor, const std::vector<ManagedProc>& procs, const ByteCursor& checksums)
