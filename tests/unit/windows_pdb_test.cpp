@@ -152,6 +152,7 @@ TEST(WindowsPdb, DamagedFilesFailAsNoContainerOrAsCorrupt)
     const std::size_t lines = find(real, {0xF2, 0, 0, 0, 0x68, 1, 0, 0});
     const std::size_t checksums = find(real, {0xF4, 0, 0, 0, 0x68, 0, 0, 0});
     const std::size_t lastPoint = find(real, {0x62, 0, 0, 0, 0x83, 0, 0, 0x80});
+    const std::size_t directory = 512 * jrtest::get32(real, 512 * jrtest::get32(real, 52));
     const struct {
         const char* what;
         std::size_t at;
@@ -164,6 +165,7 @@ TEST(WindowsPdb, DamagedFilesFailAsNoContainerOrAsCorrupt)
         {"more blocks than the file", 40, 64, CLDB_E_FILE_CORRUPT},
         {"directory larger than its map", 44, 0x100000, CLDB_E_FILE_CORRUPT},
         {"directory map outside", 52, 63, CLDB_E_FILE_CORRUPT},
+        {"nil info stream", directory + 8, 0xFFFFFFFF, CLDB_E_FILE_CORRUPT}, // once read at a null base
         {"string table signature", names, 0, CLDB_E_FILE_CORRUPT},
         {"lines past their subsection", lines + 4, 0x1000, CLDB_E_FILE_CORRUPT},
         {"file id past the checksums", lines + 8 + 12, 0x400, CLDB_E_FILE_CORRUPT},
