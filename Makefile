@@ -9,7 +9,7 @@ DEMO_DIR ?= $(BUILD_DIR)/demo-results
 FUZZ_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 60
 # Each NAME has fuzz/NAME_fuzz.cpp, a seed corpus in fuzz/corpus/NAME and its longest input.
-FUZZ_TARGETS ?= trace_file java_names metadata signature clr_symreader jitdump
+FUZZ_TARGETS ?= trace_file java_names metadata signature clr_symreader jitdump windows_pdb
 FUZZ_MAX_LEN ?= 65536
 
 .PHONY: all deps build test check-sanitize check-tsan demo bench fuzz clean

@@ -5,9 +5,11 @@
 
 #include "platform/metadata/com_object.h"
 #include "platform/metadata/metadata_import.h"
+#include "platform/metadata/msf_file.h"
 #include "platform/metadata/pe_image.h"
 #include "platform/metadata/portable_pdb.h"
 #include "platform/metadata/sym_reader.h"
+#include "platform/metadata/windows_pdb.h"
 
 namespace jitreader_fuzz {
 namespace {
@@ -51,13 +53,9 @@ void askImport(MetadataImport& import)
     import.CloseEnum(attributes);
 }
 
-void askDebugFile(std::vector<std::uint8_t> bytes)
+void askSymbols(std::shared_ptr<const DebugSymbols> symbols)
 {
-    HRESULT result = S_OK;
-    std::shared_ptr<const PortablePdb> pdb = PortablePdb::create(std::move(bytes), result);
-    if (!pdb)
-        return;
-    const ComPtr<SymReader> reader(SymReader::create(pdb));
+    const ComPtr<SymReader> reader(SymReader::create(std::move(symbols)));
     for (ULONG row = 1; row <= 64; ++row) {
         ComPtr<ISymUnmanagedMethod> method;
         if (reader->GetMethod(mdtMethodDef | row, method.put()) != S_OK)
@@ -81,6 +79,13 @@ void askDebugFile(std::vector<std::uint8_t> bytes)
     }
 }
 
+void askDebugFile(std::vector<std::uint8_t> bytes)
+{
+    HRESULT result = S_OK;
+    if (std::shared_ptr<const PortablePdb> pdb = PortablePdb::create(std::move(bytes), result))
+        askSymbols(std::move(pdb));
+}
+
 } // namespace
 
 int metadata(const std::uint8_t* data, std::size_t size)
@@ -101,6 +106,20 @@ int metadata(const std::uint8_t* data, std::size_t size)
             askDebugFile(std::move(embedded));
     }
     askDebugFile(bytes);
+    return 0;
+}
+
+int windowsPdb(const std::uint8_t* data, std::size_t size)
+{
+    const std::vector<std::uint8_t> bytes(data, data + size);
+    HRESULT result = S_OK;
+    if (const std::unique_ptr<MsfFile> msf = MsfFile::create(bytes, result)) {
+        std::vector<std::uint8_t> stream;
+        for (std::uint32_t index = 0; index < msf->streamCount(); ++index)
+            msf->stream(index, stream);
+    }
+    if (std::shared_ptr<const WindowsPdb> pdb = WindowsPdb::create(bytes, result))
+        askSymbols(std::move(pdb));
     return 0;
 }
 

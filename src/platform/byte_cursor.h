@@ -57,7 +57,8 @@ public:
     /// else null. Advances by `count` in both cases.
     const unsigned char* take(std::size_t count)
     {
-        const unsigned char* bytes = count <= remaining() ? m_data + m_position : nullptr;
+        // After an overrun the position lies outside, so not even an empty run is there.
+        const unsigned char* bytes = !overrun() && count <= remaining() ? m_data + m_position : nullptr;
         m_position += count;
         return bytes;
     }

@@ -75,6 +75,28 @@ TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReade
     EXPECT_EQ(meFail, plain->getSourceFile(file));
 }
 
+TEST(AssemblyReader, ClassicRuntimeLinesFromAWindowsPdb)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const boost::intrusive_ptr<DotNetMethod> moveNext =
+        methodOf(folder + "/symreader-converter/windows/Iterator.dll", 0x06000007);
+    ASSERT_TRUE(moveNext);
+    LineRow rows[16];
+    unsigned int count = 16;
+    ASSERT_EQ(meSuccess, moveNext->getLineTable(rows, &count));
+    std::ostringstream table;
+    for (unsigned int i = 0; i < count; ++i)
+        table << std::hex << rows[i].startOffset << "-" << rows[i].endOffset << std::dec << ":" << rows[i].line << " ";
+    // Hidden points make no row; a row runs to the next visible point.
+    EXPECT_EQ("1f-20:10 20-27:11 27-30:13 30-31:14 31-38:16 38-64:17 64-65:18 65-75:13 75-83:13 83-83:19 ",
+              table.str());
+    SourceFile file;
+    ASSERT_EQ(meSuccess, moveNext->getSourceFile(file));
+    EXPECT_EQ(L"C:\\Iterator.cs", file.name());
+    EXPECT_EQ(3u, file.getLanguageType()); // C#
+    EXPECT_EQ(2u, file.getChecksumType()); // SHA-1
+}
+
 TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);

@@ -63,4 +63,9 @@ TEST(FuzzReplay, JitdumpCorpus)
     replay("jitdump", jitreader_fuzz::jitdump);
 }
 
+TEST(FuzzReplay, WindowsPdbCorpus)
+{
+    replay("windows_pdb", jitreader_fuzz::windowsPdb);
+}
+
 } // namespace

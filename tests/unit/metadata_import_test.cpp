@@ -656,7 +656,7 @@ TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
         {"nowhere", alone, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
         {"in the search path", alone, L"/nonexistent;" + symbolic, 0, S_OK},
         {"another build's file", stranger, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"a Windows PDB", folder + "/symreader-converter/windows/Documents.dll", L"", kPolicy, E_NOTIMPL},
+        {"a Windows PDB", folder + "/symreader-converter/windows/Documents.dll", L"", kPolicy, S_OK},
         {"no assembly", folder + "/symbolic/foo.pdb", L"", kPolicy, COR_E_BADIMAGEFORMAT},
         {"no file", temp.file("missing.dll"), L"", kPolicy, HRESULT_FILE_NOT_FOUND},
     };

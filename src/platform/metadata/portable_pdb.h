@@ -9,28 +9,12 @@
 #include <vector>
 
 #include "platform/metadata/cor.h"
+#include "platform/metadata/debug_symbols.h"
 #include "platform/metadata/metadata_tables.h"
 
 namespace velmark_3_11 {
 
-struct PdbDocument {
-    std::string name; // UTF-8
-    GUID hashAlgorithm;
-    std::vector<std::uint8_t> hash;
-    GUID language;
-};
-
-/// One sequence point; a hidden one has line and end line 0xFEEFEE and columns 0.
-struct PdbSequencePoint {
-    std::uint32_t offset;
-    std::uint32_t line;
-    std::uint32_t column;
-    std::uint32_t endLine;
-    std::uint32_t endColumn;
-    std::uint32_t document; // row of the Document table
-};
-
-class PortablePdb {
+class PortablePdb final : public DebugSymbols {
 public:
     /// Reads `bytes` as a Portable PDB. Null with `result` COR_E_BADIMAGEFORMAT when it is
     /// no metadata with a #Pdb stream, CLDB_E_FILE_CORRUPT when its tables do not fit.
@@ -42,10 +26,10 @@ public:
     bool matches(const GUID& signature, std::uint32_t timeStamp) const;
     std::uint32_t documentCount() const { return m_tables->rowCount(MetadataTables::kDocument); }
     /// The document of 1-based `row`; false when the row lies outside or is corrupt.
-    bool document(std::uint32_t row, PdbDocument& document) const;
+    bool document(std::uint32_t row, PdbDocument& document) const override;
     /// The points of method def row `methodRow`, in blob order; false when the row lies
     /// outside the table or its blob is corrupt. A method without points gives none.
-    bool sequencePoints(std::uint32_t methodRow, std::vector<PdbSequencePoint>& points) const;
+    bool sequencePoints(std::uint32_t methodRow, std::vector<PdbSequencePoint>& points) const override;
 
 private:
     PortablePdb() = default;

@@ -1,19 +1,18 @@
 #include "platform/metadata/sym_binder.h"
 
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/metadata/msf_file.h"
 #include "platform/metadata/pe_image.h"
 #include "platform/metadata/portable_pdb.h"
 #include "platform/metadata/sym_reader.h"
+#include "platform/metadata/windows_pdb.h"
 #include "platform/text.h"
 
 namespace velmark_3_11 {
 namespace {
-
-const char kWindowsPdbMagic[] = "Microsoft C/C++ MSF 7.00\r\n\x1a" "DS";
 
 /// The part behind the last "\" or "/".
 std::wstring fileNameOf(const std::wstring& path)
@@ -93,30 +92,31 @@ HRESULT SymBinder::GetReaderForFile2(IUnknown*, const WCHAR* fileName, const WCH
 
         // Only a debug file written for this very build is taken.
         const auto accept = [&](std::vector<std::uint8_t> bytes) -> bool {
+            if (!haveCodeView)
+                return false;
             HRESULT ignored = S_OK;
+            if (MsfFile::hasMagic(bytes.data(), bytes.size())) {
+                std::unique_ptr<WindowsPdb> pdb = WindowsPdb::create(std::move(bytes), ignored);
+                if (!pdb || codeView.portable || !pdb->matches(codeView.signature, codeView.age))
+                    return false;
+                *pRetVal = SymReader::create(std::shared_ptr<const WindowsPdb>(std::move(pdb)));
+                return true;
+            }
             std::unique_ptr<PortablePdb> pdb = PortablePdb::create(std::move(bytes), ignored);
-            if (!pdb || !haveCodeView || !pdb->matches(codeView.signature, codeView.timeStamp))
+            if (!pdb || !pdb->matches(codeView.signature, codeView.timeStamp))
                 return false;
             *pRetVal = SymReader::create(std::shared_ptr<const PortablePdb>(std::move(pdb)));
             return true;
         };
-        bool sawWindowsPdb = false;
         for (const std::wstring& candidate : candidates) {
             std::vector<std::uint8_t> bytes;
-            if (FAILED(readFileBytes(candidate, bytes)))
-                continue;
-            if (bytes.size() >= sizeof kWindowsPdbMagic - 1 &&
-                std::memcmp(bytes.data(), kWindowsPdbMagic, sizeof kWindowsPdbMagic - 1) == 0) {
-                sawWindowsPdb = true; // no reader of that format yet
-                continue;
-            }
-            if (accept(std::move(bytes)))
+            if (SUCCEEDED(readFileBytes(candidate, bytes)) && accept(std::move(bytes)))
                 return S_OK;
         }
         std::vector<std::uint8_t> embedded;
         if (image->embeddedPdb(embedded) && accept(std::move(embedded)))
             return S_OK;
-        return sawWindowsPdb ? E_NOTIMPL : HRESULT_FILE_NOT_FOUND;
+        return HRESULT_FILE_NOT_FOUND;
     });
 }
 

@@ -1,5 +1,5 @@
-// The symbol binder: finds the Portable PDB of an assembly by its CodeView record, the
-// search path, the assembly's directory, or the assembly's embedded debug file.
+// The symbol binder: finds the Portable or Windows PDB of an assembly by its CodeView record,
+// the search path, the assembly's directory, or the assembly's embedded debug file.
 #pragma once
 
 #include "platform/metadata/com_object.h"
@@ -18,9 +18,9 @@ public:
     /// The assembly is read from `fileName`; `importer` is not needed. Candidates, in order:
     /// the CodeView path (AllowOriginalPathAccess), each directory of the ";"-separated
     /// `searchPath`, the assembly's directory (AllowReferencePathAccess), then the embedded
-    /// debug file. A Portable PDB is taken only when its id matches the CodeView record.
-    /// HRESULT_FILE_NOT_FOUND when nothing matches, E_NOTIMPL when the only debug files
-    /// found are Windows PDBs, the image's failure when the assembly cannot be read.
+    /// debug file. A Portable PDB is taken only when its id matches the CodeView record, a
+    /// Windows PDB only when its signature and age do. HRESULT_FILE_NOT_FOUND when nothing
+    /// matches, the image's failure when the assembly cannot be read.
     HRESULT GetReaderForFile2(IUnknown* importer, const WCHAR* fileName, const WCHAR* searchPath,
                               ULONG32 searchPolicy, ISymUnmanagedReader** pRetVal) override;
 

@@ -67,7 +67,7 @@ private:
 
 class SymMethod final : public ComObject<ISymUnmanagedMethod> {
 public:
-    SymMethod(std::shared_ptr<const PortablePdb> pdb, mdMethodDef token, std::vector<PdbSequencePoint> points)
+    SymMethod(std::shared_ptr<const DebugSymbols> pdb, mdMethodDef token, std::vector<PdbSequencePoint> points)
         : m_pdb(std::move(pdb)), m_token(token), m_points(std::move(points))
     {
     }
@@ -144,14 +144,14 @@ public:
     }
 
 private:
-    const std::shared_ptr<const PortablePdb> m_pdb;
+    const std::shared_ptr<const DebugSymbols> m_pdb;
     const mdMethodDef m_token;
     const std::vector<PdbSequencePoint> m_points;
 };
 
 } // namespace
 
-SymReader* SymReader::create(std::shared_ptr<const PortablePdb> pdb)
+SymReader* SymReader::create(std::shared_ptr<const DebugSymbols> pdb)
 {
     return new SymReader(std::move(pdb));
 }

@@ -1,0 +1,228 @@
+// Windows PDB files through the symbol binder: every sequence point of the real files against
+// the dumps their origin project asserts, the binder's matching, damaged and cut files.
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/metadata/com_object.h"
+#include "platform/metadata/metadata_import.h"
+#include "platform/metadata/sym_binder.h"
+#include "platform/metadata/windows_pdb.h"
+#include "platform/text.h"
+#include "support/dotnet_testdata.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace velmark_3_11;
+
+HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& reader)
+{
+    const ComPtr<SymBinder> binder(SymBinder::create());
+    return binder->GetReaderForFile2(nullptr, toWide(assembly).c_str(), L"",
+                                     AllowOriginalPathAccess | AllowReferencePathAccess, reader.put());
+}
+
+std::string pointText(ULONG32 offset, ULONG32 line, ULONG32 column, ULONG32 endLine, ULONG32 endColumn,
+                      const std::string& document)
+{
+    char text[96];
+    if (line == kHiddenLine)
+        std::snprintf(text, sizeof text, "%x hidden ", offset);
+    else
+        std::snprintf(text, sizeof text, "%x %u:%u %u:%u ", offset, line, endLine, column, endColumn);
+    return text + document + "\n";
+}
+
+/// Each method with sequence points, as its name and one line per point, in the dump's order.
+std::string expectedMethods(const std::string& dumpPath)
+{
+    const std::vector<unsigned char> bytes = jrtest::readBytes(dumpPath);
+    std::istringstream dump(std::string(bytes.begin(), bytes.end()));
+    const std::regex pair(R"( (\w+)="([^"]*)\")");
+    std::vector<std::string> files(1);
+    std::string text, method, line;
+    while (std::getline(dump, line)) {
+        // A hidden entry names neither lines nor columns.
+        std::map<std::string, std::string> at{
+            {"startLine", std::to_string(kHiddenLine)}, {"startColumn", "0"}, {"endLine", "0"}, {"endColumn", "0"}};
+        for (std::sregex_iterator it(line.begin(), line.end(), pair), end; it != end; ++it)
+            at[(*it)[1]] = (*it)[2];
+        const auto number = [&](const char* name) { return static_cast<ULONG32>(std::stoul(at[name], nullptr, 0)); };
+        if (line.find("<file ") != std::string::npos)
+            files.push_back(at["name"] + (at["checksum"].empty() ? "" : " " + at["checksum"]));
+        else if (line.find("<method ") != std::string::npos)
+            method = at["name"] + "\n";
+        else if (line.find("<entry ") != std::string::npos)
+            text += std::exchange(method, "") + pointText(number("offset"), number("startLine"), number("startColumn"),
+                                                          number("endLine"), number("endColumn"),
+                                                          files.at(number("document")));
+    }
+    return text;
+}
+
+/// A document's name and hash as the dumps show them; every document here is C#.
+std::string describe(ISymUnmanagedDocument& document)
+{
+    const GUID csharp = {0x3F5162F8, 0x07C6, 0x11D3, {0x90, 0x53, 0x00, 0xC0, 0x4F, 0xA3, 0x02, 0xA1}};
+    wchar_t url[256];
+    BYTE hash[64];
+    ULONG32 size = 0;
+    GUID language{};
+    EXPECT_EQ(S_OK, document.GetURL(256, nullptr, url));
+    EXPECT_EQ(S_OK, document.GetCheckSum(64, &size, hash));
+    EXPECT_TRUE(document.GetLanguage(&language) == S_OK && language == csharp);
+    std::string text = toUtf8(url);
+    for (ULONG32 i = 0; i < size; ++i) {
+        char byte[4];
+        std::snprintf(byte, sizeof byte, i == 0 ? " %02X" : "-%02X", hash[i]);
+        text += byte;
+    }
+    return text;
+}
+
+/// The same from the symbol reader, for every method def of `assembly` in token order.
+std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader)
+{
+    MetadataImport* opened = nullptr;
+    EXPECT_EQ(S_OK, MetadataImport::open(jrtest::readBytes(assembly), &opened));
+    const ComPtr<MetadataImport> import(opened);
+    std::string text;
+    wchar_t name[512];
+    mdTypeDef owner = 0;
+    for (mdMethodDef token = mdtMethodDef | 1;
+         import->GetMethodProps(token, &owner, name, 512, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) == S_OK;
+         ++token) {
+        ComPtr<ISymUnmanagedMethod> method;
+        if (reader.GetMethod(token, method.put()) != S_OK)
+            continue;
+        text += toUtf8(name) + "\n";
+        ULONG32 count = 0;
+        EXPECT_EQ(S_OK, method->GetSequencePointCount(&count));
+        std::vector<ULONG32> offsets(count), lines(count), columns(count), endLines(count), endColumns(count);
+        std::vector<ISymUnmanagedDocument*> documents(count);
+        EXPECT_EQ(S_OK, method->GetSequencePoints(count, &count, offsets.data(), documents.data(), lines.data(),
+                                                  columns.data(), endLines.data(), endColumns.data()));
+        for (ULONG32 i = 0; i < count; ++i) {
+            const std::string document = describe(*documents[i]);
+            documents[i]->Release();
+            // A hidden point has no columns and ends where it starts.
+            EXPECT_TRUE(lines[i] != kHiddenLine || endLines[i] + columns[i] + endColumns[i] == kHiddenLine);
+            text += pointText(offsets[i], lines[i], columns[i], endLines[i], endColumns[i], document);
+        }
+    }
+    return text;
+}
+
+TEST(WindowsPdb, EverySequencePointDocumentAndHashAsTheExpectedDumps)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    for (const char* name : {"Documents", "Iterator"}) {
+        SCOPED_TRACE(name);
+        const std::string assembly = folder + "/symreader-converter/windows/" + name + ".dll";
+        ComPtr<ISymUnmanagedReader> reader;
+        ASSERT_EQ(S_OK, readerFor(assembly, reader));
+        const std::string expected =
+            expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
+        EXPECT_NE(std::string::npos, expected.find("hidden"));
+        EXPECT_EQ(expected, readMethods(assembly, *reader.get()));
+    }
+}
+
+/// The offset of the first `pattern` in `bytes`.
+std::size_t find(const std::vector<unsigned char>& bytes, const std::vector<unsigned char>& pattern)
+{
+    const auto found = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
+    EXPECT_NE(bytes.end(), found);
+    return static_cast<std::size_t>(found - bytes.begin());
+}
+
+TEST(WindowsPdb, DamagedFilesFailAsNoContainerOrAsCorrupt)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const std::vector<unsigned char> real = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.pdb");
+    const std::size_t names = find(real, {0xFE, 0xEF, 0xFE, 0xEF});
+    const std::size_t lines = find(real, {0xF2, 0, 0, 0, 0x68, 1, 0, 0});
+    const std::size_t checksums = find(real, {0xF4, 0, 0, 0, 0x68, 0, 0, 0});
+    const std::size_t lastPoint = find(real, {0x62, 0, 0, 0, 0x83, 0, 0, 0x80});
+    const std::size_t directory = 512 * jrtest::get32(real, 512 * jrtest::get32(real, 52));
+    const struct {
+        const char* what;
+        std::size_t at;
+        std::uint32_t value;
+        HRESULT result;
+    } cases[] = {
+        {"intact", 0, 'M', S_OK},
+        {"no magic", 0, 'm', COR_E_BADIMAGEFORMAT},
+        {"odd block size", 32, 500, CLDB_E_FILE_CORRUPT},
+        {"more blocks than the file", 40, 64, CLDB_E_FILE_CORRUPT},
+        {"directory larger than its map", 44, 0x100000, CLDB_E_FILE_CORRUPT},
+        {"directory map outside", 52, 63, CLDB_E_FILE_CORRUPT},
+        {"nil info stream", directory + 8, 0xFFFFFFFF, CLDB_E_FILE_CORRUPT}, // once read at a null base
+        {"string table signature", names, 0, CLDB_E_FILE_CORRUPT},
+        {"lines past their subsection", lines + 4, 0x1000, CLDB_E_FILE_CORRUPT},
+        {"file id past the checksums", lines + 8 + 12, 0x400, CLDB_E_FILE_CORRUPT},
+        {"checksum name past the strings", checksums + 8, 0x4000, CLDB_E_FILE_CORRUPT},
+        {"point past the method's code", lastPoint, 0x64, CLDB_E_FILE_CORRUPT},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<unsigned char> bytes = real;
+        jrtest::put(bytes, c.at, c.value, c.at == 0 ? 1 : 4);
+        HRESULT result = E_FAIL;
+        EXPECT_EQ(c.result == S_OK, static_cast<bool>(WindowsPdb::create(bytes, result)));
+        EXPECT_EQ(c.result, result);
+    }
+}
+
+TEST(WindowsPdb, EveryPrefixOfTheRealFilesFailsCleanly)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    for (const char* name : {"Documents.pdb", "Iterator.pdb"}) {
+        const std::vector<unsigned char> bytes = jrtest::readBytes(folder + "/symreader-converter/windows/" + name);
+        for (std::size_t length = 0; length < bytes.size(); ++length) {
+            HRESULT result = S_OK;
+            ASSERT_FALSE(WindowsPdb::create(std::vector<unsigned char>(bytes.begin(), bytes.begin() + length), result));
+            ASSERT_EQ(length < 32 ? COR_E_BADIMAGEFORMAT : CLDB_E_FILE_CORRUPT, result) << name << " " << length;
+        }
+    }
+}
+
+TEST(WindowsPdb, BinderTakesOnlyTheFileOfThisBuild)
+{
+    JR_REQUIRE_DOTNET_TESTDATA(folder);
+    const jrtest::TempDir temp;
+    const std::vector<unsigned char> dll = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.dll");
+    const std::vector<unsigned char> pdb = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.pdb");
+    std::vector<unsigned char> olderDll = dll, otherPdb = pdb;
+    jrtest::put(olderDll, find(dll, {'R', 'S', 'D', 'S'}) + 20, 2); // the CodeView age
+    otherPdb[find(pdb, {0x9A, 0x36, 0x63, 0x81})] ^= 1;             // the signature
+    const struct {
+        const char* what;
+        const std::vector<unsigned char>& assembly;
+        const std::vector<unsigned char>& debugFile;
+        HRESULT result;
+    } cases[] = {
+        {"same build", dll, pdb, S_OK},
+        {"another age", olderDll, pdb, HRESULT_FILE_NOT_FOUND},
+        {"another signature", dll, otherPdb, HRESULT_FILE_NOT_FOUND},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        // The CodeView path names no file here; the one beside the assembly is found.
+        const std::string assembly = temp.write(std::string(c.what) + "/Documents.dll", c.assembly);
+        temp.write(std::string(c.what) + "/Documents.pdb", c.debugFile);
+        ComPtr<ISymUnmanagedReader> reader;
+        EXPECT_EQ(c.result, readerFor(assembly, reader));
+        EXPECT_EQ(c.result == S_OK, static_cast<bool>(reader));
+    }
+}
+
+} // namespace
