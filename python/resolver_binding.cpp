@@ -184,9 +184,12 @@ public:
             if (m_fullNames != fullNames) {
                 m_outcomes.clear();
                 m_outcomeOf.clear();
+                m_moduleOutcome.clear();
+                ++m_generation;
                 m_fullNames = fullNames;
             }
             std::string reason;
+            std::vector<FrameRef> refs;
             for (py::ssize_t i = 0; i < count; ++i) {
                 const std::int64_t code = hostCodes[i];
                 const unsigned int hostId =
@@ -197,23 +200,10 @@ public:
                                                      m_points.lazy() ? &lazyModule : nullptr);
                 std::int32_t outcome = -1;
                 if (status == PointStatus::resolved) {
-                    // Points at one jit rva share their answer, found once.
-                    const auto known = m_outcomeOf.find(jitRva);
-                    if (known != m_outcomeOf.end()) {
-                        outcome = known->second;
-                    } else {
-                        Outcome fresh;
-                        if (m_points.lazy())
-                            fresh.module = lazyModule;
-                        else
-                            fresh.status = m_points.describe(jitRva, fullNames, fresh.module, fresh.frames, reason);
-                        outcome = static_cast<std::int32_t>(m_outcomes.size());
-                        m_outcomes.push_back(std::move(fresh));
-                        m_outcomeOf.emplace(jitRva, outcome);
-                    }
-                    status = m_outcomes[outcome].status;
-                    if (status != PointStatus::resolved)
-                        outcome = -1;
+                    if (m_points.lazy())
+                        outcome = intern(lazyModule);
+                    else if ((status = m_points.frameRefs(jitRva, refs, reason)) == PointStatus::resolved)
+                        outcome = intern(refs, fullNames);
                 }
                 rvaOut[i] = status == PointStatus::resolved ? jitRva : 0;
                 statusOut[i] = static_cast<std::uint8_t>(status);
@@ -234,15 +224,72 @@ public:
 
 private:
     struct Outcome {
-        PointStatus status = PointStatus::resolved;
         std::string module;
         std::vector<StackFrame> frames;
     };
 
+    /// What tells outcomes apart: each frame's method and line.
+    typedef std::vector<std::pair<const ISymbol*, unsigned int>> OutcomeKey;
+    struct KeyHash {
+        std::size_t operator()(const OutcomeKey& key) const
+        {
+            std::uint64_t hash = key.size();
+            for (const auto& frame : key) {
+                hash ^= reinterpret_cast<std::uintptr_t>(frame.first) + (std::uint64_t(frame.second) << 48);
+                // splitmix64's finaliser: every bit of the pointer and line reaches the low bits
+                hash = (hash ^ (hash >> 30)) * 0xbf58476d1ce4e5b9ULL;
+                hash = (hash ^ (hash >> 27)) * 0x94d049bb133111ebULL;
+                hash ^= hash >> 31;
+            }
+            return static_cast<std::size_t>(hash);
+        }
+    };
+
+    /// The outcome of frames, made into text the first time that they occur.
+    std::int32_t intern(const std::vector<FrameRef>& refs, bool fullNames)
+    {
+        m_key.clear();
+        for (const FrameRef& ref : refs)
+            m_key.emplace_back(ref.symbol.get(), ref.location ? ref.location->getLine() : 0);
+        const auto known = m_outcomeOf.find(m_key);
+        if (known != m_outcomeOf.end())
+            return known->second;
+        Outcome outcome;
+        outcome.module = moduleName(*refs.front().symbol);
+        outcome.frames = textFrames(refs, fullNames);
+        return add(m_key, std::move(outcome));
+    }
+
+    /// The outcome of a lazily opened resolver: the module alone.
+    std::int32_t intern(const std::string& module)
+    {
+        const auto known = m_moduleOutcome.find(module);
+        if (known != m_moduleOutcome.end())
+            return known->second;
+        Outcome outcome;
+        outcome.module = module;
+        const std::int32_t index = add(OutcomeKey(), std::move(outcome));
+        m_moduleOutcome.emplace(module, index);
+        return index;
+    }
+
+    std::int32_t add(const OutcomeKey& key, Outcome outcome)
+    {
+        const auto index = static_cast<std::int32_t>(m_outcomes.size());
+        m_outcomes.push_back(std::move(outcome));
+        if (!key.empty())
+            m_outcomeOf.emplace(key, index);
+        return index;
+    }
+
     /// The outcomes as Python tuples; built for those new since the last call only.
     py::list outcomeTuples()
     {
-        py::gil_scoped_acquire gil;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_objectsGeneration != m_generation) {
+            m_outcomeObjects = py::list();
+            m_objectsGeneration = m_generation;
+        }
         for (std::size_t i = m_outcomeObjects.size(); i < m_outcomes.size(); ++i) {
             const Outcome& outcome = m_outcomes[i];
             py::list inlined;
@@ -272,8 +319,12 @@ private:
     SampleResolver m_points;
     std::mutex m_mutex;
     bool m_fullNames = false;
+    unsigned int m_generation = 0; ///< counts the times that the outcomes were dropped
+    unsigned int m_objectsGeneration = 0;
     std::vector<Outcome> m_outcomes;
-    std::unordered_map<unsigned long long, std::int32_t> m_outcomeOf;
+    std::unordered_map<OutcomeKey, std::int32_t, KeyHash> m_outcomeOf;
+    std::unordered_map<std::string, std::int32_t> m_moduleOutcome;
+    OutcomeKey m_key;
     py::list m_outcomeObjects;
 };
 

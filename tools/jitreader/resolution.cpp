@@ -59,20 +59,25 @@ int readSampleFile(const std::string& command, const std::string& path, std::vec
     return 0;
 }
 
-std::vector<StackFrame> textFrames(const boost::intrusive_ptr<ISymbol>& symbol, unsigned long long jitRva,
-                                   bool fullNames)
+} // namespace
+
+std::vector<StackFrame> textFrames(const std::vector<FrameRef>& refs, bool fullNames)
 {
     std::vector<StackFrame> frames;
-    for (const Frame& frame : framesAt(symbol, jitRva)) {
-        const std::string fullName = fullNames ? toUtf8(frame.symbol->getFullName()) : std::string();
-        frames.push_back(StackFrame{fullName.empty() ? qualifiedName(*frame.symbol) : fullName,
-                                    toUtf8(frame.symbol->getClassName()), moduleName(*frame.symbol), frame.source,
-                                    frame.line});
+    for (const FrameRef& ref : refs) {
+        const ISymbol& symbol = *ref.symbol;
+        const std::string fullName = fullNames ? toUtf8(symbol.getFullName()) : std::string();
+        StackFrame frame{fullName.empty() ? qualifiedName(symbol) : fullName, toUtf8(symbol.getClassName()),
+                         moduleName(symbol), sourceFileName(symbol), 0};
+        if (ref.location) {
+            frame.line = ref.location->getLine();
+            if (const boost::intrusive_ptr<ISourceFile> file = ref.location->getSourceFile())
+                frame.source = toUtf8(file->getName());
+        }
+        frames.push_back(std::move(frame));
     }
     return frames;
 }
-
-} // namespace
 
 bool SampleResolver::open(const std::vector<std::string>& directories, bool lazy,
                           const std::vector<std::string>& symbolDirectories, const LoadProgress& progress)
@@ -132,17 +137,27 @@ PointStatus SampleResolver::locate(unsigned long long time, unsigned long long a
     return PointStatus::resolved;
 }
 
-PointStatus SampleResolver::describe(unsigned long long jitRva, bool fullNames, std::string& module,
-                                     std::vector<StackFrame>& frames, std::string& reason)
+PointStatus SampleResolver::frameRefs(unsigned long long jitRva, std::vector<FrameRef>& frames, std::string& reason)
 {
     const boost::intrusive_ptr<ISymbol> symbol = m_resolver ? m_resolver->resolveSymbol(jitRva) : nullptr;
     if (!symbol) {
         reason = "jit rva " + hex(jitRva) + " names no method";
         return PointStatus::error;
     }
-    module = moduleName(*symbol);
-    frames = textFrames(symbol, jitRva, fullNames);
+    frames = frameRefsAt(symbol, jitRva);
     return PointStatus::resolved;
+}
+
+PointStatus SampleResolver::describe(unsigned long long jitRva, bool fullNames, std::string& module,
+                                     std::vector<StackFrame>& frames, std::string& reason)
+{
+    std::vector<FrameRef> refs;
+    const PointStatus status = frameRefs(jitRva, refs, reason);
+    if (status == PointStatus::resolved) {
+        module = moduleName(*refs.front().symbol);
+        frames = textFrames(refs, fullNames);
+    }
+    return status;
 }
 
 ResolvedPoint SampleResolver::resolve(const SamplePoint& sample, unsigned int hostId, bool fullNames)

@@ -9,6 +9,7 @@
 #include "jitreader/jitreader.h"
 #include "jitreader/jit_files_manager.h"
 #include "samples.h"
+#include "symbols.h"
 
 namespace jitreader_tool {
 
@@ -42,6 +43,9 @@ struct Resolution {
     std::size_t processesAll = 0;  ///< processes with traces
 };
 
+/// Frames as text; `fullNames` names methods with their parameter lists where known.
+std::vector<StackFrame> textFrames(const std::vector<FrameRef>& refs, bool fullNames);
+
 /// One set of result directories opened for resolving points, one after another or from
 /// several threads at once.
 class SampleResolver {
@@ -69,6 +73,9 @@ public:
     /// (with `reason`) when no method holds it.
     PointStatus describe(unsigned long long jitRva, bool fullNames, std::string& module,
                          std::vector<StackFrame>& frames, std::string& reason);
+    /// The second step as the library's objects: the frames at a located jit rva, outermost
+    /// first; `error` (with `reason`) when no method holds it.
+    PointStatus frameRefs(unsigned long long jitRva, std::vector<FrameRef>& frames, std::string& reason);
     /// Both steps for one point.
     ResolvedPoint resolve(const SamplePoint& sample, unsigned int hostId, bool fullNames);
 
