@@ -1,4 +1,6 @@
 """A fleet's samples on a local Dask cluster of two worker processes give the answer of one process."""
+import subprocess
+
 import dask.dataframe as dd
 import pandas as pd
 import pytest
@@ -6,6 +8,7 @@ from distributed import Client, LocalCluster
 
 import jitreader
 import jitreader.dask
+from conftest import SAMPLE_GEN
 
 
 @pytest.fixture(scope="module")
@@ -42,3 +45,23 @@ def test_per_host_resolvers_name_what_one_resolver_over_the_whole_fleet_names(fl
 def test_bad_arguments_raise_before_any_work(fleet, fleet_samples, samples, root, error, message):
     with pytest.raises(error, match=message):
         jitreader.dask.resolve(dd.from_pandas(samples(fleet_samples), npartitions=2), root(fleet))
+
+
+def test_a_generated_fleet_has_a_folder_per_host_and_the_samples_asked_for(fleet, fleet_samples):
+    hosts = sorted(path.name for path in fleet.iterdir() if path.is_dir())
+    assert hosts == [f"host{i:03d}.fleet" for i in range(4)]
+    assert len(fleet_samples) == 3000
+    for host in hosts:
+        processes = jitreader.Resolver(jitreader.dask.host_directories(fleet, host)).processes()
+        assert [name for name, _ in processes] == [host, host]
+
+
+@pytest.mark.parametrize("args", [
+    ["--hosts", "0"], ["--hosts", "x"], ["--hosts", "2", "--processes", "0"], ["--processes", "2"],
+    ["--hosts", "2", "--samples", "-5"],
+])
+def test_sample_gen_refuses_a_bad_fleet_shape(tmp_path, args):
+    result = subprocess.run([SAMPLE_GEN, *args, str(tmp_path / "out")], capture_output=True, text=True)
+    assert result.returncode == 2
+    assert result.stderr.startswith("usage: jitreader-sample-gen")
+    assert not (tmp_path / "out").exists()
