@@ -26,7 +26,7 @@ def store_rate(build):
 
 def main(build):
     with tempfile.TemporaryDirectory(dir=build) as root:
-        subprocess.run([os.path.join(build, "tools", "jitreader-sample-gen"), "--hosts", "32", "--processes", "16",
+        subprocess.run([os.path.join(build, "tools", "jitreader-sample-gen"), "--hosts", "32", "--processes", "4",
                         "--samples", str(SAMPLES), root], check=True, capture_output=True)
         samples = jitreader.read_samples(os.path.join(root, "fleet.samples"))
         hosts = sorted(entry.path for entry in os.scandir(root) if entry.is_dir())

@@ -67,14 +67,9 @@ std::vector<StackFrame> textFrames(const std::vector<FrameRef>& refs, bool fullN
     for (const FrameRef& ref : refs) {
         const ISymbol& symbol = *ref.symbol;
         const std::string fullName = fullNames ? toUtf8(symbol.getFullName()) : std::string();
-        StackFrame frame{fullName.empty() ? qualifiedName(symbol) : fullName, toUtf8(symbol.getClassName()),
-                         moduleName(symbol), sourceFileName(symbol), 0};
-        if (ref.location) {
-            frame.line = ref.location->getLine();
-            if (const boost::intrusive_ptr<ISourceFile> file = ref.location->getSourceFile())
-                frame.source = toUtf8(file->getName());
-        }
-        frames.push_back(std::move(frame));
+        Frame text = frameOf(ref);
+        frames.push_back(StackFrame{fullName.empty() ? qualifiedName(symbol) : fullName, toUtf8(symbol.getClassName()),
+                                    moduleName(symbol), std::move(text.source), text.line});
     }
     return frames;
 }

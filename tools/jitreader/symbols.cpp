@@ -52,20 +52,24 @@ std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<ISymbol>& method, u
     return frames;
 }
 
+Frame frameOf(const FrameRef& ref)
+{
+    Frame frame;
+    frame.symbol = ref.symbol;
+    frame.source = sourceFileName(*ref.symbol);
+    if (ref.location) {
+        frame.line = ref.location->getLine();
+        if (const boost::intrusive_ptr<ISourceFile> file = ref.location->getSourceFile())
+            frame.source = toUtf8(file->getName());
+    }
+    return frame;
+}
+
 std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
 {
     std::vector<Frame> frames;
-    for (const FrameRef& ref : frameRefsAt(method, jitRva)) {
-        Frame frame;
-        frame.symbol = ref.symbol;
-        frame.source = sourceFileName(*ref.symbol);
-        if (ref.location) {
-            frame.line = ref.location->getLine();
-            if (const boost::intrusive_ptr<ISourceFile> file = ref.location->getSourceFile())
-                frame.source = toUtf8(file->getName());
-        }
-        frames.push_back(std::move(frame));
-    }
+    for (const FrameRef& ref : frameRefsAt(method, jitRva))
+        frames.push_back(frameOf(ref));
     return frames;
 }
 

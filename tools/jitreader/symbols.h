@@ -32,6 +32,9 @@ struct FrameRef {
 std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method,
                                   unsigned long long jitRva);
 
+/// A frame in text: the source file and line of the point.
+Frame frameOf(const FrameRef& ref);
+
 /// The frames at `jitRva`: the method itself first, then the methods inlined into it at
 /// that point, outermost to innermost.
 std::vector<Frame> framesAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method, unsigned long long jitRva);
