@@ -108,14 +108,16 @@ public:
     py::dict methods()
     {
         boost::intrusive_ptr<ISymbolResolver> resolver = m_points.resolver();
-        if (!resolver) {
-            // A lazy resolver has read no method; the list needs them all.
+        if (!resolver && !m_listing) {
+            // A lazy resolver has read no method; the list needs them all, read once.
             py::gil_scoped_release release;
             const ReadFailures failures(m_log);
             auto iterator = directoryIterator(m_directories);
             boost::intrusive_ptr<ISymbolFileLocator> locator = symbolLocator(m_symbols);
-            resolver = ISymbolResolver::create(iterator, locator);
+            m_listing = ISymbolResolver::create(iterator, locator);
         }
+        if (!resolver)
+            resolver = m_listing;
         if (!resolver)
             raise(PyExc_ValueError, "the result directories could not be read");
         std::vector<unsigned int> rawIds;
@@ -317,6 +319,7 @@ private:
     std::vector<std::string> m_symbols;
     std::ostringstream m_log;
     SampleResolver m_points;
+    boost::intrusive_ptr<ISymbolResolver> m_listing; ///< of a lazy resolver, for methods()
     std::mutex m_mutex;
     bool m_fullNames = false;
     unsigned int m_generation = 0; ///< counts the times that the outcomes were dropped
