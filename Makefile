@@ -12,7 +12,7 @@ FUZZ_SECONDS ?= 60
 FUZZ_TARGETS ?= trace_file java_names metadata signature clr_symreader jitdump windows_pdb
 FUZZ_MAX_LEN ?= 65536
 
-.PHONY: all deps build test check-sanitize check-tsan demo bench fuzz clean
+.PHONY: all deps build test check-sanitize check-tsan demo bench bench-fleet fuzz clean
 
 all: build
 
@@ -65,6 +65,12 @@ demo: build
 
 bench: build
 	@for b in $(BUILD_DIR)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
+	PYTHONPATH=$(BUILD_DIR)/python /usr/bin/python3 bench/resolve_bench.py $(BUILD_DIR)
+
+# One process against a local Dask cluster of two workers on a fleet of 32 hosts and 10 million
+# samples (some minutes, and 0.5 GB of samples in the build folder).
+bench-fleet: build
+	PYTHONPATH=$(BUILD_DIR)/python /usr/bin/python3 bench/fleet_bench.py $(BUILD_DIR)
 
 fuzz: deps
 	CXX=clang++ cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=Debug -DJITREADER_FUZZ=ON -DJITREADER_BENCH=OFF -DJITREADER_WERROR=OFF

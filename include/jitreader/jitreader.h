@@ -7,5 +7,6 @@
 #include "jitreader/error.h"
 #include "jitreader/jit_loader.h"
 #include "jitreader/jit_processes.h"
+#include "jitreader/load_progress.h"
 #include "jitreader/symbol.h"
 #include "jitreader/symbol_resolver.h"

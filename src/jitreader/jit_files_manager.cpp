@@ -196,7 +196,7 @@ JitFilesManager::JitProcessEntry* JitFilesManager::findProcess(unsigned int proc
 }
 
 void JitFilesManager::readProcess(unsigned int processId, unsigned int hostId, const JitProcessEntry& process,
-                                  decoding_mode_t mode, JitDataManager& dataManager) const
+                                  decoding_mode_t mode, JitDataManager& dataManager, ReadCount* count) const
 {
     // Lookups share the store; a read has it to itself.
     std::unique_lock<std::shared_mutex> storeLock(dataManager.accessMutex());
@@ -213,14 +213,29 @@ void JitFilesManager::readProcess(unsigned int processId, unsigned int hostId, c
             decoder.setOverflowWindow(file.firstJitRva + file.size, file.index);
         if (readJitFile(decoder, m_bitnessFilter, dataManager) != meSuccess)
             VM_ERROR_AT(L"Could not read jit file " << file.path);
+        if (count && count->progress->callback) {
+            count->done += file.size;
+            count->progress->callback(count->done, count->total, count->progress->context);
+        }
     }
 }
 
-velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManager& dataManager)
+velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManager& dataManager,
+                                              const LoadProgress& progress)
 {
     boost::unique_lock<boost::mutex> lock(m_readMutex);
     if (m_allRead)
         return meSuccess;
+
+    ReadCount count;
+    count.progress = &progress;
+    for (const auto& host : m_hosts)
+        for (const auto& process : host.second)
+            if (!process.second.read)
+                for (const JitFileEntry& file : process.second.files)
+                    count.total += file.size;
+    if (progress.callback)
+        progress.callback(0, count.total, progress.context);
 
     for (auto& host : m_hosts) {
         for (auto& process : host.second) {
@@ -228,7 +243,7 @@ velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManag
                 continue;
             // A file that fails is not retried: the process counts as read all the same.
             process.second.read = true;
-            readProcess(process.first, host.first, process.second, mode, dataManager);
+            readProcess(process.first, host.first, process.second, mode, dataManager, &count);
         }
     }
     m_allRead = true;

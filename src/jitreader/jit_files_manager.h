@@ -13,6 +13,7 @@
 #include "basekit2/generic_iterator.h"
 #include "jitreader/error.h"
 #include "jitreader/jit_file_decoder.h"
+#include "jitreader/load_progress.h"
 
 namespace velmark_3_11 {
 
@@ -60,8 +61,9 @@ public:
     basekit2::generic_iterator_t<unsigned int> getProcessIds();
 
     /// Reads every file not yet read into `dataManager`; files that fail are logged and
-    /// skipped. Always meSuccess.
-    velmark_error_t readAllFiles(decoding_mode_t mode, JitDataManager& dataManager);
+    /// skipped. Always meSuccess. `progress` hears of the bytes read after each file.
+    velmark_error_t readAllFiles(decoding_mode_t mode, JitDataManager& dataManager,
+                                 const LoadProgress& progress = LoadProgress());
     /// Reads the files of one process, once: meSuccess, also when a file failed (that is logged,
     /// and what the files gave stays), or meFail for an unknown process.
     velmark_error_t readProcessFiles(unsigned int processId, unsigned int hostId, decoding_mode_t mode,
@@ -73,9 +75,15 @@ private:
     velmark_error_t registerFile(const std::wstring& path, const std::wstring& name,
                                  unsigned long long& runningJitRva);
     JitProcessEntry* findProcess(unsigned int processId, unsigned int hostId);
+    /// Bytes read so far and in all, for a progress callback.
+    struct ReadCount {
+        const LoadProgress* progress = nullptr;
+        unsigned long long done = 0;
+        unsigned long long total = 0;
+    };
     /// Reads all files of a process into `dataManager`, logging each that fails.
     void readProcess(unsigned int processId, unsigned int hostId, const JitProcessEntry& process, decoding_mode_t mode,
-                     JitDataManager& dataManager) const;
+                     JitDataManager& dataManager, ReadCount* count = nullptr) const;
 
     std::vector<const wchar_t*> m_hostNames;
     std::map<std::wstring, unsigned int> m_hostIds;

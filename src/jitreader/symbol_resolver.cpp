@@ -96,11 +96,12 @@ public:
     }
 
     /// Registers and reads every trace file; false when the scan failed.
-    bool initialize(basekit2::generic_iterator_t<const wchar_t*>& directories, unsigned int bitnessFilter)
+    bool initialize(basekit2::generic_iterator_t<const wchar_t*>& directories, unsigned int bitnessFilter,
+                    const LoadProgress& progress)
     {
         if (m_filesManager.scanDirectories(directories, bitnessFilter) != meSuccess)
             return false;
-        m_filesManager.readAllFiles(decoding_mode_full, m_dataManager);
+        m_filesManager.readAllFiles(decoding_mode_full, m_dataManager, progress);
         m_ready = true;
         return true;
     }
@@ -227,11 +228,12 @@ private:
 
 boost::intrusive_ptr<ISymbolResolver> createResolver(basekit2::generic_iterator_t<const wchar_t*>& directories,
                                                      boost::intrusive_ptr<ISymbolFileLocator>& locator,
-                                                     unsigned int bitnessFilter)
+                                                     unsigned int bitnessFilter,
+                                                     const LoadProgress& progress = LoadProgress())
 {
     return guardBoundary(L"ISymbolResolver::create", boost::intrusive_ptr<ISymbolResolver>(), [&] {
         std::unique_ptr<SymbolResolver> resolver(new SymbolResolver(locator));
-        if (!resolver->initialize(directories, bitnessFilter))
+        if (!resolver->initialize(directories, bitnessFilter, progress))
             return boost::intrusive_ptr<ISymbolResolver>();
         return boost::intrusive_ptr<ISymbolResolver>(resolver.release());
     });
@@ -251,6 +253,13 @@ boost::intrusive_ptr<ISymbolResolver> ISymbolResolver::create(basekit2::generic_
 {
     // 32-bit records for farad32; every other architecture reads 64-bit records.
     return createResolver(directories, locator, arch == farad32 ? 1 : 2);
+}
+
+boost::intrusive_ptr<ISymbolResolver> createSymbolResolver(basekit2::generic_iterator_t<const wchar_t*>& directories,
+                                                           boost::intrusive_ptr<ISymbolFileLocator>& locator,
+                                                           const LoadProgress& progress)
+{
+    return createResolver(directories, locator, 0, progress);
 }
 
 } // namespace velmark_3_11

@@ -33,4 +33,16 @@ for program in "$work/with-cmake/consumer" "$work/with-pkg-config"; do
     *) echo "$program printed '$out'; the installed jitreader counts $methods methods"; exit 1 ;;
     esac
 done
+
+# The Python module, where the build has it (not under the sanitizers), imported from the prefix.
+site=$prefix/lib/python3/dist-packages
+if [ -d "$site/jitreader" ]; then
+    counted=$(cd "$work" && PYTHONPATH="$site" /usr/bin/python3 -c \
+        'import sys, jitreader; print(len(jitreader.Resolver(sys.argv[1:]).methods()), jitreader.__file__)' \
+        "$work/demo/alpha" "$work/demo/beta")
+    case "$counted" in
+    "$methods $site/jitreader/__init__.py") ;;
+    *) echo "the installed Python module printed '$counted'; the installed jitreader counts $methods methods"; exit 1 ;;
+    esac
+fi
 echo "installed, and built against with CMake and pkg-config: $methods methods"

@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "demo_traces.h"
+#include "progress_line.h"
 #include "samples.h"
 #include "support/dotnet_testdata.h"
 #include "support/temp_dir.h"
@@ -140,6 +141,44 @@ TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatu
         EXPECT_EQ(c.code, result.code) << result.err;
         EXPECT_NE(std::string::npos, result.err.find(c.message)) << result.err;
     }
+}
+
+TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnlyAndQuietIsAccepted)
+{
+    const struct {
+        unsigned long long done, total;
+        const char* text;
+    } cases[] = {
+        {0, 200ull << 20, "reading traces: 0% (0.0 of 200.0 MB)"},
+        {90ull << 20, 200ull << 20, "reading traces: 45% (90.0 of 200.0 MB)"},
+        {200ull << 20, 200ull << 20, "reading traces: 100% (200.0 of 200.0 MB)"},
+        {0, 0, "reading traces: 100% (0.0 of 0.0 MB)"}, // nothing to read
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.text, progressText(c.done, c.total));
+
+    // A file is no terminal: nothing is drawn, so no callback is handed to the library.
+    std::FILE* file = std::tmpfile();
+    ASSERT_NE(nullptr, file);
+    for (const bool enabled : {true, false}) {
+        ProgressLine line(file, enabled);
+        EXPECT_EQ(nullptr, line.progress().callback);
+    }
+    EXPECT_EQ(0L, std::ftell(file));
+    std::fclose(file);
+
+    jrtest::TempDir root;
+    jitreader_demo::writeDemoResults(root.path(), "");
+    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
+    const std::vector<std::string> dirs{root.file("alpha"), root.file("beta")};
+    for (auto command : {runResolve, runReport}) {
+        std::vector<std::string> args = dirs;
+        args.insert(args.end(), {"--samples", samples, "--quiet"});
+        EXPECT_EQ(0, run(command, args).code);
+    }
+    std::vector<std::string> args = dirs;
+    args.push_back("--quiet");
+    EXPECT_EQ(0, run(runMethods, args).code);
 }
 
 // The machine formats and help texts on the demo are tests/tool/tool_output_test.py's.

@@ -4,6 +4,7 @@
 #include "jitreader/jit_method.h"
 #include "jitreader/method_dump.h"
 #include "options.h"
+#include "progress_line.h"
 #include "platform/text.h"
 #include "read_failures.h"
 #include "result_directories.h"
@@ -21,6 +22,7 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     options.flag("dump", "print the full dump of each method (regions, disassembly, line tables)")
         .option("format", "FORMAT", "table (default), csv, json or jsonl (one JSON object a line)")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .flag("quiet", "show no progress line while the traces are read")
         .option("symbols", "DIR", "fill in .NET methods from the assemblies and .pdb files here (repeatable)")
         .example("jitreader methods demo/alpha demo/beta --format csv");
     if (!options.parse(args, out, err))
@@ -36,7 +38,11 @@ int runMethods(const std::vector<std::string>& args, std::ostream& out, std::ost
     const ReadFailures readFailures(err);
     auto iterator = directoryIterator(directories);
     boost::intrusive_ptr<ISymbolFileLocator> locator = symbolLocator(options.values("symbols"));
-    const boost::intrusive_ptr<ISymbolResolver> resolver = ISymbolResolver::create(iterator, locator);
+    boost::intrusive_ptr<ISymbolResolver> resolver;
+    {
+        ProgressLine progressLine(stderr, !options.has("quiet"));
+        resolver = createSymbolResolver(iterator, locator, progressLine.progress());
+    }
     if (!resolver) {
         err << "jitreader methods: the result directories could not be read\n";
         return 1;

@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "options.h"
+#include "progress_line.h"
 #include "read_failures.h"
 #include "resolution.h"
 #include "result_directories.h"
@@ -202,6 +203,7 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
         .option("top", "N", "show the N largest entries of each section (default 10)")
         .flag("folded", "print each distinct inline chain as 'outer;inner;innermost COUNT' instead")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .flag("quiet", "show no progress line while the traces are read")
         .example("jitreader report demo/alpha demo/beta --samples samples/demo.samples --top 5")
         .example("jitreader report demo/alpha demo/beta --samples samples/demo.samples --folded > demo.folded");
     if (!options.parse(args, out, err))
@@ -236,8 +238,12 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
 
     const ReadFailures readFailures(err);
     Resolution resolution;
-    if (const int code = resolveSampleFile("report", directories, options.value("samples"), false, resolution, err))
-        return code;
+    {
+        ProgressLine progressLine(stderr, !options.has("quiet"));
+        if (const int code = resolveSampleFile("report", directories, options.value("samples"), false, resolution,
+                                             err, {}, false, progressLine.progress()))
+            return code;
+    }
     const std::vector<Stack> stacks = collectStacks(resolution.points);
     if (options.has("folded")) {
         writeFolded(out, stacks);

@@ -1,5 +1,6 @@
 #include "commands.h"
 #include "options.h"
+#include "progress_line.h"
 #include "read_failures.h"
 #include "resolution.h"
 #include "result_directories.h"
@@ -121,6 +122,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         .flag("folded", "print each distinct inline chain as 'outer;inner;innermost COUNT' instead")
         .flag("lazy", "only read the processes that the samples name, and give jit rva and module")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .flag("quiet", "show no progress line while the traces are read")
         .option("symbols", "DIR", "look for .NET assemblies and their .pdb files here (repeatable)")
         .flag("full-names", "name methods with their parameter lists where known")
         .example("jitreader resolve demo/alpha demo/beta --samples samples/demo.samples --format json")
@@ -152,9 +154,13 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
 
     const ReadFailures readFailures(err);
     Resolution resolution;
-    if (const int code = resolveSampleFile("resolve", directories, options.value("samples"), lazy, resolution, err,
-                                         options.values("symbols"), options.has("full-names")))
-        return code;
+    {
+        ProgressLine progressLine(stderr, !options.has("quiet"));
+        if (const int code = resolveSampleFile("resolve", directories, options.value("samples"), lazy, resolution,
+                                             err, options.values("symbols"), options.has("full-names"),
+                                             progressLine.progress()))
+            return code;
+    }
 
     if (folded)
         writeFolded(out, collectStacks(resolution.points));

@@ -28,26 +28,9 @@ std::string sourceFileName(const ISymbol& symbol)
     return file ? toUtf8(file->getName()) : std::string();
 }
 
-namespace {
-
-Frame frameOf(const boost::intrusive_ptr<ISymbol>& symbol, unsigned long long jitRva)
+std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
 {
-    Frame frame;
-    frame.symbol = symbol;
-    frame.source = sourceFileName(*symbol);
-    if (const boost::intrusive_ptr<ISourceLocation> location = symbol->getSourceLocation(jitRva)) {
-        frame.line = location->getLine();
-        if (const boost::intrusive_ptr<ISourceFile> file = location->getSourceFile())
-            frame.source = toUtf8(file->getName());
-    }
-    return frame;
-}
-
-} // namespace
-
-std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
-{
-    std::vector<Frame> frames{frameOf(method, jitRva)};
+    std::vector<FrameRef> frames{FrameRef{method, method->getSourceLocation(jitRva)}};
     boost::intrusive_ptr<ICodeRegion> region;
     for (auto regions = method->getCodeRegions(); !regions.at_end(); regions.next()) {
         const boost::intrusive_ptr<ICodeRegion> candidate = regions.current();
@@ -59,13 +42,34 @@ std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigne
     // Descend through the inlines that hold the point; the depth is bounded by the data, and
     // a region never holds itself.
     while (region) {
-        const boost::intrusive_ptr<ISymbol> inlined = region->getInlinedMethod(jitRva);
+        boost::intrusive_ptr<ISymbol> inlined = region->getInlinedMethod(jitRva);
         const boost::intrusive_ptr<ICodeRegion> inner = region->getInlinedRegion(jitRva);
         if (!inlined || !inner || inner == region)
             break;
-        frames.push_back(frameOf(inlined, jitRva));
+        frames.push_back(FrameRef{inlined, inlined->getSourceLocation(jitRva)});
         region = inner;
     }
+    return frames;
+}
+
+Frame frameOf(const FrameRef& ref)
+{
+    Frame frame;
+    frame.symbol = ref.symbol;
+    frame.source = sourceFileName(*ref.symbol);
+    if (ref.location) {
+        frame.line = ref.location->getLine();
+        if (const boost::intrusive_ptr<ISourceFile> file = ref.location->getSourceFile())
+            frame.source = toUtf8(file->getName());
+    }
+    return frame;
+}
+
+std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
+{
+    std::vector<Frame> frames;
+    for (const FrameRef& ref : frameRefsAt(method, jitRva))
+        frames.push_back(frameOf(ref));
     return frames;
 }
 

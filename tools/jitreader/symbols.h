@@ -22,6 +22,19 @@ struct Frame {
     unsigned int line = 0; ///< 0 when unknown
 };
 
+/// One frame as the library's objects: a method and where the point lies in it.
+struct FrameRef {
+    boost::intrusive_ptr<velmark_3_11::ISymbol> symbol;
+    boost::intrusive_ptr<velmark_3_11::ISourceLocation> location; ///< null when unknown
+};
+
+/// The frames at `jitRva` as objects, in the order of framesAt; nothing turned into text yet.
+std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method,
+                                  unsigned long long jitRva);
+
+/// A frame in text: the source file and line of the point.
+Frame frameOf(const FrameRef& ref);
+
 /// The frames at `jitRva`: the method itself first, then the methods inlined into it at
 /// that point, outermost to innermost.
 std::vector<Frame> framesAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method, unsigned long long jitRva);

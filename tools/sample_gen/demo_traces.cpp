@@ -400,4 +400,56 @@ void writeDemoResults(const std::string& directory, const std::string& samplesPa
     writeSamples(samplesPath, samples);
 }
 
+void writeFleet(const std::string& directory, const FleetShape& shape, const std::string& samplesPath)
+{
+    struct Process {
+        std::string host;
+        unsigned int pid;
+        std::vector<Placed> methods;
+    };
+    std::vector<Process> processes;
+    Random random(20261123);
+    for (unsigned int h = 0; h < shape.hosts; ++h) {
+        char host[32];
+        std::snprintf(host, sizeof host, "host%03u.fleet", h);
+        const fs::path folder = fs::path(directory) / host;
+        fs::create_directories(folder);
+        for (unsigned int p = 0; p < shape.processes; ++p) {
+            TraceWriter trace;
+            std::uint32_t nextId = 1;
+            const bool shop = (h + p) % 2 == 0;
+            const unsigned int pid = 1000 + p * 7 + h % 5;
+            processes.push_back(Process{host, pid,
+                                        writeJavaProcess(trace, random, shop ? kShopMethods : kReportMethods,
+                                                         shop ? 10 : 5, 0x7f3a10000000ULL + p * 0x100000ULL,
+                                                         1000000 + p * 1000, 2, 60, nextId)});
+            write(trace, folder, std::string(host) + "." + std::to_string(pid) + ".jit");
+        }
+    }
+
+    std::FILE* file = std::fopen(samplesPath.c_str(), "w");
+    if (!file)
+        throw std::runtime_error("cannot write " + samplesPath);
+    std::fprintf(file, "# time stamp, address, process id, host name\n");
+    for (unsigned long long i = 0; i < shape.samples && !processes.empty(); ++i) {
+        const Process& process = processes[random.next() % processes.size()];
+        const Placed& method = process.methods[random.next() % process.methods.size()];
+        // Within the method's life: the next generation comes 4,000,000 later.
+        std::uint64_t time = method.loadTime + random.between(1, 100000);
+        std::uint64_t address = method.address + random.next() % method.size;
+        unsigned int pid = process.pid;
+        const std::uint32_t odd = random.between(0, 99);
+        if (odd == 0)
+            address = 0x400000 + random.next() % 0x1000; // no JIT code there
+        else if (odd == 1)
+            pid = 99999; // a process without traces
+        else if (odd == 2)
+            time = method.loadTime - 1; // before the method was there
+        std::fprintf(file, "%llu %llu %u %s\n", static_cast<unsigned long long>(time),
+                     static_cast<unsigned long long>(address), pid, process.host.c_str());
+    }
+    if (std::fclose(file) != 0)
+        throw std::runtime_error("cannot write " + samplesPath);
+}
+
 } // namespace jitreader_demo

@@ -1,0 +1,391 @@
+// The C++ side of the Python module: a resolver over result directories that takes sample
+// points as columns and gives columns back, with the loop outside the interpreter's lock.
+#include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <boost/filesystem/operations.hpp>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include "platform/text.h"
+#include "read_failures.h"
+#include "resolution.h"
+#include "result_directories.h"
+#include "samples.h"
+#include "symbol_directories.h"
+#include "symbols.h"
+
+namespace py = pybind11;
+using namespace velmark_3_11;
+using namespace jitreader_tool;
+
+namespace {
+
+[[noreturn]] void raise(PyObject* type, const std::string& message)
+{
+    PyErr_SetString(type, message.c_str());
+    throw py::error_already_set();
+}
+
+std::vector<std::string> lines(const std::string& text)
+{
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            result.push_back(line);
+    return result;
+}
+
+/// Checks the directories as the tool does, as Python exceptions.
+void checkDirectories(const std::vector<std::string>& directories, const char* what)
+{
+    if (directories.empty())
+        raise(PyExc_ValueError, std::string("no ") + what + " directory given");
+    for (const std::string& directory : directories) {
+        boost::system::error_code error;
+        if (!boost::filesystem::is_directory(directory, error))
+            raise(PyExc_FileNotFoundError, std::string("not a ") + what + " directory: " + directory);
+    }
+}
+
+/// Hands progress to a Python callable, which runs under the interpreter's lock.
+void reportProgress(unsigned long long done, unsigned long long total, void* context)
+{
+    py::gil_scoped_acquire gil;
+    try {
+        (*static_cast<py::object*>(context))(done, total);
+    } catch (py::error_already_set& error) {
+        // A failing display must not stop the read.
+        error.discard_as_unraisable("jitreader progress callback");
+    }
+}
+
+class ResolverBinding {
+public:
+    ResolverBinding(const std::vector<std::string>& directories, const std::vector<std::string>& symbols, bool lazy,
+                    py::object progress)
+        : m_directories(directories), m_symbols(symbols)
+    {
+        checkDirectories(directories, "result");
+        if (!symbols.empty())
+            checkDirectories(symbols, "symbol");
+        std::ostringstream problems;
+        if (!checkResultDirectories(directories, problems))
+            raise(PyExc_ValueError, problems.str().substr(0, problems.str().find_last_not_of('\n') + 1));
+        LoadProgress loadProgress;
+        if (!progress.is_none()) {
+            loadProgress.callback = &reportProgress;
+            loadProgress.context = &progress;
+        }
+        bool opened = false;
+        {
+            py::gil_scoped_release release;
+            const ReadFailures failures(m_log);
+            opened = m_points.open(directories, lazy, symbols, loadProgress);
+        }
+        if (!opened)
+            raise(PyExc_ValueError, "the result directories could not be read");
+    }
+
+    std::vector<std::pair<std::string, unsigned int>> processes() const
+    {
+        std::vector<std::pair<std::string, unsigned int>> result;
+        for (const auto& host : m_points.registry().hosts()) {
+            const std::string name = toUtf8(m_points.registry().getHostName(host.first));
+            for (const auto& process : host.second)
+                result.emplace_back(name, process.first);
+        }
+        return result;
+    }
+
+    py::dict methods()
+    {
+        boost::intrusive_ptr<ISymbolResolver> resolver = m_points.resolver();
+        if (!resolver && !m_listing) {
+            // A lazy resolver has read no method; the list needs them all, read once.
+            py::gil_scoped_release release;
+            const ReadFailures failures(m_log);
+            auto iterator = directoryIterator(m_directories);
+            boost::intrusive_ptr<ISymbolFileLocator> locator = symbolLocator(m_symbols);
+            m_listing = ISymbolResolver::create(iterator, locator);
+        }
+        if (!resolver)
+            resolver = m_listing;
+        if (!resolver)
+            raise(PyExc_ValueError, "the result directories could not be read");
+        std::vector<unsigned int> rawIds;
+        std::vector<std::string> names, classes, modules, sources;
+        std::vector<unsigned long long> starts, loadTimes, sizes;
+        const bool enrich = !m_symbols.empty();
+        for (auto methods = resolver->getMethods(); !methods.at_end(); methods.next()) {
+            boost::intrusive_ptr<ISymbol> symbol = methods.current();
+            // Resolving a method fills in what its assembly knows of it.
+            if (enrich && symbol->getMetadataToken() != 0)
+                if (const boost::intrusive_ptr<ISymbol> resolved = resolver->resolveSymbol(symbol->getStartJitRva()))
+                    symbol = resolved;
+            unsigned long long size = 0;
+            for (auto regions = symbol->getCodeRegions(); !regions.at_end(); regions.next())
+                size += regions.current()->length();
+            rawIds.push_back(symbol->getRawMethodId());
+            names.push_back(toUtf8(symbol->getName()));
+            classes.push_back(toUtf8(symbol->getClassName()));
+            modules.push_back(moduleName(*symbol));
+            sources.push_back(sourceFileName(*symbol));
+            starts.push_back(symbol->getStartJitRva());
+            loadTimes.push_back(symbol->getLoadTime());
+            sizes.push_back(size);
+        }
+        py::dict columns;
+        columns["raw_id"] = py::array_t<std::uint32_t>(rawIds.size(), rawIds.data());
+        columns["name"] = names;
+        columns["class"] = classes;
+        columns["module"] = modules;
+        columns["start_jit_rva"] = py::array_t<std::uint64_t>(starts.size(), reinterpret_cast<std::uint64_t*>(starts.data()));
+        columns["load_time"] = py::array_t<std::uint64_t>(loadTimes.size(), reinterpret_cast<std::uint64_t*>(loadTimes.data()));
+        columns["code_size"] = py::array_t<std::uint64_t>(sizes.size(), reinterpret_cast<std::uint64_t*>(sizes.data()));
+        columns["source"] = sources;
+        return columns;
+    }
+
+    /// Resolves columns of sample points. `hosts` holds a code per point into `hostNames`
+    /// (negative: no host). Returns jit rvas, status codes, an outcome index per point (-1:
+    /// none) and the distinct outcomes as (method, class, module, source, line, inlined).
+    py::tuple resolve(py::array_t<std::uint64_t, py::array::c_style> time,
+                      py::array_t<std::uint64_t, py::array::c_style> address,
+                      py::array_t<std::uint32_t, py::array::c_style> pid,
+                      py::array_t<std::int64_t, py::array::c_style> hosts, const std::vector<std::string>& hostNames,
+                      bool fullNames)
+    {
+        const py::ssize_t count = time.size();
+        if (address.size() != count || pid.size() != count || hosts.size() != count)
+            raise(PyExc_ValueError, "the sample columns differ in length");
+        py::array_t<std::uint64_t> jitRvas(count);
+        py::array_t<std::uint8_t> statuses(count);
+        py::array_t<std::int32_t> outcomeIndex(count);
+        const std::uint64_t* times = time.data();
+        const std::uint64_t* addresses = address.data();
+        const std::uint32_t* pids = pid.data();
+        const std::int64_t* hostCodes = hosts.data();
+        std::uint64_t* rvaOut = jitRvas.mutable_data();
+        std::uint8_t* statusOut = statuses.mutable_data();
+        std::int32_t* outcomeOut = outcomeIndex.mutable_data();
+        {
+            py::gil_scoped_release release;
+            std::lock_guard<std::mutex> lock(m_mutex);
+            const ReadFailures failures(m_log);
+            std::vector<unsigned int> hostIds;
+            for (const std::string& name : hostNames)
+                hostIds.push_back(m_points.hostId(name));
+            if (m_fullNames != fullNames) {
+                m_outcomes.clear();
+                m_outcomeOf.clear();
+                m_moduleOutcome.clear();
+                ++m_generation;
+                m_fullNames = fullNames;
+            }
+            std::string reason;
+            std::vector<FrameRef> refs;
+            for (py::ssize_t i = 0; i < count; ++i) {
+                const std::int64_t code = hostCodes[i];
+                const unsigned int hostId =
+                    code >= 0 && static_cast<std::size_t>(code) < hostIds.size() ? hostIds[code] : 0;
+                unsigned long long jitRva = 0;
+                std::string lazyModule;
+                PointStatus status = m_points.locate(times[i], addresses[i], pids[i], hostId, jitRva, reason,
+                                                     m_points.lazy() ? &lazyModule : nullptr);
+                std::int32_t outcome = -1;
+                if (status == PointStatus::resolved) {
+                    if (m_points.lazy())
+                        outcome = intern(lazyModule);
+                    else if ((status = m_points.frameRefs(jitRva, refs, reason)) == PointStatus::resolved)
+                        outcome = intern(refs, fullNames);
+                }
+                rvaOut[i] = status == PointStatus::resolved ? jitRva : 0;
+                statusOut[i] = static_cast<std::uint8_t>(status);
+                outcomeOut[i] = outcome;
+            }
+        }
+        return py::make_tuple(jitRvas, statuses, outcomeIndex, outcomeTuples());
+    }
+
+    /// Warnings and errors that the library logged since the last call.
+    std::vector<std::string> takeMessages()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const std::vector<std::string> result = lines(m_log.str());
+        m_log.str("");
+        return result;
+    }
+
+private:
+    struct Outcome {
+        std::string module;
+        std::vector<StackFrame> frames;
+    };
+
+    /// What tells outcomes apart: each frame's method and line.
+    typedef std::vector<std::pair<const ISymbol*, unsigned int>> OutcomeKey;
+    struct KeyHash {
+        std::size_t operator()(const OutcomeKey& key) const
+        {
+            std::uint64_t hash = key.size();
+            for (const auto& frame : key) {
+                hash ^= reinterpret_cast<std::uintptr_t>(frame.first) + (std::uint64_t(frame.second) << 48);
+                // splitmix64's finaliser: every bit of the pointer and line reaches the low bits
+                hash = (hash ^ (hash >> 30)) * 0xbf58476d1ce4e5b9ULL;
+                hash = (hash ^ (hash >> 27)) * 0x94d049bb133111ebULL;
+                hash ^= hash >> 31;
+            }
+            return static_cast<std::size_t>(hash);
+        }
+    };
+
+    /// The outcome of frames, made into text the first time that they occur.
+    std::int32_t intern(const std::vector<FrameRef>& refs, bool fullNames)
+    {
+        m_key.clear();
+        for (const FrameRef& ref : refs)
+            m_key.emplace_back(ref.symbol.get(), ref.location ? ref.location->getLine() : 0);
+        const auto known = m_outcomeOf.find(m_key);
+        if (known != m_outcomeOf.end())
+            return known->second;
+        Outcome outcome;
+        outcome.module = moduleName(*refs.front().symbol);
+        outcome.frames = textFrames(refs, fullNames);
+        return add(m_key, std::move(outcome));
+    }
+
+    /// The outcome of a lazily opened resolver: the module alone.
+    std::int32_t intern(const std::string& module)
+    {
+        const auto known = m_moduleOutcome.find(module);
+        if (known != m_moduleOutcome.end())
+            return known->second;
+        Outcome outcome;
+        outcome.module = module;
+        const std::int32_t index = add(OutcomeKey(), std::move(outcome));
+        m_moduleOutcome.emplace(module, index);
+        return index;
+    }
+
+    std::int32_t add(const OutcomeKey& key, Outcome outcome)
+    {
+        const auto index = static_cast<std::int32_t>(m_outcomes.size());
+        m_outcomes.push_back(std::move(outcome));
+        if (!key.empty())
+            m_outcomeOf.emplace(key, index);
+        return index;
+    }
+
+    /// The outcomes as Python tuples; built for those new since the last call only.
+    py::list outcomeTuples()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_objectsGeneration != m_generation) {
+            m_outcomeObjects = py::list();
+            m_objectsGeneration = m_generation;
+        }
+        for (std::size_t i = m_outcomeObjects.size(); i < m_outcomes.size(); ++i) {
+            const Outcome& outcome = m_outcomes[i];
+            py::list inlined;
+            for (std::size_t f = 1; f < outcome.frames.size(); ++f) {
+                const StackFrame& frame = outcome.frames[f];
+                py::dict entry;
+                entry["method"] = frame.method;
+                entry["module"] = frame.module.empty() ? py::object(py::none()) : py::str(frame.module);
+                entry["source"] = frame.source.empty() ? py::object(py::none()) : py::str(frame.source);
+                entry["line"] = frame.line ? py::object(py::int_(frame.line)) : py::object(py::none());
+                inlined.append(entry);
+            }
+            const bool named = !outcome.frames.empty();
+            const StackFrame outer = named ? outcome.frames.front() : StackFrame();
+            auto text = [](const std::string& value) { return value.empty() ? py::object(py::none()) : py::str(value); };
+            m_outcomeObjects.append(py::make_tuple(named ? py::object(py::str(outer.method)) : py::object(py::none()),
+                                                   text(outer.className), text(outcome.module), text(outer.source),
+                                                   outer.line ? py::object(py::int_(outer.line)) : py::object(py::none()),
+                                                   inlined));
+        }
+        return m_outcomeObjects;
+    }
+
+    std::vector<std::string> m_directories;
+    std::vector<std::string> m_symbols;
+    std::ostringstream m_log;
+    SampleResolver m_points;
+    boost::intrusive_ptr<ISymbolResolver> m_listing; ///< of a lazy resolver, for methods()
+    std::mutex m_mutex;
+    bool m_fullNames = false;
+    unsigned int m_generation = 0; ///< counts the times that the outcomes were dropped
+    unsigned int m_objectsGeneration = 0;
+    std::vector<Outcome> m_outcomes;
+    std::unordered_map<OutcomeKey, std::int32_t, KeyHash> m_outcomeOf;
+    std::unordered_map<std::string, std::int32_t> m_moduleOutcome;
+    OutcomeKey m_key;
+    py::list m_outcomeObjects;
+};
+
+/// Reads a file of sample points into columns; hosts as codes into a list of names.
+py::tuple readSampleColumns(const std::string& path)
+{
+    boost::system::error_code error;
+    if (!boost::filesystem::is_regular_file(path, error))
+        raise(PyExc_FileNotFoundError, "no file of sample points: " + path);
+    std::vector<SamplePoint> samples;
+    std::string message;
+    bool good = false;
+    {
+        py::gil_scoped_release release;
+        std::ifstream in(path);
+        good = in && readSamples(in, samples, message);
+        if (!in.eof() && message.empty())
+            message = "could not be read";
+    }
+    if (!good)
+        raise(PyExc_ValueError, path + ": " + message);
+    py::array_t<std::uint64_t> times(samples.size());
+    py::array_t<std::uint64_t> addresses(samples.size());
+    py::array_t<std::uint32_t> pids(samples.size());
+    py::array_t<std::int64_t> hostCodes(samples.size());
+    std::vector<std::string> hostNames;
+    std::unordered_map<std::string, std::int64_t> codes;
+    auto* t = times.mutable_data();
+    auto* a = addresses.mutable_data();
+    auto* p = pids.mutable_data();
+    auto* h = hostCodes.mutable_data();
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        t[i] = samples[i].time;
+        a[i] = samples[i].address;
+        p[i] = samples[i].processId;
+        const auto code = codes.emplace(samples[i].host, static_cast<std::int64_t>(hostNames.size()));
+        if (code.second)
+            hostNames.push_back(samples[i].host);
+        h[i] = code.first->second;
+    }
+    return py::make_tuple(times, addresses, pids, hostCodes, hostNames);
+}
+
+} // namespace
+
+PYBIND11_MODULE(_jitreader, module)
+{
+    module.doc() = "Reads JIT trace result directories and resolves sample points.";
+    py::class_<ResolverBinding>(module, "Resolver")
+        .def(py::init<const std::vector<std::string>&, const std::vector<std::string>&, bool, py::object>(),
+             py::arg("dirs"), py::arg("symbols"), py::arg("lazy"), py::arg("progress"))
+        .def("processes", &ResolverBinding::processes)
+        .def("methods", &ResolverBinding::methods)
+        .def("resolve", &ResolverBinding::resolve)
+        .def("take_messages", &ResolverBinding::takeMessages);
+    module.def("read_sample_columns", &readSampleColumns, py::arg("path"));
+    py::list names;
+    for (int status = 0; status < kPointStatusCount; ++status)
+        names.append(statusName(static_cast<PointStatus>(status)));
+    module.attr("STATUS_NAMES") = names;
+}
