@@ -76,8 +76,8 @@ std::vector<StackFrame> textFrames(const std::vector<FrameRef>& refs, bool fullN
         const ISymbol& symbol = *ref.symbol;
         const std::string fullName = fullNames ? toUtf8(symbol.getFullName()) : std::string();
         Frame text = frameOf(ref);
-        frames.push_back(StackFrame{fullName.empty() ? qualifiedName(symbol) : fullName, toUtf8(symbol.getClassName()),
-                                    moduleName(symbol), std::move(text.source), text.line});
+        frames.push_back(StackFrame{fullName.empty() ? qualifiedName(symbol) : fullName, moduleName(symbol),
+                                    std::move(text.source), text.line, toUtf8(symbol.getClassName())});
     }
     return frames;
 }

@@ -22,10 +22,10 @@ const char* statusName(PointStatus status);
 /// One frame as text: the method, its module and the source line of the point in it.
 struct StackFrame {
     std::string method;
-    std::string className; ///< "" when the method has none
     std::string module; ///< "" when unknown
     std::string source; ///< source file, "" when unknown
     unsigned int line = 0; ///< 0 when unknown
+    std::string className = ""; ///< "" when the method has none
 };
 
 struct ResolvedPoint {
