@@ -20,6 +20,7 @@ namespace {
 constexpr auto kLogNumbers = logging::numbers_t::hex;
 
 constexpr unsigned long long kPreJittedLoadTime = 1;
+constexpr std::size_t kMaxInlineDepth = 1 << 20;
 
 typedef JitDataManager::JitMethodContainer Container;
 typedef boost::shared_ptr<Container> ContainerPtr;
@@ -454,10 +455,16 @@ velmark_error_t JitDataManager::addInlineMethod(const boost::intrusive_ptr<JitMe
     }
     parentRegion->addInlined(region, inlineMethod);
     inlineMethod->setInlined(true);
-    // A parent that is itself an inline is placed with the top-level region that holds it.
-    const auto top = m_methods.find(parentMethod->getMethodId());
-    if (top != m_methods.end() && top->second == parentMethod && parentMethod->markHoldsInlines())
-        m_inlineParents.push_back(parentMethod.get());
+    inlineMethod->setInlinedInto(parentMethod.get());
+    // A parent that is itself an inline is placed with the top-level region that holds it; one
+    // not yet taken in anywhere is placed once it is.
+    // The cycle check above keeps the chain finite; the bound only guards against its failing.
+    JitMethod* top = parentMethod.get();
+    for (std::size_t depth = 0; top->inlinedInto() != nullptr && depth < kMaxInlineDepth; ++depth)
+        top = top->inlinedInto();
+    const auto stored = m_methods.find(top->getMethodId());
+    if (stored != m_methods.end() && stored->second.get() == top && top->markInlinesToPlace())
+        m_inlinesToPlace.push_back(top);
     VM_INFO(L"Added inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
                                                  << L") into parent's code region (method id = "
                                                  << parentMethod->getRawMethodId() << L", ip range = "
@@ -533,10 +540,13 @@ void JitDataManager::finalize()
 {
     VM_TRACE_SCOPE("void velmark_3_11::JitDataManager::finalize(void)");
     invalidateLookupIndex();
-    // Only regions with inlines change, so only those are walked, unless TRACE wants a line for
-    // every region of every method, in method id order. Either way the cost of a file no longer
-    // grows with everything read before it.
-    std::vector<const JitMethod*> methods(m_inlineParents.begin(), m_inlineParents.end());
+    // Only regions that took in inlines since the last call change, so only those are walked,
+    // unless TRACE wants a line for every region of every method, in method id order. Either
+    // way the cost of a file doesn't grow with everything read before it.
+    std::vector<const JitMethod*> methods(m_inlinesToPlace.begin(), m_inlinesToPlace.end());
+    for (JitMethod* method : m_inlinesToPlace)
+        method->clearInlinesToPlace();
+    m_inlinesToPlace.clear();
     if (VM_ENABLED(log4cplus::TRACE_LOG_LEVEL)) {
         methods.clear();
         for (const auto& entry : m_methods)

@@ -146,8 +146,9 @@ private:
     InlineCache m_inlineCache;
     RegionDomainMap m_regionDomains;
     std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
-    // The methods of m_methods whose regions hold inlines: all that finalize has to place.
-    std::vector<JitMethod*> m_inlineParents;
+    // The methods of m_methods whose regions took in inlines since the last finalize: all that
+    // it has to place, as placing is the same again for every other method.
+    std::vector<JitMethod*> m_inlinesToPlace;
     mutable RvaTable m_rvaTable;
     mutable boost::mutex m_rvaTableMutex;
     unsigned int m_collectorType;

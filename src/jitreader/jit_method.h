@@ -101,8 +101,13 @@ public:
     void setLoadTime(unsigned long long loadTime) { m_loadTime = loadTime; }
     bool isInlined() const { return m_isInlined; }
     void setInlined(bool inlined) { m_isInlined = inlined; }
-    /// Notes that a region of this method holds inlines; true the first time only.
-    bool markHoldsInlines() { return !std::exchange(m_holdsInlines, true); }
+    /// The method whose region tree took this one in as an inline; null before.
+    JitMethod* inlinedInto() const { return m_inlinedInto; }
+    void setInlinedInto(JitMethod* parent) { m_inlinedInto = parent; }
+    /// Notes that inlines entered this method's regions since its inlines were last placed;
+    /// true the first time only.
+    bool markInlinesToPlace() { return !std::exchange(m_inlinesToPlace, true); }
+    void clearInlinesToPlace() { m_inlinesToPlace = false; }
 
     // Regions
     void addRegion(const boost::intrusive_ptr<Region>& region) { m_regions.push_back(region); }
@@ -154,7 +159,8 @@ private:
     bool m_isInlined;
     LineNumberMap m_lineNumberInfo;
     unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
-    bool m_holdsInlines = false;
+    bool m_inlinesToPlace = false;
+    JitMethod* m_inlinedInto = nullptr; // owned through the store's maps, as this method is
     // A line query with a jit rva copies that range's tables over the first range's, and later
     // queries see them; concurrent queries take turns.
     mutable std::mutex m_lineQueryMutex;
