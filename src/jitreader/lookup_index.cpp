@@ -18,64 +18,40 @@ bool covers(unsigned long long start, unsigned int size, unsigned long long addr
     return !less(Range(start, size), Range(address, 1)) && !less(Range(address, 1), Range(start, size));
 }
 
+/// The index of the last entry among [first, end), sorted by start, that starts at or before
+/// `address`; `end` when none does. With disjoint keys it is the only one that can hold it.
+template <class Entry, class Start>
+std::size_t lastStartingAtOrBefore(const std::vector<Entry>& entries, std::size_t first, std::size_t end,
+                                   unsigned long long address, Start start)
+{
+    const auto begin = entries.begin() + static_cast<std::ptrdiff_t>(first);
+    const auto it = std::upper_bound(begin, entries.begin() + static_cast<std::ptrdiff_t>(end), address,
+                                     [&start](unsigned long long value, const Entry& entry) {
+                                         return value < start(entry);
+                                     });
+    return it == begin ? end : static_cast<std::size_t>(it - entries.begin()) - 1;
+}
+
 } // namespace
-
-void SortedStarts::seal()
-{
-    m_summary.clear();
-    m_summary.reserve((m_starts.size() + kBlock - 1) / kBlock);
-    for (std::size_t i = 0; i < m_starts.size(); i += kBlock)
-        m_summary.push_back(m_starts[i]);
-}
-
-std::size_t SortedStarts::lastAtOrBelow(std::size_t first, std::size_t end, unsigned long long value) const
-{
-    if (first >= end)
-        return end;
-    // Only the blocks that begin inside [first, end) are in order with each other and with the
-    // run; the few keys before the first of them are scanned on their own.
-    std::size_t from = first;
-    std::size_t to = end;
-    const std::size_t lowBlock = (first + kBlock - 1) / kBlock;
-    const std::size_t highBlock = (end - 1) / kBlock + 1;
-    if (lowBlock < highBlock) {
-        const auto summary = m_summary.begin();
-        const std::size_t next = static_cast<std::size_t>(
-            std::upper_bound(summary + static_cast<std::ptrdiff_t>(lowBlock),
-                             summary + static_cast<std::ptrdiff_t>(highBlock), value) -
-            summary);
-        if (next == lowBlock) {
-            to = std::min(end, lowBlock * kBlock);
-        } else {
-            from = (next - 1) * kBlock;
-            to = std::min(end, next * kBlock);
-        }
-    }
-    // A block is two cache lines: a forward scan fetches both at once.
-    std::size_t found = end;
-    for (std::size_t i = from; i < to && m_starts[i] <= value; ++i)
-        found = i;
-    return found;
-}
 
 LookupIndex::LookupIndex(const JitDataManager::JitRvaDomain& jitRvaDomain,
                          const JitDataManager::RegionDomainMap& regionDomains)
 {
-    m_jitStarts.reserve(jitRvaDomain.size());
     m_jitEntries.reserve(jitRvaDomain.size());
+    m_jitSizes.reserve(jitRvaDomain.size());
+    m_jitRegions.reserve(jitRvaDomain.size());
     for (const auto& entry : jitRvaDomain) {
-        m_jitStarts.push_back(entry.first.start);
-        m_jitEntries.push_back({entry.second.second.get(), entry.second.first.get(), entry.first.size});
+        m_jitEntries.push_back({entry.first.start, entry.second.second.get()});
+        m_jitSizes.push_back(entry.first.size);
+        m_jitRegions.push_back(entry.second.first.get());
     }
-    m_jitStarts.seal();
 
     for (const auto& host : regionDomains) {
         for (const auto& process : host.second) {
             Domain domain = {host.first, process.first, m_keys.size(), 0};
             for (const auto& key : process.second) {
                 const JitDataManager::JitMethodContainer& container = *key.second;
-                m_keyStarts.push_back(key.first.start);
-                m_keys.push_back({key.first.size, static_cast<unsigned int>(m_times.size())});
+                m_keys.push_back({key.first.start, key.first.size, static_cast<unsigned int>(m_times.size())});
                 for (const auto& time : container.timeDomain) {
                     const Region& region = *time.second;
                     const auto owner = container.regionIdDomain.find(region.startJitRva());
@@ -88,8 +64,7 @@ LookupIndex::LookupIndex(const JitDataManager::JitRvaDomain& jitRvaDomain,
             m_domains.push_back(domain);
         }
     }
-    m_keys.push_back({0, static_cast<unsigned int>(m_times.size())});
-    m_keyStarts.seal();
+    m_keys.push_back({0, 0, static_cast<unsigned int>(m_times.size())});
 }
 
 const LookupIndex::Domain* LookupIndex::findDomain(unsigned int processId, unsigned int hostId) const
@@ -105,12 +80,13 @@ const LookupIndex::Domain* LookupIndex::findDomain(unsigned int processId, unsig
 
 bool LookupIndex::findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const
 {
-    const std::size_t entry = m_jitStarts.lastAtOrBelow(0, m_jitStarts.size(), jitRva);
-    if (entry == m_jitStarts.size() || !covers(m_jitStarts[entry], m_jitEntries[entry].size, jitRva))
+    const std::size_t entry = lastStartingAtOrBefore(m_jitEntries, 0, m_jitEntries.size(), jitRva,
+                                                     [](const JitEntry& e) { return e.start; });
+    if (entry == m_jitEntries.size() || !covers(m_jitEntries[entry].start, m_jitSizes[entry], jitRva))
         return false;
     method = m_jitEntries[entry].method;
     if (region != nullptr)
-        *region = m_jitEntries[entry].region;
+        *region = m_jitRegions[entry];
     return true;
 }
 
@@ -123,8 +99,9 @@ velmark_error_t LookupIndex::findSample(unsigned long long address, unsigned lon
         VM_TRACE(L"Couldn't find a region domain for pid = " << processId);
         return meFail;
     }
-    std::size_t key = m_keyStarts.lastAtOrBelow(domain->firstKey, domain->endKey, address);
-    if (key != domain->endKey && !covers(m_keyStarts[key], m_keys[key].size, address))
+    std::size_t key = lastStartingAtOrBefore(m_keys, domain->firstKey, domain->endKey, address,
+                                             [](const Key& k) { return k.start; });
+    if (key != domain->endKey && !covers(m_keys[key].start, m_keys[key].size, address))
         key = domain->endKey;
     if (key == domain->endKey) {
         VM_TRACE(L"Couldn't find a region for addr = " << address);

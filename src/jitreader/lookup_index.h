@@ -16,28 +16,6 @@ struct SampleHit {
     Region* region;                  ///< only when asked for: reading it costs a cache miss
 };
 
-/// Ascending 64-bit keys with a summary of every 16th, small enough to stay in the cache, so that
-/// a search misses the cache about twice instead of once per halving of a large array.
-class SortedStarts {
-public:
-    void reserve(std::size_t count) { m_starts.reserve(count); }
-    void push_back(unsigned long long start) { m_starts.push_back(start); }
-    /// Builds the summary; call once all keys are in. Runs of keys sorted within [first, end)
-    /// may follow each other: the summary is searched only inside the run asked about.
-    void seal();
-
-    std::size_t size() const { return m_starts.size(); }
-    unsigned long long operator[](std::size_t i) const { return m_starts[i]; }
-
-    /// The index of the last key among [first, end) that is at or below `value`; `end` when none.
-    std::size_t lastAtOrBelow(std::size_t first, std::size_t end, unsigned long long value) const;
-
-private:
-    static constexpr std::size_t kBlock = 16;
-    std::vector<unsigned long long> m_starts;
-    std::vector<unsigned long long> m_summary; ///< m_starts[j * kBlock]
-};
-
 class LookupIndex {
 public:
     /// Copies the maps. The maps never drop anything while the copy lives, so it keeps raw
@@ -52,12 +30,14 @@ public:
     bool findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const;
 
 private:
+    /// The search key of the jit rva domain with its answer, so that the search brings the
+    /// method's address along; the size, read next to the method, lives apart.
     struct JitEntry {
+        unsigned long long start;
         JitMethod* method;
-        Region* region;
-        unsigned int size;
     };
     struct Key {
+        unsigned long long start;
         unsigned int size;
         unsigned int firstTime; ///< of its time entries; those of the next key follow
     };
@@ -77,11 +57,11 @@ private:
 
     const Domain* findDomain(unsigned int processId, unsigned int hostId) const;
 
-    SortedStarts m_jitStarts;
-    std::vector<JitEntry> m_jitEntries; ///< parallel to m_jitStarts
-    std::vector<Domain> m_domains;      ///< by host id, then process id
-    SortedStarts m_keyStarts;           ///< domain after domain
-    std::vector<Key> m_keys;            ///< parallel to m_keyStarts, and one more that ends the last
+    std::vector<JitEntry> m_jitEntries;
+    std::vector<unsigned int> m_jitSizes;  ///< parallel to m_jitEntries
+    std::vector<Region*> m_jitRegions;     ///< parallel to m_jitEntries
+    std::vector<Domain> m_domains;         ///< by host id, then process id
+    std::vector<Key> m_keys;               ///< domain after domain, and one more that ends the last
     std::vector<TimeEntry> m_times;
     std::vector<Region*> m_timeRegions; ///< parallel to m_times
 };
