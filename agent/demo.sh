@@ -35,3 +35,7 @@ echo
     done
 } >"$out/hot.samples"
 "$build/tools/jitreader" resolve "$out/traces" --samples "$out/hot.samples"
+echo
+"$build/tools/jitreader" flamegraph "$out/traces" --samples "$out/hot.samples" -o "$out/flamegraph.svg" \
+    --title "Flame graph of the hot Java method and the methods inlined into it"
+echo "Open file://$(cd "$out" && pwd)/flamegraph.svg in a browser."
