@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "flame_graph.h"
 #include "options.h"
+#include "progress_line.h"
 #include "read_failures.h"
 #include "resolution.h"
 #include "result_directories.h"
@@ -30,6 +31,7 @@ int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::
         .option("width", "PIXELS", "the width of the picture (default 1200)")
         .option("symbols", "DIR", "look for .NET assemblies and their .pdb files here (repeatable)")
         .flag("strict", "exit with status 3 when a trace file could not be read completely")
+        .flag("quiet", "show no progress line while the traces are read")
         .example("jitreader flamegraph demo/alpha demo/beta --samples samples/demo.samples -o demo.svg");
     if (!options.parse(args, out, err))
         return options.exitCode();
@@ -56,9 +58,13 @@ int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::
 
     const ReadFailures readFailures(err);
     Resolution resolution;
-    if (const int code = resolveSampleFile("flamegraph", directories, options.value("samples"), false, resolution,
-                                         err, options.values("symbols")))
-        return code;
+    {
+        ProgressLine progressLine(stderr, !options.has("quiet"));
+        if (const int code = resolveSampleFile("flamegraph", directories, options.value("samples"), false,
+                                             resolution, err, options.values("symbols"), false,
+                                             progressLine.progress()))
+            return code;
+    }
     const FlameNode root = buildFlameTree(collectStacks(resolution.points));
     FlameGraphOptions graph;
     graph.title = options.value("title", "Flame graph of " + samplesName(options.value("samples")));
