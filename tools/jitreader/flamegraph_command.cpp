@@ -3,10 +3,8 @@
 #include "commands.h"
 #include "flame_graph.h"
 #include "options.h"
-#include "progress_line.h"
-#include "read_failures.h"
+#include "sample_run.h"
 #include "resolution.h"
-#include "result_directories.h"
 #include "stacks.h"
 
 namespace jitreader_tool {
@@ -51,20 +49,10 @@ int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::
         err << "jitreader flamegraph: give the SVG file to write with -o FILE\n";
         return kUsageError;
     }
-    const std::vector<std::string>& directories = options.positional();
-    std::size_t traceFiles = 0;
-    if (const int code = checkDirectoryOperands("flamegraph", directories, err, &traceFiles))
+    SampleRun run;
+    if (const int code = run.resolve("flamegraph", options, false, options.values("symbols"), false, err))
         return code;
-
-    const ReadFailures readFailures(err);
-    Resolution resolution;
-    {
-        ProgressLine progressLine(stderr, !options.has("quiet"));
-        if (const int code = resolveSampleFile("flamegraph", directories, options.value("samples"), false,
-                                             resolution, err, options.values("symbols"), false,
-                                             progressLine.progress()))
-            return code;
-    }
+    const Resolution& resolution = run.resolution;
     const FlameNode root = buildFlameTree(collectStacks(resolution.points));
     FlameGraphOptions graph;
     graph.title = options.value("title", "Flame graph of " + samplesName(options.value("samples")));
@@ -87,7 +75,7 @@ int runFlameGraph(const std::vector<std::string>& args, std::ostream& out, std::
     (path == "-" ? err : out) << "flame graph of " << resolution.points.size() << " samples ("
                               << resolution.resolvedCount() << " resolved) written to "
                               << (path == "-" ? "standard output" : path) << "\n";
-    return readFailures.report(traceFiles, options.has("strict"), err);
+    return run.finish(options, err);
 }
 
 } // namespace jitreader_tool

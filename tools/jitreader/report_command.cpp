@@ -6,10 +6,8 @@
 
 #include "commands.h"
 #include "options.h"
-#include "progress_line.h"
-#include "read_failures.h"
+#include "sample_run.h"
 #include "resolution.h"
-#include "result_directories.h"
 #include "speedscope_writer.h"
 #include "stacks.h"
 #include "table.h"
@@ -231,20 +229,10 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
         err << "jitreader report: give the sample points with --samples FILE\n";
         return kUsageError;
     }
-    const std::vector<std::string>& directories = options.positional();
-    std::size_t traceFiles = 0;
-    if (const int code = checkDirectoryOperands("report", directories, err, &traceFiles))
+    SampleRun run;
+    if (const int code = run.resolve("report", options, false, {}, false, err))
         return code;
-
-    const ReadFailures readFailures(err);
-    Resolution resolution;
-    {
-        ProgressLine progressLine(stderr, !options.has("quiet"));
-        if (const int code = resolveSampleFile("report", directories, options.value("samples"), false, resolution,
-                                             err, {}, false, progressLine.progress()))
-            return code;
-    }
-    const std::vector<Stack> stacks = collectStacks(resolution.points);
+    const std::vector<Stack> stacks = collectStacks(run.resolution.points);
     if (options.has("folded")) {
         writeFolded(out, stacks);
     } else if (speedscope) {
@@ -258,7 +246,7 @@ int runReport(const std::vector<std::string>& args, std::ostream& out, std::ostr
         else
             printJson(out, report);
     }
-    return readFailures.report(traceFiles, options.has("strict"), err);
+    return run.finish(options, err);
 }
 
 } // namespace jitreader_tool

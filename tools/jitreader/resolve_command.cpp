@@ -1,9 +1,7 @@
 #include "commands.h"
 #include "options.h"
-#include "progress_line.h"
-#include "read_failures.h"
+#include "sample_run.h"
 #include "resolution.h"
-#include "result_directories.h"
 #include "speedscope_writer.h"
 #include "stacks.h"
 #include "table.h"
@@ -147,20 +145,11 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
         err << "jitreader resolve: give the sample points with --samples FILE\n";
         return kUsageError;
     }
-    const std::vector<std::string>& directories = options.positional();
-    std::size_t traceFiles = 0;
-    if (const int code = checkDirectoryOperands("resolve", directories, err, &traceFiles))
+    SampleRun run;
+    if (const int code =
+            run.resolve("resolve", options, lazy, options.values("symbols"), options.has("full-names"), err))
         return code;
-
-    const ReadFailures readFailures(err);
-    Resolution resolution;
-    {
-        ProgressLine progressLine(stderr, !options.has("quiet"));
-        if (const int code = resolveSampleFile("resolve", directories, options.value("samples"), lazy, resolution,
-                                             err, options.values("symbols"), options.has("full-names"),
-                                             progressLine.progress()))
-            return code;
-    }
+    const Resolution& resolution = run.resolution;
 
     if (folded)
         writeFolded(out, collectStacks(resolution.points));
@@ -177,7 +166,7 @@ int runResolve(const std::vector<std::string>& args, std::ostream& out, std::ost
     if (lazy)
         summary << "; read " << resolution.processesRead << " of " << resolution.processesAll << " processes";
     summary << "\n";
-    return readFailures.report(traceFiles, options.has("strict"), err);
+    return run.finish(options, err);
 }
 
 } // namespace jitreader_tool
