@@ -34,7 +34,7 @@ void appendDottedParts(std::wstring& result, const std::wstring& text)
 }
 
 /// The table of `kind`, or null for a kind that has none.
-std::vector<LineNumberEntry>* tableOf(LineNumberInfo& info, unsigned int kind)
+LineTable* tableOf(LineNumberInfo& info, unsigned int kind)
 {
     return kind <= ltNativeToSource ? &info.tables[kind] : nullptr;
 }
@@ -139,15 +139,19 @@ void JitMethod::setName(const std::wstring& name)
 // ---------------------------------------------------------------------------------------------
 // Line number information
 
-bool JitMethod::addLineNumberInfo(unsigned int kind, std::vector<LineNumberEntry> rows, const Range& key)
+bool JitMethod::addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key)
 {
     if (rows.empty())
         return false;
+    return addLineTable(kind, LineTable(rows), key);
+}
 
+bool JitMethod::addLineTable(unsigned int kind, LineTable&& rows, const Range& key)
+{
     // Overlapping ranges are one key, so a key may find an entry of another length.
     auto found = m_lineNumberInfo.find(key);
     if (found != m_lineNumberInfo.end()) {
-        std::vector<LineNumberEntry>* table = tableOf(found->second, kind);
+        LineTable* table = tableOf(found->second, kind);
         if (table && !table->empty()) {
             VM_ERROR_AT(L"Couldn't overwrite existing line number info for this code region of already "
                         L"registered method "
@@ -160,7 +164,7 @@ bool JitMethod::addLineNumberInfo(unsigned int kind, std::vector<LineNumberEntry
     }
 
     LineNumberInfo info;
-    if (std::vector<LineNumberEntry>* table = tableOf(info, kind))
+    if (LineTable* table = tableOf(info, kind))
         *table = std::move(rows);
     if (!m_lineNumberInfo.emplace(key, std::move(info)).second) {
         VM_ERROR_AT(L"Couldn't add line number info for this code region of already registered method "
@@ -174,10 +178,10 @@ bool JitMethod::addLineNumberInfo(const LineNumberMap& other)
 {
     for (const auto& entry : other) {
         for (unsigned int kind = ltNativeToManaged; kind <= ltNativeToSource; ++kind) {
-            const std::vector<LineNumberEntry>& rows = entry.second.tables[kind];
+            const LineTable& rows = entry.second.tables[kind];
             if (rows.empty())
                 continue;
-            if (!addLineNumberInfo(kind, rows, entry.first))
+            if (!addLineTable(kind, LineTable(rows), entry.first))
                 return false;
         }
     }
@@ -195,14 +199,13 @@ bool JitMethod::validateLineNumberInfo() const
         return true;
 
     // A bad row is reported, not dropped: the tables are kept as the agent wrote them.
-    for (const LineNumberEntry& row : found->second.tables[ltNativeToSource]) {
-        if (row.end > region.length()) {
-            VM_ERROR_AT(L"Detected line number (start offset = "
-                        << row.start << L", end offset = " << row.end << L", src line = " << row.value
-                        << L") that does not match to code range (ip range = " << region.startAddress() << L"-"
-                        << region.startAddress() + region.length() << L")");
-            break;
-        }
+    LineNumberEntry row;
+    if (found->second.tables[ltNativeToSource].findIf(
+            [&region](const LineNumberEntry& r) { return r.end > region.length(); }, row)) {
+        VM_ERROR_AT(L"Detected line number (start offset = "
+                    << row.start << L", end offset = " << row.end << L", src line = " << row.value
+                    << L") that does not match to code range (ip range = " << region.startAddress() << L"-"
+                    << region.startAddress() + region.length() << L")");
     }
     return true;
 }
@@ -284,11 +287,11 @@ velmark_error_t JitMethod::getLineNumberInfo(unsigned int kind, LineNumberEntry*
     LineNumberInfo* info = selectLineNumberEntry(jitRva);
     if (info == nullptr)
         return meFail;
-    const std::vector<LineNumberEntry>* table = tableOf(*info, kind);
+    const LineTable* table = tableOf(*info, kind);
     if (table == nullptr)
         return meFail;
 
-    const unsigned int size = static_cast<unsigned int>(table->size());
+    const unsigned int size = table->size();
     if (rows == nullptr) {
         *count = size;
         return meSuccess;
@@ -297,7 +300,7 @@ velmark_error_t JitMethod::getLineNumberInfo(unsigned int kind, LineNumberEntry*
     // how many rows fit.
     if (count == nullptr || size > *count)
         return meBufferTooSmall;
-    std::copy(table->begin(), table->end(), rows);
+    table->copyTo(rows);
     *count = size;
     return meSuccess;
 }
@@ -314,20 +317,29 @@ velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry* first, LineNumber
     LineNumberInfo* info = selectLineNumberEntry(jitRva);
     if (info == nullptr)
         return meFail;
-    const std::vector<LineNumberEntry>* table = &info->tables[ltManagedToSource];
+    const LineTable* table = &info->tables[ltManagedToSource];
     if (table->empty())
         table = &info->tables[ltNativeToSource];
     if (table->empty())
         return meFail;
 
-    unsigned int minimum = table->front().value;
-    unsigned int maximum = minimum;
-    for (auto row = table->begin() + 1; row != table->end(); ++row) {
-        if (row->value < minimum)
-            minimum = row->value;
-        else if (row->value > maximum)
-            maximum = row->value;
-    }
+    bool seen = false;
+    unsigned int minimum = 0;
+    unsigned int maximum = 0;
+    LineNumberEntry row;
+    table->findIf(
+        [&](const LineNumberEntry& r) {
+            if (!seen) {
+                minimum = maximum = r.value;
+                seen = true;
+            } else if (r.value < minimum) {
+                minimum = r.value;
+            } else if (r.value > maximum) {
+                maximum = r.value;
+            }
+            return false;
+        },
+        row);
     *first = LineNumberEntry{0, 0, minimum};
     *last = LineNumberEntry{0, 0, maximum};
     return meSuccess;
@@ -343,9 +355,9 @@ boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long
     if (found == m_lineNumberInfo.end())
         return nullptr;
     const LineNumberInfo& info = found->second;
-    const auto& nativeToManaged = info.tables[ltNativeToManaged];
-    const auto& managedToSource = info.tables[ltManagedToSource];
-    const auto& nativeToSource = info.tables[ltNativeToSource];
+    const LineTable& nativeToManaged = info.tables[ltNativeToManaged];
+    const LineTable& managedToSource = info.tables[ltManagedToSource];
+    const LineTable& nativeToSource = info.tables[ltNativeToSource];
     if (nativeToManaged.empty() && managedToSource.empty() && nativeToSource.empty())
         return nullptr;
 
@@ -355,27 +367,20 @@ boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long
     const unsigned int offset = static_cast<unsigned int>(jitRva - key.start);
 
     // Rows are taken in stored order and the first match wins, also where rows overlap.
-    unsigned int line = 0;
+    LineNumberEntry row;
     if (nativeToManaged.empty() || managedToSource.empty()) {
-        auto row = std::find_if(nativeToSource.begin(), nativeToSource.end(),
-                                [offset](const LineNumberEntry& r) { return startsOrContains(r, offset); });
-        if (row == nativeToSource.end())
+        if (!nativeToSource.findIf([offset](const LineNumberEntry& r) { return startsOrContains(r, offset); }, row))
             return nullptr;
-        line = row->value;
     } else {
-        auto native = std::find_if(nativeToManaged.begin(), nativeToManaged.end(), [offset](const LineNumberEntry& r) {
-            return r.start <= offset && offset < r.end;
-        });
-        if (native == nativeToManaged.end())
+        if (!nativeToManaged.findIf([offset](const LineNumberEntry& r) { return r.start <= offset && offset < r.end; },
+                                    row))
             return nullptr;
-        const unsigned int ilOffset = native->value;
-        auto managed = std::find_if(managedToSource.begin(), managedToSource.end(),
-                                    [ilOffset](const LineNumberEntry& r) { return startsOrContains(r, ilOffset); });
-        if (managed == managedToSource.end())
+        const unsigned int ilOffset = row.value;
+        if (!managedToSource.findIf([ilOffset](const LineNumberEntry& r) { return startsOrContains(r, ilOffset); },
+                                    row))
             return nullptr;
-        line = managed->value;
     }
-    return boost::intrusive_ptr<ISourceLocation>(new SourceLocation(line, m_info->sourceFile));
+    return boost::intrusive_ptr<ISourceLocation>(new SourceLocation(row.value, m_info->sourceFile));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -8,8 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include <boost/container/flat_map.hpp>
+#include <boost/container/small_vector.hpp>
 #include <boost/intrusive_ptr.hpp>
 
+#include "jitreader/line_table.h"
 #include "jitreader/method_id.h"
 #include "jitreader/module.h"
 #include "jitreader/range.h"
@@ -41,12 +44,13 @@ enum line_table_kind_t : unsigned int {
 
 /// The three line tables of one code range, by kind.
 struct LineNumberInfo {
-    std::vector<LineNumberEntry> tables[3];
+    LineTable tables[3];
 };
 
 class JitMethod : public ISymbol {
 public:
-    typedef std::map<Range, LineNumberInfo, Range::Comparator> LineNumberMap;
+    // Nearly every method has its tables for one code range: that entry lives in the method.
+    typedef boost::container::small_flat_map<Range, LineNumberInfo, 1, Range::Comparator> LineNumberMap;
 
     JitMethod();
     ~JitMethod() override;
@@ -117,7 +121,9 @@ public:
     // Line number information
     /// Stores `rows` as the table of `kind` for the code range `key`. False when the rows are
     /// empty or the range already has a table of that kind.
-    bool addLineNumberInfo(unsigned int kind, std::vector<LineNumberEntry> rows, const Range& key);
+    bool addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key);
+    /// The same for rows already encoded; `rows` is not empty.
+    bool addLineTable(unsigned int kind, LineTable&& rows, const Range& key);
     /// Merges every table of `other`; the first refusal ends the merge with false.
     bool addLineNumberInfo(const LineNumberMap& other);
     /// False for a method without regions; reports rows that run past the first region.

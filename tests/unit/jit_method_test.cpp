@@ -78,8 +78,8 @@ TEST(JitMethod, TablesOfOneRangeMergeAndAreNeverReplaced)
 
     ASSERT_EQ(method->lineNumberInfo().size(), 1u);
     const LineNumberInfo& info = method->lineNumberInfo().begin()->second;
-    EXPECT_EQ(info.tables[ltNativeToManaged], (Rows{{0, 4, 0}}));
-    EXPECT_EQ(info.tables[ltManagedToSource], (Rows{{0, 2, 7}}));
+    EXPECT_EQ(info.tables[ltNativeToManaged].rows(), (Rows{{0, 4, 0}}));
+    EXPECT_EQ(info.tables[ltManagedToSource].rows(), (Rows{{0, 2, 7}}));
     EXPECT_TRUE(info.tables[ltNativeToSource].empty());
     const std::string refused = "Couldn't overwrite existing line number info for this code region of already "
                                 "registered method " + kTag + jrtest::kAtFileSuffix;

@@ -66,10 +66,10 @@ const std::string kRegions = "1000:401000+40 1040:402000+20 ";
 const std::string kNames = "| /opt/app/libapp.so 4 | App::Worker | App::Worker::Run | Worker.cs ab12 2 3";
 
 // A line table as "start-end=value " rows.
-std::string rowsOf(const std::vector<LineNumberEntry>& rows)
+std::string rowsOf(const LineTable& table)
 {
     std::string text;
-    for (const LineNumberEntry& r : rows)
+    for (const LineNumberEntry& r : table.rows())
         text += std::to_string(r.start) + "-" + std::to_string(r.end) + "=" + std::to_string(r.value) + " ";
     return text;
 }

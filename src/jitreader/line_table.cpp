@@ -1,0 +1,158 @@
+#include "jitreader/line_table.h"
+
+#include <cstring>
+
+namespace velmark_3_11 {
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 2 * sizeof(std::uint32_t);
+
+// Rows mostly follow one another: a row starts where the one before ended and moves the value
+// by a little. Each field is therefore stored as the difference to what it is expected to be,
+// zigzag-folded so that small steps back stay small, in 7-bit groups. The arithmetic wraps
+// modulo 2^32 both ways, so any row, however odd, comes back exactly.
+std::uint32_t fold(std::uint32_t difference)
+{
+    return (difference << 1) ^ (0u - (difference >> 31));
+}
+
+std::uint32_t unfold(std::uint32_t folded)
+{
+    return (folded >> 1) ^ (0u - (folded & 1));
+}
+
+std::size_t groupCount(std::uint32_t value)
+{
+    std::size_t count = 1;
+    while (value >= 0x80) {
+        value >>= 7;
+        ++count;
+    }
+    return count;
+}
+
+unsigned char* putGroups(unsigned char* out, std::uint32_t value)
+{
+    while (value >= 0x80) {
+        *out++ = static_cast<unsigned char>(value | 0x80);
+        value >>= 7;
+    }
+    *out++ = static_cast<unsigned char>(value);
+    return out;
+}
+
+/// The three folded differences of `row` to `previous`.
+struct Step {
+    Step(const LineNumberEntry& previous, const LineNumberEntry& row)
+        : start(fold(row.start - previous.end)), length(fold(row.end - row.start)),
+          value(fold(row.value - previous.value))
+    {
+    }
+    std::uint32_t start, length, value;
+};
+
+std::uint32_t readWord(const unsigned char* at)
+{
+    std::uint32_t word;
+    std::memcpy(&word, at, sizeof word);
+    return word;
+}
+
+} // namespace
+
+LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
+{
+    if (count == 0)
+        return;
+    std::size_t size = kHeaderSize;
+    LineNumberEntry previous{0, 0, 0};
+    for (std::size_t i = 0; i < count; ++i) {
+        const Step step(previous, rows[i]);
+        size += groupCount(step.start) + groupCount(step.length) + groupCount(step.value);
+        previous = rows[i];
+    }
+
+    m_data.reset(new unsigned char[size]);
+    const std::uint32_t words[2] = {static_cast<std::uint32_t>(size), static_cast<std::uint32_t>(count)};
+    std::memcpy(m_data.get(), words, kHeaderSize);
+    unsigned char* out = m_data.get() + kHeaderSize;
+    previous = LineNumberEntry{0, 0, 0};
+    for (std::size_t i = 0; i < count; ++i) {
+        const Step step(previous, rows[i]);
+        out = putGroups(putGroups(putGroups(out, step.start), step.length), step.value);
+        previous = rows[i];
+    }
+}
+
+LineTable::LineTable(const LineTable& other)
+{
+    *this = other;
+}
+
+LineTable& LineTable::operator=(const LineTable& other)
+{
+    if (this == &other)
+        return *this;
+    if (!other.m_data) {
+        m_data.reset();
+        return *this;
+    }
+    const std::size_t size = other.byteSize();
+    m_data.reset(new unsigned char[size]);
+    std::memcpy(m_data.get(), other.m_data.get(), size);
+    return *this;
+}
+
+std::size_t LineTable::byteSize() const
+{
+    return m_data ? readWord(m_data.get()) : 0;
+}
+
+unsigned int LineTable::size() const
+{
+    return m_data ? readWord(m_data.get() + sizeof(std::uint32_t)) : 0;
+}
+
+void LineTable::copyTo(LineNumberEntry* out) const
+{
+    Decoder decoder(*this);
+    while (decoder.next(*out))
+        ++out;
+}
+
+std::vector<LineNumberEntry> LineTable::rows() const
+{
+    std::vector<LineNumberEntry> result(size());
+    copyTo(result.data());
+    return result;
+}
+
+LineTable::Decoder::Decoder(const LineTable& table)
+    : m_at(table.m_data ? table.m_data.get() + kHeaderSize : nullptr), m_left(table.size()), m_previous{0, 0, 0}
+{
+}
+
+bool LineTable::Decoder::next(LineNumberEntry& row)
+{
+    if (m_left == 0)
+        return false;
+    --m_left;
+    // The block was written by this class with exactly size() rows, so its groups end in it.
+    const auto group = [this] {
+        std::uint32_t value = 0;
+        for (unsigned int shift = 0;; shift += 7) {
+            const unsigned char byte = *m_at++;
+            value |= static_cast<std::uint32_t>(byte & 0x7f) << shift;
+            if ((byte & 0x80) == 0)
+                return unfold(value);
+        }
+    };
+    row.start = m_previous.end + group();
+    row.end = row.start + group();
+    row.value = m_previous.value + group();
+    m_previous = row;
+    return true;
+}
+
+} // namespace velmark_3_11

@@ -1,0 +1,62 @@
+// One line table of a code range, kept delta-coded: a row costs about three bytes instead of
+// twelve, and the store holds millions of them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "jitreader/symbol.h"
+
+namespace velmark_3_11 {
+
+class LineTable {
+public:
+    LineTable() = default;
+    /// Encodes `count` rows exactly as given, in their order; bad rows included.
+    LineTable(const LineNumberEntry* rows, std::size_t count);
+    explicit LineTable(const std::vector<LineNumberEntry>& rows) : LineTable(rows.data(), rows.size()) {}
+    LineTable(const LineTable& other);
+    LineTable& operator=(const LineTable& other);
+    LineTable(LineTable&&) noexcept = default;
+    LineTable& operator=(LineTable&&) noexcept = default;
+
+    bool empty() const { return !m_data; }
+    unsigned int size() const;
+    /// Writes the rows to `out`, which holds size() of them.
+    void copyTo(LineNumberEntry* out) const;
+    std::vector<LineNumberEntry> rows() const;
+
+    /// Calls `visit` with every row in stored order until it returns true; then true, with that
+    /// row in `found`.
+    template <class Visit>
+    bool findIf(Visit&& visit, LineNumberEntry& found) const
+    {
+        Decoder decoder(*this);
+        while (decoder.next(found)) {
+            if (visit(found))
+                return true;
+        }
+        return false;
+    }
+
+private:
+    class Decoder {
+    public:
+        explicit Decoder(const LineTable& table);
+        bool next(LineNumberEntry& row);
+
+    private:
+        const unsigned char* m_at;
+        unsigned int m_left;
+        LineNumberEntry m_previous;
+    };
+
+    /// Bytes of the block: its size and the row count as 32-bit words, then the rows.
+    std::size_t byteSize() const;
+
+    std::unique_ptr<unsigned char[]> m_data;
+};
+
+} // namespace velmark_3_11

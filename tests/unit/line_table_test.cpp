@@ -1,0 +1,40 @@
+#include "jitreader/line_table.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+
+using namespace velmark_3_11;
+
+namespace velmark_3_11 {
+bool operator==(const LineNumberEntry& a, const LineNumberEntry& b)
+{
+    return a.start == b.start && a.end == b.end && a.value == b.value;
+}
+} // namespace velmark_3_11
+
+// Rows come back exactly as an agent wrote them, in order, however far they jump: backwards,
+// past 2^31 or ending before they start.
+TEST(LineTable, EveryRowComesBackExactly)
+{
+    const std::vector<std::vector<LineNumberEntry>> cases = {
+        {{0, 32, 10}, {32, 64, 11}, {64, 96, 11}, {96, 100, 9}},
+        {{0, 0, 0}},
+        {{UINT_MAX, 0, UINT_MAX}, {0, UINT_MAX, 0}, {0x80000000u, 0x7fffffffu, 0x80000000u}},
+        {{100, 50, 7}, {10, 20, 3000000000u}, {10, 20, 1}, {5, 5, 5}},
+    };
+    for (const auto& rows : cases) {
+        const LineTable table(rows);
+        EXPECT_EQ(table.size(), rows.size());
+        EXPECT_EQ(table.rows(), rows);
+        const LineTable copy = table;
+        EXPECT_EQ(copy.rows(), rows);
+
+        LineNumberEntry found{};
+        EXPECT_TRUE(table.findIf([&](const LineNumberEntry& r) { return r == rows.back(); }, found));
+        EXPECT_EQ(found, rows.back());
+        EXPECT_FALSE(table.findIf([](const LineNumberEntry&) { return false; }, found));
+    }
+    EXPECT_TRUE(LineTable().empty());
+    EXPECT_TRUE(LineTable(std::vector<LineNumberEntry>()).rows().empty());
+}
