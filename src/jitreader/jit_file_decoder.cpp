@@ -465,15 +465,15 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
     std::string name = reader.string();
     std::string className = reader.string();
     if (form != lfInlineFlag) {
-        method.setClassName(toWide(className));
+        method.setClassName(classNameOf(className, false));
         method.setName(toWide(name));
     }
 
-    std::wstring sourceName = toWide(reader.string());
+    const std::string sourceName = reader.string();
     const std::uint16_t checksumType = reader.field<std::uint16_t>();
-    std::wstring checksum = toWide(reader.string());
+    const std::string checksum = reader.string();
     const std::uint16_t languageType = reader.field<std::uint16_t>();
-    method.setSourceFile(SourceFile(std::move(sourceName), std::move(checksum), checksumType, languageType));
+    method.setSourceFile(sourceFileOf(sourceName, checksum, checksumType, languageType));
 
     if (form == lfMethodId) {
         if (languageType == kJavaLanguage && modulePath.empty())
@@ -522,6 +522,35 @@ const boost::intrusive_ptr<Module>& JitFileDecoder::moduleOf(const std::wstring&
     return m_lastModule;
 }
 
+SharedText JitFileDecoder::classNameOf(const std::string& className, bool java) const
+{
+    // The methods of a class share its name: it is printed and widened once per file.
+    std::string& key = m_textKey;
+    key.assign(1, java ? 'J' : '-');
+    key += className;
+    SharedText& joined = m_classNames[key];
+    if (!joined)
+        joined = JitMethod::joinClassName(toWide(java ? formatJavaClassName(className) : className));
+    return joined;
+}
+
+std::shared_ptr<const SourceFile> JitFileDecoder::sourceFileOf(const std::string& name, const std::string& checksum,
+                                                               unsigned int checksumType,
+                                                               unsigned int languageType) const
+{
+    std::string& key = m_textKey;
+    key = name;
+    key += '\0';
+    key += checksum;
+    key.push_back('\0');
+    key.append(reinterpret_cast<const char*>(&checksumType), sizeof checksumType);
+    key.append(reinterpret_cast<const char*>(&languageType), sizeof languageType);
+    std::shared_ptr<const SourceFile>& file = m_sourceFiles[key];
+    if (!file)
+        file = std::make_shared<const SourceFile>(toWide(name), toWide(checksum), checksumType, languageType);
+    return file;
+}
+
 void JitFileDecoder::storeNamesAndModule(JitMethod& method, std::string name, std::string className,
                                          std::wstring modulePath, unsigned int languageType, unsigned int arch) const
 {
@@ -537,12 +566,10 @@ void JitFileDecoder::storeNamesAndModule(JitMethod& method, std::string name, st
             modulePath = kCompiledJavaCodeModule;
         if (!name.empty())
             name = formatJavaMethodName(name);
-        if (!className.empty())
-            className = formatJavaClassName(className);
     }
     // The class first: storing the name qualifies it with the class.
     if (!className.empty())
-        method.setClassName(toWide(className));
+        method.setClassName(classNameOf(className, languageType == kJavaLanguage));
     if (!name.empty())
         method.setName(toWide(name));
 
@@ -601,9 +628,9 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, boost::i
     const std::uint16_t arch = reader.field<std::uint16_t>();
     std::string name = reader.string();
     std::string className = reader.string();
-    std::wstring sourceName = toWide(reader.string());
+    const std::string sourceName = reader.string();
     const std::uint16_t languageType = reader.field<std::uint16_t>();
-    method->setSourceFile(SourceFile(std::move(sourceName), std::wstring(), 0, languageType));
+    method->setSourceFile(sourceFileOf(sourceName, std::string(), 0, languageType));
     storeNamesAndModule(*method, std::move(name), std::move(className), std::move(modulePath), languageType, arch);
 
     const std::uint32_t rowCount = reader.lastField<std::uint32_t>();

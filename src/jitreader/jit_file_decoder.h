@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <boost/intrusive_ptr.hpp>
@@ -129,6 +130,12 @@ private:
     bool decodeLoadRecord(const Record& record, JitMethod& method, unsigned char* isInline, load_form_t form);
     /// The module of that path, type and architecture.
     const boost::intrusive_ptr<Module>& moduleOf(const std::wstring& path, unsigned int type, unsigned int arch) const;
+    /// The class name of a record, printed as Java prints it when `java`, and joined; shared by
+    /// the methods of the file. Null for an empty name.
+    SharedText classNameOf(const std::string& className, bool java) const;
+    /// The source file of a record, shared by the methods of the file.
+    std::shared_ptr<const SourceFile> sourceFileOf(const std::string& name, const std::string& checksum,
+                                                   unsigned int checksumType, unsigned int languageType) const;
     /// Prints Java names, stores class and name, and gives the method its module.
     void storeNamesAndModule(JitMethod& method, std::string name, std::string className, std::wstring modulePath,
                              unsigned int languageType, unsigned int arch) const;
@@ -161,6 +168,9 @@ private:
     CodeArena* m_sharedArena = nullptr;
     mutable boost::intrusive_ptr<Module> m_lastModule;
     mutable std::wstring m_lastModulePath; // as the record gave it, before "[Dynamic code]" stands in
+    mutable std::unordered_map<std::string, SharedText> m_classNames;
+    mutable std::unordered_map<std::string, std::shared_ptr<const SourceFile>> m_sourceFiles;
+    mutable std::string m_textKey; // scratch space for the keys of both
     bool m_arch0Seen;
     bool m_arch1Seen;
     // Where the stream stands, so that a frame that follows the previous one needs no seek (a seek

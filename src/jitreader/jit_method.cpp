@@ -61,9 +61,15 @@ JitMethod::~JitMethod() = default;
 
 boost::intrusive_ptr<ISourceFile> JitMethod::getSourceFile() const
 {
-    if (m_info->sourceFile.name().empty())
+    if (sourceFile().name().empty())
         return nullptr;
-    return copySourceFile(m_info->sourceFile);
+    return copySourceFile(sourceFile());
+}
+
+const SourceFile& JitMethod::sourceFile() const
+{
+    static const SourceFile none;
+    return m_info->sourceFile ? *m_info->sourceFile : none;
 }
 
 basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> JitMethod::getCodeRegions() const
@@ -95,18 +101,29 @@ velmark_error_t JitMethod::getProcessId(unsigned long long jitRva, unsigned int*
 
 void JitMethod::setSourceFile(const ISourceFile& file)
 {
-    m_info->sourceFile =
-        SourceFile(file.getName(), file.getChecksum(), file.getChecksumType(), file.getLanguageType());
+    m_info->sourceFile = std::make_shared<const SourceFile>(file.getName(), file.getChecksum(),
+                                                            file.getChecksumType(), file.getLanguageType());
 }
 
-void JitMethod::setClassName(const std::wstring& name)
+void JitMethod::setSourceFile(SourceFile&& file)
+{
+    m_info->sourceFile = std::make_shared<const SourceFile>(std::move(file));
+}
+
+SharedText JitMethod::joinClassName(const std::wstring& name)
 {
     if (name.empty())
-        return;
+        return nullptr;
     std::wstring joined;
     joined.reserve(name.size() + 8);
     appendDottedParts(joined, name);
-    m_info->className = std::move(joined);
+    return std::make_shared<const std::wstring>(std::move(joined));
+}
+
+void JitMethod::setClassName(SharedText joined)
+{
+    if (joined)
+        m_info->className = std::move(joined);
 }
 
 void JitMethod::setName(const std::wstring& name)
@@ -127,9 +144,10 @@ void JitMethod::setName(const std::wstring& name)
 
     std::wstring& text = m_info->fullName;
     text.clear();
-    text.reserve(m_info->className.size() + name.size() + 8);
-    if (!m_info->className.empty()) {
-        text = m_info->className;
+    const std::wstring* className = m_info->className.get();
+    text.reserve((className ? className->size() : 0) + name.size() + 8);
+    if (className && !className->empty()) {
+        text = *className;
         text += L"::";
     }
     appendDottedParts(text, name);
@@ -199,8 +217,10 @@ bool JitMethod::validateLineNumberInfo() const
         return true;
 
     // A bad row is reported, not dropped: the tables are kept as the agent wrote them.
+    const LineTable& rows = found->second.tables[ltNativeToSource];
     LineNumberEntry row;
-    if (found->second.tables[ltNativeToSource].findIf(
+    if (rows.maxEnd() > region.length() &&
+        rows.findIf(
             [&region](const LineNumberEntry& r) { return r.end > region.length(); }, row)) {
         VM_ERROR_AT(L"Detected line number (start offset = "
                     << row.start << L", end offset = " << row.end << L", src line = " << row.value
@@ -236,7 +256,7 @@ void JitMethod::compareSymbolicInfoTo(const boost::intrusive_ptr<JitMethod>& jit
     if (!jitMethod)
         return;
 
-    const std::wstring& ownName = m_info->sourceFile.name();
+    const std::wstring& ownName = sourceFile().name();
     const std::wstring& otherName = jitMethod->sourceFile().name();
     if (ownName.empty()) {
         VM_TRACE(L"Registred method has a null source file " << MethodTag(*jitMethod)
@@ -380,7 +400,7 @@ boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long
                                     row))
             return nullptr;
     }
-    return boost::intrusive_ptr<ISourceLocation>(new SourceLocation(row.value, m_info->sourceFile));
+    return boost::intrusive_ptr<ISourceLocation>(new SourceLocation(row.value, sourceFile()));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -22,6 +23,9 @@
 
 namespace velmark_3_11 {
 
+/// Text that the methods of one class share, such as the class name.
+typedef std::shared_ptr<const std::wstring> SharedText;
+
 /// What doesn't change between versions of a method.
 class BaseMethodInfo : public BaseObject {
 public:
@@ -30,9 +34,9 @@ public:
     unsigned int metadataToken = 0;
     std::wstring name;
     std::wstring fullName;
-    std::wstring className;
+    SharedText className;                    ///< null: none
     boost::intrusive_ptr<Module> module;
-    SourceFile sourceFile;
+    std::shared_ptr<const SourceFile> sourceFile; ///< null: none
 };
 
 /// Kinds of line table.
@@ -61,7 +65,7 @@ public:
     unsigned int getMetadataToken() const override { return m_info->metadataToken; }
     const wchar_t* getName() const override { return m_info->name.c_str(); }
     const wchar_t* getFullName() const override { return m_info->fullName.c_str(); }
-    const wchar_t* getClassName() const override { return m_info->className.c_str(); }
+    const wchar_t* getClassName() const override { return m_info->className ? m_info->className->c_str() : L""; }
     boost::intrusive_ptr<IModule> getModule() const override { return m_info->module; }
     boost::intrusive_ptr<ISourceFile> getSourceFile() const override;
     basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> getCodeRegions() const override;
@@ -87,13 +91,20 @@ public:
     // Module, source file and names
     const boost::intrusive_ptr<Module>& module() const { return m_info->module; }
     void setModule(const boost::intrusive_ptr<Module>& module) { m_info->module = module; }
-    const SourceFile& sourceFile() const { return m_info->sourceFile; }
+    /// The source file; one with an empty name when there is none.
+    const SourceFile& sourceFile() const;
     /// Copies name, checksum, checksum type and language type.
     void setSourceFile(const ISourceFile& file);
     /// Takes the strings of `file` over.
-    void setSourceFile(SourceFile&& file) { m_info->sourceFile = std::move(file); }
+    void setSourceFile(SourceFile&& file);
+    /// Shares `file` with other methods.
+    void setSourceFile(std::shared_ptr<const SourceFile> file) { m_info->sourceFile = std::move(file); }
     /// Splits at "." and joins with "::"; an empty name changes nothing.
-    void setClassName(const std::wstring& name);
+    void setClassName(const std::wstring& name) { setClassName(joinClassName(name)); }
+    /// Shares a class name that joinClassName made; null changes nothing.
+    void setClassName(SharedText joined);
+    /// `name` split at "." and joined with "::"; null for an empty name.
+    static SharedText joinClassName(const std::wstring& name);
     /// Stores short and full name, qualified with the class; an empty name changes nothing.
     void setName(const std::wstring& name);
 

@@ -1,12 +1,14 @@
 #include "jitreader/line_table.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace velmark_3_11 {
 
 namespace {
 
-constexpr std::size_t kHeaderSize = 2 * sizeof(std::uint32_t);
+constexpr std::size_t kHeaderSize = 3 * sizeof(std::uint32_t);
+constexpr std::size_t kMaxRowSize = 3 * 5; // three fields of at most five 7-bit groups
 
 // Rows mostly follow one another: a row starts where the one before ended and moves the value
 // by a little. Each field is therefore stored as the difference to what it is expected to be,
@@ -22,16 +24,6 @@ std::uint32_t unfold(std::uint32_t folded)
     return (folded >> 1) ^ (0u - (folded & 1));
 }
 
-std::size_t groupCount(std::uint32_t value)
-{
-    std::size_t count = 1;
-    while (value >= 0x80) {
-        value >>= 7;
-        ++count;
-    }
-    return count;
-}
-
 unsigned char* putGroups(unsigned char* out, std::uint32_t value)
 {
     while (value >= 0x80) {
@@ -41,16 +33,6 @@ unsigned char* putGroups(unsigned char* out, std::uint32_t value)
     *out++ = static_cast<unsigned char>(value);
     return out;
 }
-
-/// The three folded differences of `row` to `previous`.
-struct Step {
-    Step(const LineNumberEntry& previous, const LineNumberEntry& row)
-        : start(fold(row.start - previous.end)), length(fold(row.end - row.start)),
-          value(fold(row.value - previous.value))
-    {
-    }
-    std::uint32_t start, length, value;
-};
 
 std::uint32_t readWord(const unsigned char* at)
 {
@@ -65,24 +47,26 @@ LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
 {
     if (count == 0)
         return;
-    std::size_t size = kHeaderSize;
+    // Written once into scratch space of the largest size, then copied to a block that fits.
+    thread_local std::vector<unsigned char> scratch;
+    scratch.resize(std::max(scratch.size(), kHeaderSize + count * kMaxRowSize));
+    unsigned char* out = scratch.data() + kHeaderSize;
     LineNumberEntry previous{0, 0, 0};
+    std::uint32_t maxEnd = 0;
     for (std::size_t i = 0; i < count; ++i) {
-        const Step step(previous, rows[i]);
-        size += groupCount(step.start) + groupCount(step.length) + groupCount(step.value);
-        previous = rows[i];
+        const LineNumberEntry& row = rows[i];
+        out = putGroups(out, fold(row.start - previous.end));
+        out = putGroups(out, fold(row.end - row.start));
+        out = putGroups(out, fold(row.value - previous.value));
+        maxEnd = std::max(maxEnd, row.end);
+        previous = row;
     }
 
+    const std::size_t size = static_cast<std::size_t>(out - scratch.data());
+    const std::uint32_t header[3] = {static_cast<std::uint32_t>(size), static_cast<std::uint32_t>(count), maxEnd};
+    std::memcpy(scratch.data(), header, kHeaderSize);
     m_data.reset(new unsigned char[size]);
-    const std::uint32_t words[2] = {static_cast<std::uint32_t>(size), static_cast<std::uint32_t>(count)};
-    std::memcpy(m_data.get(), words, kHeaderSize);
-    unsigned char* out = m_data.get() + kHeaderSize;
-    previous = LineNumberEntry{0, 0, 0};
-    for (std::size_t i = 0; i < count; ++i) {
-        const Step step(previous, rows[i]);
-        out = putGroups(putGroups(putGroups(out, step.start), step.length), step.value);
-        previous = rows[i];
-    }
+    std::memcpy(m_data.get(), scratch.data(), size);
 }
 
 LineTable::LineTable(const LineTable& other)
@@ -112,6 +96,11 @@ std::size_t LineTable::byteSize() const
 unsigned int LineTable::size() const
 {
     return m_data ? readWord(m_data.get() + sizeof(std::uint32_t)) : 0;
+}
+
+unsigned int LineTable::maxEnd() const
+{
+    return m_data ? readWord(m_data.get() + 2 * sizeof(std::uint32_t)) : 0;
 }
 
 void LineTable::copyTo(LineNumberEntry* out) const

@@ -24,6 +24,8 @@ public:
 
     bool empty() const { return !m_data; }
     unsigned int size() const;
+    /// The largest end offset of the rows; 0 for none.
+    unsigned int maxEnd() const;
     /// Writes the rows to `out`, which holds size() of them.
     void copyTo(LineNumberEntry* out) const;
     std::vector<LineNumberEntry> rows() const;
@@ -53,7 +55,7 @@ private:
         LineNumberEntry m_previous;
     };
 
-    /// Bytes of the block: its size and the row count as 32-bit words, then the rows.
+    /// Bytes of the block: its size, the row count and maxEnd() as 32-bit words, then the rows.
     std::size_t byteSize() const;
 
     std::unique_ptr<unsigned char[]> m_data;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 
 using namespace velmark_3_11;
@@ -26,6 +27,10 @@ TEST(LineTable, EveryRowComesBackExactly)
     for (const auto& rows : cases) {
         const LineTable table(rows);
         EXPECT_EQ(table.size(), rows.size());
+        unsigned int maxEnd = 0;
+        for (const LineNumberEntry& row : rows)
+            maxEnd = std::max(maxEnd, row.end);
+        EXPECT_EQ(table.maxEnd(), maxEnd);
         EXPECT_EQ(table.rows(), rows);
         const LineTable copy = table;
         EXPECT_EQ(copy.rows(), rows);
