@@ -59,6 +59,14 @@ JitMethod::JitMethod()
 
 JitMethod::~JitMethod() = default;
 
+std::mutex& JitMethod::lockFor(const JitMethod* method, std::size_t purpose)
+{
+    constexpr std::size_t kLocks = 64;
+    static std::mutex locks[2][kLocks];
+    // Methods are at least 64 bytes apart: the bits below say nothing.
+    return locks[purpose][(reinterpret_cast<std::uintptr_t>(method) >> 6) % kLocks];
+}
+
 boost::intrusive_ptr<ISourceFile> JitMethod::getSourceFile() const
 {
     if (sourceFile().name().empty())
@@ -300,7 +308,7 @@ velmark_error_t JitMethod::getLineNumberInfo(unsigned int kind, LineNumberEntry*
 {
     if (rows == nullptr && count == nullptr)
         return meInvalidArgument;
-    std::lock_guard<std::mutex> lock(m_lineQueryMutex);
+    std::lock_guard<std::mutex> lock(lockFor(this, kLineQueryLocks));
     if (m_lineNumberInfo.empty())
         return meFail;
 
@@ -330,7 +338,7 @@ velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry* first, LineNumber
 {
     if (first == nullptr || last == nullptr)
         return meFail;
-    std::lock_guard<std::mutex> lock(m_lineQueryMutex);
+    std::lock_guard<std::mutex> lock(lockFor(this, kLineQueryLocks));
     if (m_lineNumberInfo.empty())
         return meFail;
 
@@ -367,7 +375,7 @@ velmark_error_t JitMethod::getLineNumberRange(LineNumberEntry* first, LineNumber
 
 boost::intrusive_ptr<ISourceLocation> JitMethod::getSourceLocation(unsigned long long jitRva) const
 {
-    std::lock_guard<std::mutex> lock(m_lineQueryMutex);
+    std::lock_guard<std::mutex> lock(lockFor(this, kLineQueryLocks));
     if (m_lineNumberInfo.empty())
         return nullptr;
 

@@ -125,9 +125,11 @@ public:
     void clearInlinesToPlace() { m_inlinesToPlace = false; }
 
     // Regions
+    /// Nearly every method has one region: it lives in the method.
+    typedef boost::container::small_vector<boost::intrusive_ptr<Region>, 1> RegionList;
     void addRegion(const boost::intrusive_ptr<Region>& region) { m_regions.push_back(region); }
     std::size_t regionCount() const { return m_regions.size(); }
-    const Region::RegionVector& regions() const { return m_regions; }
+    const RegionList& regions() const { return m_regions; }
 
     // Line number information
     /// Stores `rows` as the table of `kind` for the code range `key`. False when the rows are
@@ -155,7 +157,7 @@ public:
     {
         if (m_enriched.load(std::memory_order_acquire))
             return;
-        const std::lock_guard<std::mutex> lock(m_enrichMutex);
+        const std::lock_guard<std::mutex> lock(lockFor(this, kEnrichLocks));
         if (m_enriched.load(std::memory_order_relaxed))
             return;
         if (enrich())
@@ -163,6 +165,15 @@ public:
     }
 
 private:
+    // A line query with a jit rva copies that range's tables over the first range's, and later
+    // queries see them, so concurrent queries take turns; so do enrichments. A mutex in every
+    // method would cost as much as its line rows, and the locks are taken seldom and briefly:
+    // methods share a table of them, one table per purpose, so that a thread holding one kind
+    // never waits for the other kind.
+    static constexpr std::size_t kLineQueryLocks = 0;
+    static constexpr std::size_t kEnrichLocks = 1;
+    static std::mutex& lockFor(const JitMethod* method, std::size_t purpose);
+
     /// Finds the entry for `jitRva` (0: the first) and copies its tables over the first entry's.
     LineNumberInfo* selectLineNumberEntry(unsigned long long jitRva);
 
@@ -172,16 +183,12 @@ private:
     unsigned int m_rawParentId;
     unsigned long long m_loadTime;
     unsigned long long m_unloadTime; // never set: methods have no unload time of their own
-    Region::RegionVector m_regions;
+    RegionList m_regions;
     bool m_isInlined;
     LineNumberMap m_lineNumberInfo;
     unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
     bool m_inlinesToPlace = false;
     JitMethod* m_inlinedInto = nullptr; // owned through the store's maps, as this method is
-    // A line query with a jit rva copies that range's tables over the first range's, and later
-    // queries see them; concurrent queries take turns.
-    mutable std::mutex m_lineQueryMutex;
-    std::mutex m_enrichMutex;
     std::atomic<bool> m_enriched{false};
 };
 
