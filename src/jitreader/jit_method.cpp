@@ -136,30 +136,53 @@ void JitMethod::setClassName(SharedText joined)
 
 void JitMethod::setName(const std::wstring& name)
 {
-    if (name.empty())
-        return;
+    if (!name.empty())
+        m_info->setGivenName(name);
+}
 
+BaseMethodInfo::~BaseMethodInfo()
+{
+    delete m_names.load(std::memory_order_relaxed);
+}
+
+void BaseMethodInfo::setGivenName(const std::wstring& name)
+{
+    m_givenName = name;
+    m_givenClass = className;
+    delete m_names.exchange(nullptr, std::memory_order_acq_rel);
+}
+
+const BaseMethodInfo::Names& BaseMethodInfo::names() const
+{
+    static const Names none;
+    if (const Names* made = m_names.load(std::memory_order_acquire))
+        return *made;
+    if (m_givenName.empty())
+        return none;
+
+    std::unique_ptr<Names> made(new Names);
     boost::shared_ptr<NAMEKIT_3_30::ISymbolNameDemangler> demangler =
-        NAMEKIT_3_30::ISymbolNameDemangler::create(name, NAMEKIT_3_30::efDotNet);
-    if (demangler) {
-        std::wstring shortName = demangler->getShortName();
-        if (!shortName.empty() && shortName != name) {
-            m_info->name = shortName;
-            m_info->fullName = demangler->getFullName(0);
-            return;
+        NAMEKIT_3_30::ISymbolNameDemangler::create(m_givenName, NAMEKIT_3_30::efDotNet);
+    std::wstring shortName = demangler ? demangler->getShortName() : std::wstring();
+    if (!shortName.empty() && shortName != m_givenName) {
+        made->name = std::move(shortName);
+        made->fullName = demangler->getFullName(0);
+    } else {
+        std::wstring& text = made->fullName;
+        text.reserve((m_givenClass ? m_givenClass->size() : 0) + m_givenName.size() + 8);
+        if (m_givenClass && !m_givenClass->empty()) {
+            text = *m_givenClass;
+            text += L"::";
         }
+        appendDottedParts(text, m_givenName);
+        made->name.assign(text, 0, text.find(L'('));
     }
 
-    std::wstring& text = m_info->fullName;
-    text.clear();
-    const std::wstring* className = m_info->className.get();
-    text.reserve((className ? className->size() : 0) + name.size() + 8);
-    if (className && !className->empty()) {
-        text = *className;
-        text += L"::";
-    }
-    appendDottedParts(text, name);
-    m_info->name.assign(text, 0, text.find(L'('));
+    // Threads that ask at once each make the names; the first to publish wins.
+    const Names* expected = nullptr;
+    if (m_names.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
+        return *made.release();
+    return *expected;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -32,11 +32,31 @@ public:
     MethodId methodId;
     MethodId parentId;
     unsigned int metadataToken = 0;
-    std::wstring name;
-    std::wstring fullName;
-    SharedText className;                    ///< null: none
+    SharedText className; ///< null: none
     boost::intrusive_ptr<Module> module;
     std::shared_ptr<const SourceFile> sourceFile; ///< null: none
+
+    /// Short and full name.
+    struct Names {
+        std::wstring name;
+        std::wstring fullName;
+    };
+    /// The names, made from the name last given and the class name of that moment on first
+    /// use: most methods of a store are never asked for theirs, and the two texts would cost
+    /// more than the method.
+    const Names& names() const;
+    /// Takes a new name; the names made from the one before go.
+    void setGivenName(const std::wstring& name);
+
+    BaseMethodInfo() = default;
+    ~BaseMethodInfo() override;
+    BaseMethodInfo(const BaseMethodInfo&) = delete;
+    BaseMethodInfo& operator=(const BaseMethodInfo&) = delete;
+
+private:
+    std::wstring m_givenName;
+    SharedText m_givenClass;
+    mutable std::atomic<const Names*> m_names{nullptr};
 };
 
 /// Kinds of line table.
@@ -63,8 +83,8 @@ public:
 
     // ISymbol
     unsigned int getMetadataToken() const override { return m_info->metadataToken; }
-    const wchar_t* getName() const override { return m_info->name.c_str(); }
-    const wchar_t* getFullName() const override { return m_info->fullName.c_str(); }
+    const wchar_t* getName() const override { return m_info->names().name.c_str(); }
+    const wchar_t* getFullName() const override { return m_info->names().fullName.c_str(); }
     const wchar_t* getClassName() const override { return m_info->className ? m_info->className->c_str() : L""; }
     boost::intrusive_ptr<IModule> getModule() const override { return m_info->module; }
     boost::intrusive_ptr<ISourceFile> getSourceFile() const override;
