@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <vector>
 
 #include <sys/mman.h>
 
@@ -75,13 +74,15 @@ public:
         m_size = 0;
         if (data == nullptr || size == 0)
             return;
+        // `data` may lie in the storage that a larger write replaces: it goes after the copy.
+        std::unique_ptr<unsigned char[]> previous;
+        std::shared_ptr<CodeArena::Chunk> previousChunk;
         if (size > m_capacity) {
-            std::vector<unsigned char> grown(m_data, m_data + m_capacity);
-            grown.resize(size);
-            m_grown.swap(grown);
-            m_data = m_grown.data();
+            previous = std::move(m_grown);
+            previousChunk = std::move(m_chunk);
+            m_grown.reset(new unsigned char[size]);
+            m_data = m_grown.get();
             m_capacity = size;
-            m_chunk.reset();
         }
         std::memmove(m_data, data, size);
         m_size = size;
@@ -92,7 +93,7 @@ private:
     unsigned char* m_data;
     unsigned int m_capacity;
     unsigned int m_size;
-    std::vector<unsigned char> m_grown;
+    std::unique_ptr<unsigned char[]> m_grown;
 };
 
 } // namespace

@@ -41,9 +41,10 @@ Region::Region(const Region& other)
       m_loadTime(other.m_loadTime),
       m_unloadTime(other.m_unloadTime),
       m_startAddress(other.m_startAddress),
-      m_length(other.m_length),
-      m_markupRanges(other.m_markupRanges)
+      m_length(other.m_length)
 {
+    if (!other.markupRanges().empty())
+        extras().markupRanges = other.markupRanges();
     if (other.m_content)
         m_content = makeByteBuffer(other.m_content->getData(), other.m_content->getSize());
 }
@@ -53,10 +54,12 @@ Region::~Region()
     // Inlines nest as deep as a trace makes them. Their regions and methods are let go here one
     // at a time, rather than by a chain of destructors as deep as the nesting, which a long
     // enough chain would run off the stack.
+    if (!m_extras)
+        return;
     RegionVector regions;
     MethodVector methods;
-    regions.swap(m_inlinedRegions);
-    methods.swap(m_inlinedMethods);
+    regions.swap(m_extras->inlinedRegions);
+    methods.swap(m_extras->inlinedMethods);
     while (!regions.empty() || !methods.empty()) {
         if (!methods.empty()) {
             // An inline's method holds the inline's region, which waits in `regions`, so the
@@ -66,13 +69,39 @@ Region::~Region()
         }
         boost::intrusive_ptr<Region> region = std::move(regions.back());
         regions.pop_back();
-        if (region->isLastReference()) {
-            std::move(region->m_inlinedRegions.begin(), region->m_inlinedRegions.end(), std::back_inserter(regions));
-            std::move(region->m_inlinedMethods.begin(), region->m_inlinedMethods.end(), std::back_inserter(methods));
-            region->m_inlinedRegions.clear();
-            region->m_inlinedMethods.clear();
+        if (region->m_extras && region->isLastReference()) {
+            Extras& inner = *region->m_extras;
+            std::move(inner.inlinedRegions.begin(), inner.inlinedRegions.end(), std::back_inserter(regions));
+            std::move(inner.inlinedMethods.begin(), inner.inlinedMethods.end(), std::back_inserter(methods));
+            inner.inlinedRegions.clear();
+            inner.inlinedMethods.clear();
         }
     }
+}
+
+Region::Extras& Region::extras()
+{
+    if (!m_extras)
+        m_extras.reset(new Extras);
+    return *m_extras;
+}
+
+const Region::RegionVector& Region::inlinedRegions() const
+{
+    static const RegionVector none;
+    return m_extras ? m_extras->inlinedRegions : none;
+}
+
+const Region::MethodVector& Region::inlinedMethods() const
+{
+    static const MethodVector none;
+    return m_extras ? m_extras->inlinedMethods : none;
+}
+
+const Region::MarkupMap& Region::markupRanges() const
+{
+    static const MarkupMap none;
+    return m_extras ? m_extras->markupRanges : none;
 }
 
 bool Region::isLastReference() const
@@ -85,8 +114,8 @@ bool Region::isLastReference() const
 
 unsigned int Region::inlineIndexAt(unsigned long long jitRva) const
 {
-    for (std::size_t i = 0; i < m_inlinedRegions.size(); ++i) {
-        const Region& region = *m_inlinedRegions[i];
+    for (std::size_t i = 0; i < inlinedRegions().size(); ++i) {
+        const Region& region = *inlinedRegions()[i];
         if (region.m_startJitRva <= jitRva && jitRva - region.m_startJitRva < region.m_length)
             return static_cast<unsigned int>(i);
     }
@@ -97,18 +126,18 @@ boost::intrusive_ptr<ISymbol> Region::getInlinedMethod(unsigned long long jitRva
 {
     assertParallelInlines();
     const unsigned int index = inlineIndexAt(jitRva);
-    if (index >= m_inlinedMethods.size())
+    if (index >= inlinedMethods().size())
         return nullptr;
-    return m_inlinedMethods[index];
+    return inlinedMethods()[index];
 }
 
 boost::intrusive_ptr<ICodeRegion> Region::getInlinedRegion(unsigned long long jitRva) const
 {
     assertParallelInlines();
     const unsigned int index = inlineIndexAt(jitRva);
-    if (index >= m_inlinedRegions.size())
+    if (index >= inlinedRegions().size())
         return nullptr;
-    return m_inlinedRegions[index];
+    return inlinedRegions()[index];
 }
 
 velmark_error_t Region::addBytesUpdate(unsigned long long codeAddr, unsigned int codeLen,
@@ -148,7 +177,7 @@ velmark_error_t Region::addBytesUpdate(unsigned long long codeAddr, unsigned int
     }
 
     const Range range(codeAddr, codeLen);
-    auto inserted = m_markupRanges.insert(std::make_pair(range, MarkupRange{segType, name}));
+    auto inserted = extras().markupRanges.insert(std::make_pair(range, MarkupRange{segType, name}));
     velmark_segment_type_t effectiveType = segType;
     if (!inserted.second) {
         const Range& key = inserted.first->first;
@@ -198,24 +227,25 @@ velmark_error_t Region::addBytesUpdate(unsigned long long codeAddr, unsigned int
 
 void Region::addInlined(const boost::intrusive_ptr<Region>& region, const boost::intrusive_ptr<JitMethod>& method)
 {
-    m_inlinedRegions.push_back(region);
-    m_inlinedMethods.push_back(method);
+    Extras& inlines = extras();
+    inlines.inlinedRegions.push_back(region);
+    inlines.inlinedMethods.push_back(method);
 }
 
 basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> Region::getInlinedRegions() const
 {
-    return basekit2::make_vector_iterator<boost::intrusive_ptr<ICodeRegion>>(m_inlinedRegions);
+    return basekit2::make_vector_iterator<boost::intrusive_ptr<ICodeRegion>>(inlinedRegions());
 }
 
 void Region::assertParallelInlines() const
 {
-    BASEKIT2_ASSERT_TEXT(m_inlinedRegions.size() == m_inlinedMethods.size(),
+    BASEKIT2_ASSERT_TEXT(inlinedRegions().size() == inlinedMethods().size(),
                          "m_inlinedRegions.size() == m_inlinedMethods.size()");
 }
 
 std::size_t Region::inlineCount() const
 {
-    return std::min(m_inlinedRegions.size(), m_inlinedMethods.size());
+    return std::min(inlinedRegions().size(), inlinedMethods().size());
 }
 
 bool Region::holds(const Region& other) const
@@ -227,7 +257,7 @@ bool Region::holds(const Region& other) const
         pending.pop_back();
         if (region == &other)
             return true;
-        for (const auto& inlined : region->m_inlinedRegions)
+        for (const auto& inlined : region->inlinedRegions())
             pending.push_back(inlined.get());
     }
     return false;
@@ -253,8 +283,8 @@ velmark_error_t Region::normalizeInlineJitRvaRanges(unsigned long long jitRva, u
             continue;
         }
         const std::size_t i = level.next++;
-        Region& inlined = *level.region->m_inlinedRegions[i];
-        JitMethod& method = *level.region->m_inlinedMethods[i];
+        Region& inlined = *level.region->inlinedRegions()[i];
+        JitMethod& method = *level.region->inlinedMethods()[i];
         const unsigned long long rva = jitRva + inlined.m_startAddress - startAddr;
         // Placed inlines keep their values untouched: readers may be at them.
         if (inlined.m_startJitRva != rva)
@@ -291,8 +321,8 @@ void Region::dumpInlines(std::wostream& stream, unsigned int indent) const
             continue;
         }
         const std::size_t i = level.next++;
-        const Region& inlined = *level.region->m_inlinedRegions[i];
-        const JitMethod& method = *level.region->m_inlinedMethods[i];
+        const Region& inlined = *level.region->inlinedRegions()[i];
+        const JitMethod& method = *level.region->inlinedMethods()[i];
         stream << L'\n' << std::setw(static_cast<int>(level.indent)) << L"#" << std::dec << (i + 1) << L' '
                << method.getName() << L" (method id = 0x" << std::hex << method.getRawMethodId()
                << L", ip range = 0x" << inlined.m_startAddress << L"-0x" << inlined.endAddress() << L")"

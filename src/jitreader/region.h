@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -75,11 +76,11 @@ public:
     void addInlined(const boost::intrusive_ptr<Region>& region, const boost::intrusive_ptr<JitMethod>& method);
     /// Index of the first inline whose jit rva range holds `jitRva`; 0xFFFFFFFF when none.
     unsigned int inlineIndexAt(unsigned long long jitRva) const;
-    const RegionVector& inlinedRegions() const { return m_inlinedRegions; }
-    const MethodVector& inlinedMethods() const { return m_inlinedMethods; }
+    const RegionVector& inlinedRegions() const;
+    const MethodVector& inlinedMethods() const;
     /// The inlined regions, as ICodeRegion.
     basekit2::generic_iterator_t<boost::intrusive_ptr<ICodeRegion>> getInlinedRegions() const;
-    const MarkupMap& markupRanges() const { return m_markupRanges; }
+    const MarkupMap& markupRanges() const;
 
     /// True when `other` is this region or lies anywhere among its inlines.
     bool holds(const Region& other) const;
@@ -106,9 +107,15 @@ private:
     unsigned long long m_startAddress;
     unsigned int m_length;
     boost::shared_ptr<IByteBuffer> m_content;
-    RegionVector m_inlinedRegions;
-    MethodVector m_inlinedMethods;
-    MarkupMap m_markupRanges;
+
+    /// What few regions have; made when first needed, as it would double every region's size.
+    struct Extras {
+        RegionVector inlinedRegions;
+        MethodVector inlinedMethods;
+        MarkupMap markupRanges;
+    };
+    Extras& extras();
+    std::unique_ptr<Extras> m_extras;
 };
 
 } // namespace velmark_3_11
