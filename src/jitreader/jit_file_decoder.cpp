@@ -466,7 +466,7 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
     std::string className = reader.string();
     if (form != lfInlineFlag) {
         method.setClassName(classNameOf(className, false));
-        method.setName(toWide(name));
+        method.setName(std::move(name), false);
     }
 
     const std::string sourceName = reader.string();
@@ -561,17 +561,12 @@ void JitFileDecoder::storeNamesAndModule(JitMethod& method, std::string name, st
         if (modulePath.empty())
             modulePath = kDynamicCodeModule;
     }
-    if (languageType == kJavaLanguage) {
-        if (modulePath.empty())
-            modulePath = kCompiledJavaCodeModule;
-        if (!name.empty())
-            name = formatJavaMethodName(name);
-    }
+    if (languageType == kJavaLanguage && modulePath.empty())
+        modulePath = kCompiledJavaCodeModule;
     // The class first: storing the name qualifies it with the class.
     if (!className.empty())
         method.setClassName(classNameOf(className, languageType == kJavaLanguage));
-    if (!name.empty())
-        method.setName(toWide(name));
+    method.setName(std::move(name), languageType == kJavaLanguage);
 
     const unsigned int type = isModuleOfNoFile(modulePath) || m_collectorType == ctJitProfiler ? 0 : 4;
     method.setModule(moduleOf(modulePath, type, arch));

@@ -4,9 +4,11 @@
 #include <sstream>
 
 #include "basekit2/assertion.h"
+#include "jitreader/java_names.h"
 #include "platform/log.h"
 #include "platform/md5.h"
 #include "platform/symbol_name_demangler.h"
+#include "platform/text.h"
 
 namespace velmark_3_11 {
 
@@ -145,9 +147,25 @@ BaseMethodInfo::~BaseMethodInfo()
     delete m_names.load(std::memory_order_relaxed);
 }
 
+void JitMethod::setName(std::string&& name, bool java)
+{
+    if (!name.empty())
+        m_info->setGivenName(std::move(name), java);
+}
+
 void BaseMethodInfo::setGivenName(const std::wstring& name)
 {
+    m_givenText.clear();
     m_givenName = name;
+    m_givenClass = className;
+    delete m_names.exchange(nullptr, std::memory_order_acq_rel);
+}
+
+void BaseMethodInfo::setGivenName(std::string&& name, bool java)
+{
+    m_givenText = std::move(name);
+    m_givenJava = java;
+    m_givenName.clear();
     m_givenClass = className;
     delete m_names.exchange(nullptr, std::memory_order_acq_rel);
 }
@@ -157,24 +175,26 @@ const BaseMethodInfo::Names& BaseMethodInfo::names() const
     static const Names none;
     if (const Names* made = m_names.load(std::memory_order_acquire))
         return *made;
-    if (m_givenName.empty())
+    if (m_givenName.empty() && m_givenText.empty())
         return none;
 
+    const std::wstring given =
+        m_givenText.empty() ? m_givenName : toWide(m_givenJava ? formatJavaMethodName(m_givenText) : m_givenText);
     std::unique_ptr<Names> made(new Names);
     boost::shared_ptr<NAMEKIT_3_30::ISymbolNameDemangler> demangler =
-        NAMEKIT_3_30::ISymbolNameDemangler::create(m_givenName, NAMEKIT_3_30::efDotNet);
+        NAMEKIT_3_30::ISymbolNameDemangler::create(given, NAMEKIT_3_30::efDotNet);
     std::wstring shortName = demangler ? demangler->getShortName() : std::wstring();
-    if (!shortName.empty() && shortName != m_givenName) {
+    if (!shortName.empty() && shortName != given) {
         made->name = std::move(shortName);
         made->fullName = demangler->getFullName(0);
     } else {
         std::wstring& text = made->fullName;
-        text.reserve((m_givenClass ? m_givenClass->size() : 0) + m_givenName.size() + 8);
+        text.reserve((m_givenClass ? m_givenClass->size() : 0) + given.size() + 8);
         if (m_givenClass && !m_givenClass->empty()) {
             text = *m_givenClass;
             text += L"::";
         }
-        appendDottedParts(text, m_givenName);
+        appendDottedParts(text, given);
         made->name.assign(text, 0, text.find(L'('));
     }
 
