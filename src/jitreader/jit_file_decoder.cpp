@@ -106,19 +106,15 @@ public:
     }
 
     /// A line table's rows; `last` for the payload's last table.
-    std::vector<LineNumberEntry> rows(std::uint32_t count, bool last)
+    LineTable rows(std::uint32_t count, bool last)
     {
-        std::vector<LineNumberEntry> rows;
         const std::size_t size = static_cast<std::size_t>(count) * kLineRowSize;
         if (m_cursor.remaining() > size || (last && m_cursor.remaining() == size)) {
             // Every row lies inside the payload, so no bound check after a field can fail: the
             // rows are taken in one go rather than field by field.
-            const unsigned char* bytes = m_cursor.take(size);
-            rows.reserve(count);
-            for (const unsigned char* row = bytes; row != bytes + size; row += kLineRowSize)
-                rows.push_back({littleEndian32(row), littleEndian32(row + 4), littleEndian32(row + 8)});
-            return rows;
+            return LineTable::fromFileRows(m_cursor.take(size), count);
         }
+        std::vector<LineNumberEntry> rows;
         rows.reserve(std::min<std::size_t>(count, m_cursor.remaining() / kLineRowSize + 1));
         for (std::uint32_t i = 0; i < count; ++i) {
             if (m_cursor.remaining() == 0) {
@@ -134,7 +130,7 @@ public:
             row.value = last ? lastField<std::uint32_t>() : field<std::uint32_t>();
             rows.push_back(row);
         }
-        return rows;
+        return LineTable(rows);
     }
 
     /// Steps over `count` code range entries that lie wholly past the end; they would read as
@@ -496,10 +492,10 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
             count = last ? reader.lastField<std::uint32_t>() : reader.field<std::uint32_t>();
         if (count == 0)
             continue;
-        std::vector<LineNumberEntry> rows = reader.rows(count, last);
+        LineTable rows = reader.rows(count, last);
         if (!regions.empty())
-            method.addLineNumberInfo(kTableKinds[table], std::move(rows),
-                                     Range(regions.front()->startJitRva(), regions.front()->length()));
+            method.addLineTable(kTableKinds[table], std::move(rows),
+                                Range(regions.front()->startJitRva(), regions.front()->length()));
     }
 
     method.setMethodId(m_methodIdMaker.makeMethodId(form <= lfWideCounts ? 0 : rawMethodId, method));
@@ -630,7 +626,7 @@ bool JitFileDecoder::decodeMethodInlineLoadRecord(const Record& record, boost::i
 
     const std::uint32_t rowCount = reader.lastField<std::uint32_t>();
     if (rowCount != 0)
-        method->addLineNumberInfo(ltNativeToSource, reader.rows(rowCount, true), Range(0, size));
+        method->addLineTable(ltNativeToSource, reader.rows(rowCount, true), Range(0, size));
 
     method->setMethodId(m_methodIdMaker.makeMethodId(rawMethodId, *method));
     method->setParentId(m_methodIdMaker.makeMethodId(parentRawMethodId, *method));

@@ -210,13 +210,13 @@ const BaseMethodInfo::Names& BaseMethodInfo::names() const
 
 bool JitMethod::addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key)
 {
-    if (rows.empty())
-        return false;
     return addLineTable(kind, LineTable(rows), key);
 }
 
 bool JitMethod::addLineTable(unsigned int kind, LineTable&& rows, const Range& key)
 {
+    if (rows.empty())
+        return false;
     // Overlapping ranges are one key, so a key may find an entry of another length.
     auto found = m_lineNumberInfo.find(key);
     if (found != m_lineNumberInfo.end()) {

@@ -163,7 +163,7 @@ public:
     /// Stores `rows` as the table of `kind` for the code range `key`. False when the rows are
     /// empty or the range already has a table of that kind.
     bool addLineNumberInfo(unsigned int kind, const std::vector<LineNumberEntry>& rows, const Range& key);
-    /// The same for rows already encoded; `rows` is not empty.
+    /// The same for rows already encoded.
     bool addLineTable(unsigned int kind, LineTable&& rows, const Range& key);
     /// Merges every table of `other`; the first refusal ends the merge with false.
     bool addLineNumberInfo(const LineNumberMap& other);

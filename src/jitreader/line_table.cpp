@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/byte_cursor.h"
+
 namespace velmark_3_11 {
 
 namespace {
@@ -43,7 +45,8 @@ std::uint32_t readWord(const unsigned char* at)
 
 } // namespace
 
-LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
+template <class Row>
+void LineTable::encode(std::size_t count, Row rowAt)
 {
     if (count == 0)
         return;
@@ -54,7 +57,7 @@ LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
     LineNumberEntry previous{0, 0, 0};
     std::uint32_t maxEnd = 0;
     for (std::size_t i = 0; i < count; ++i) {
-        const LineNumberEntry& row = rows[i];
+        const LineNumberEntry row = rowAt(i);
         out = putGroups(out, fold(row.start - previous.end));
         out = putGroups(out, fold(row.end - row.start));
         out = putGroups(out, fold(row.value - previous.value));
@@ -67,6 +70,25 @@ LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
     std::memcpy(scratch.data(), header, kHeaderSize);
     m_data.reset(new unsigned char[size]);
     std::memcpy(m_data.get(), scratch.data(), size);
+}
+
+LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
+{
+    encode(count, [rows](std::size_t i) { return rows[i]; });
+}
+
+LineTable LineTable::fromFileRows(const unsigned char* bytes, std::size_t count)
+{
+    ByteCursor cursor(bytes, count * 3 * sizeof(std::uint32_t));
+    LineTable table;
+    table.encode(count, [&cursor](std::size_t) {
+        LineNumberEntry row;
+        row.start = cursor.read<std::uint32_t>();
+        row.end = cursor.read<std::uint32_t>();
+        row.value = cursor.read<std::uint32_t>();
+        return row;
+    });
+    return table;
 }
 
 LineTable::LineTable(const LineTable& other)

@@ -17,6 +17,9 @@ public:
     /// Encodes `count` rows exactly as given, in their order; bad rows included.
     LineTable(const LineNumberEntry* rows, std::size_t count);
     explicit LineTable(const std::vector<LineNumberEntry>& rows) : LineTable(rows.data(), rows.size()) {}
+    /// Encodes `count` rows of three little-endian 32-bit words each, start, end and value, at
+    /// `bytes`: the rows as a trace file holds them.
+    static LineTable fromFileRows(const unsigned char* bytes, std::size_t count);
     LineTable(const LineTable& other);
     LineTable& operator=(const LineTable& other);
     LineTable(LineTable&&) noexcept = default;
@@ -44,6 +47,10 @@ public:
     }
 
 private:
+    /// Encodes `count` rows, the i-th given by `row(i)`.
+    template <class Row>
+    void encode(std::size_t count, Row row);
+
     class Decoder {
     public:
         explicit Decoder(const LineTable& table);
