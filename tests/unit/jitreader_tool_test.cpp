@@ -143,7 +143,7 @@ TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatu
     }
 }
 
-TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnlyAndQuietIsAccepted)
+TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnly)
 {
     const struct {
         unsigned long long done, total;
@@ -166,23 +166,10 @@ TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnlyAndQuietIsAccepted)
     }
     EXPECT_EQ(0L, std::ftell(file));
     std::fclose(file);
-
-    jrtest::TempDir root;
-    jitreader_demo::writeDemoResults(root.path(), "");
-    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
-    const std::vector<std::string> dirs{root.file("alpha"), root.file("beta")};
-    for (auto command : {runResolve, runReport}) {
-        std::vector<std::string> args = dirs;
-        args.insert(args.end(), {"--samples", samples, "--quiet"});
-        EXPECT_EQ(0, run(command, args).code);
-    }
-    std::vector<std::string> args = dirs;
-    args.push_back("--quiet");
-    EXPECT_EQ(0, run(runMethods, args).code);
 }
 
 // The machine formats and help texts on the demo are tests/tool/tool_output_test.py's.
-TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
+TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndQuietIsAccepted)
 {
     jrtest::TempDir root;
     jitreader_demo::writeDemoResults(root.path(), "");
@@ -197,10 +184,12 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
     EXPECT_EQ(1u, countOf(table.out, "unresolved: unknown host"));
     EXPECT_EQ(1u, countOf(table.out, "unresolved: no traces of this process"));
 
-    const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy"});
+    // --quiet is taken by every command that reads traces.
+    const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy", "--quiet"});
     EXPECT_NE(std::string::npos, lazy.out.find("resolved 26 / 30 samples; read 4 of 4 processes")) << lazy.out;
+    EXPECT_EQ(0, run(runReport, {alpha, beta, "--samples", samples, "--quiet"}).code);
 
-    const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv"});
+    const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv", "--quiet"});
     ASSERT_EQ(0, methods.code);
     EXPECT_EQ(1u + 360u, countOf(methods.out, "\n")) << methods.out.substr(0, 400);
 }
