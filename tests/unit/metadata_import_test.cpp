@@ -19,6 +19,7 @@
 #include "platform/metadata/system_services.h"
 #include "platform/text.h"
 #include "support/dotnet_testdata.h"
+#include "support/sequence_points.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -468,41 +469,19 @@ HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& read
     return binder()->GetReaderForFile2(nullptr, toWide(assembly).c_str(), searchPath.c_str(), policy, reader.put());
 }
 
-std::string url(ISymUnmanagedDocument& document)
-{
-    wchar_t text[512];
-    ULONG32 length = 0;
-    EXPECT_EQ(S_OK, document.GetURL(512, &length, text));
-    EXPECT_EQ(std::wcslen(text) + 1, length);
-    return toUtf8(text);
-}
-
-/// One line per sequence point: IL offset, lines, columns and document, or "hidden".
+/// Each point of the method at `token` with its document's URL, or "no method".
 std::string pointsOf(ISymUnmanagedReader& reader, mdMethodDef token)
 {
     ComPtr<ISymUnmanagedMethod> method;
     if (reader.GetMethod(token, method.put()) != S_OK)
         return "no method";
-    ULONG32 count = 0;
-    EXPECT_EQ(S_OK, method->GetSequencePointCount(&count));
-    std::vector<ULONG32> offsets(count), lines(count), columns(count), endLines(count), endColumns(count);
-    std::vector<ISymUnmanagedDocument*> documents(count);
-    ULONG32 written = 0;
-    EXPECT_EQ(S_OK, method->GetSequencePoints(count, &written, offsets.data(), documents.data(), lines.data(),
-                                              columns.data(), endLines.data(), endColumns.data()));
-    EXPECT_EQ(count, written);
-    std::string text;
-    for (ULONG32 i = 0; i < written; ++i) {
-        char line[64];
-        if (lines[i] == kHiddenLine && endLines[i] == kHiddenLine && columns[i] == 0 && endColumns[i] == 0)
-            std::snprintf(line, sizeof line, "%x hidden ", offsets[i]);
-        else
-            std::snprintf(line, sizeof line, "%x %u:%u %u:%u ", offsets[i], lines[i], endLines[i], columns[i],
-                          endColumns[i]);
-        text += line + url(*documents[i]) + "\n";
-        documents[i]->Release();
-    }
-    return text;
+    return jrtest::pointsText(*method.get(), [](ISymUnmanagedDocument& document) {
+        wchar_t text[512];
+        ULONG32 length = 0;
+        EXPECT_EQ(S_OK, document.GetURL(512, &length, text));
+        EXPECT_EQ(std::wcslen(text) + 1, length);
+        return toUtf8(text);
+    });
 }
 
 /// The line of the nearest point at or below `offset`, as a profiler's lookup reads it.

@@ -17,6 +17,7 @@
 #include "platform/metadata/windows_pdb.h"
 #include "platform/text.h"
 #include "support/dotnet_testdata.h"
+#include "support/sequence_points.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -28,17 +29,6 @@ HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& read
     const ComPtr<SymBinder> binder(SymBinder::create());
     return binder->GetReaderForFile2(nullptr, toWide(assembly).c_str(), L"",
                                      AllowOriginalPathAccess | AllowReferencePathAccess, reader.put());
-}
-
-std::string pointText(ULONG32 offset, ULONG32 line, ULONG32 column, ULONG32 endLine, ULONG32 endColumn,
-                      const std::string& document)
-{
-    char text[96];
-    if (line == kHiddenLine)
-        std::snprintf(text, sizeof text, "%x hidden ", offset);
-    else
-        std::snprintf(text, sizeof text, "%x %u:%u %u:%u ", offset, line, endLine, column, endColumn);
-    return text + document + "\n";
 }
 
 /// Each method with sequence points, as its name and one line per point, in the dump's order.
@@ -61,7 +51,7 @@ std::string expectedMethods(const std::string& dumpPath)
         else if (line.find("<method ") != std::string::npos)
             method = at["name"] + "\n";
         else if (line.find("<entry ") != std::string::npos)
-            text += std::exchange(method, "") + pointText(number("offset"), number("startLine"), number("startColumn"),
+            text += std::exchange(method, "") + jrtest::pointText(number("offset"), number("startLine"), number("startColumn"),
                                                           number("endLine"), number("endColumn"),
                                                           files.at(number("document")));
     }
@@ -103,20 +93,7 @@ std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader
         ComPtr<ISymUnmanagedMethod> method;
         if (reader.GetMethod(token, method.put()) != S_OK)
             continue;
-        text += toUtf8(name) + "\n";
-        ULONG32 count = 0;
-        EXPECT_EQ(S_OK, method->GetSequencePointCount(&count));
-        std::vector<ULONG32> offsets(count), lines(count), columns(count), endLines(count), endColumns(count);
-        std::vector<ISymUnmanagedDocument*> documents(count);
-        EXPECT_EQ(S_OK, method->GetSequencePoints(count, &count, offsets.data(), documents.data(), lines.data(),
-                                                  columns.data(), endLines.data(), endColumns.data()));
-        for (ULONG32 i = 0; i < count; ++i) {
-            const std::string document = describe(*documents[i]);
-            documents[i]->Release();
-            // A hidden point has no columns and ends where it starts.
-            EXPECT_TRUE(lines[i] != kHiddenLine || endLines[i] + columns[i] + endColumns[i] == kHiddenLine);
-            text += pointText(offsets[i], lines[i], columns[i], endLines[i], endColumns[i], document);
-        }
+        text += toUtf8(name) + "\n" + jrtest::pointsText(*method.get(), describe);
     }
     return text;
 }
