@@ -7,8 +7,7 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "jitreader/jitreader.h"
-#include "support/temp_dir.h"
+#include "e2e_util.h"
 
 namespace {
 
@@ -47,11 +46,9 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
                                 root.file("traces") + "' --host node > '" + root.file("convert.out") + "' 2>&1";
     ASSERT_EQ(0, std::system(convert.c_str())) << convert;
 
-    auto forResolver = basekit2::make_path_iterator({root.wide("traces")});
-    auto forLoader = basekit2::make_path_iterator({root.wide("traces")});
-    boost::intrusive_ptr<ISymbolFileLocator> locator;
-    const auto resolver = ISymbolResolver::create(forResolver, locator);
-    const auto loader = IJitLoader::create(forLoader);
+    const auto resolver = e2e::resolverOf(e2e::dirs(root, {"traces"}));
+    auto directories = e2e::dirs(root, {"traces"});
+    const auto loader = IJitLoader::create(directories);
     ASSERT_TRUE(resolver && loader);
     unsigned int host = 0;
     ASSERT_EQ(meSuccess, loader->getHostId(L"node", &host));
