@@ -196,8 +196,9 @@ TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
     EXPECT_EQ(0x11u, jitRva);
     EXPECT_STREQ(L"/opt/app/app.dll", module->getName());
 
-    // The file is gone, so a second read would fail: the answers show that none happens.
+    // The file is gone, so a second read would fail: the answers and the log show that none happens.
     boost::filesystem::remove(path);
+    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
     EXPECT_EQ(meSuccess, resolve(150, 0x1020, 7));
     EXPECT_EQ(0x21u, jitRva);
     EXPECT_EQ(meFail, resolve(50, 0x1020, 7));
@@ -206,6 +207,7 @@ TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
     ASSERT_TRUE(region);
     EXPECT_EQ(300u, region->loadTime());
     EXPECT_FALSE(region->getContent()); // the loader keeps no code bytes
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
 
     unsigned int id = 99;
     EXPECT_EQ(meSuccess, loader->getHostId(L"node.one", &id));
