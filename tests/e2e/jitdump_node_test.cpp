@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <string>
 
-#include <Zydis/Zydis.h>
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
@@ -13,19 +12,6 @@ namespace {
 
 namespace fs = boost::filesystem;
 using namespace velmark_3_11;
-
-/// Offset of the first byte that does not decode as x86-64, or `size` when all do.
-std::size_t firstUndecodable(const unsigned char* bytes, std::size_t size)
-{
-    ZydisDecoder decoder;
-    ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
-    ZydisDecodedInstruction instruction;
-    for (std::size_t at = 0; at < size; at += instruction.length) {
-        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr, bytes + at, size - at, &instruction)))
-            return at;
-    }
-    return size;
-}
 
 TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
 {
@@ -65,7 +51,7 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
             const auto content = region->getContent();
             ASSERT_TRUE(content) << "no code bytes in " << std::string(name.begin(), name.end());
             const auto* bytes = static_cast<const unsigned char*>(content->getData());
-            const std::size_t at = firstUndecodable(bytes, content->getSize());
+            const std::size_t at = e2e::firstUndecodable(bytes, content->getSize());
             if (at != content->getSize()) {
                 ++undecodable;
                 ADD_FAILURE() << std::string(name.begin(), name.end()) << ": no instruction at offset " << at;
