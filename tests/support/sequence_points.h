@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/metadata/corsym.h"
+#include "platform/text.h"
 
 namespace jrtest {
 
@@ -22,6 +23,26 @@ inline std::string pointText(ULONG32 offset, ULONG32 line, ULONG32 column, ULONG
     else
         std::snprintf(text, sizeof text, "%x %u:%u %u:%u ", offset, line, endLine, column, endColumn);
     return text + document + "\n";
+}
+
+/// A document's URL and hash as the Windows PDB dumps show them; every document here is C#.
+inline std::string documentText(ISymUnmanagedDocument& document)
+{
+    const GUID csharp = {0x3F5162F8, 0x07C6, 0x11D3, {0x90, 0x53, 0x00, 0xC0, 0x4F, 0xA3, 0x02, 0xA1}};
+    wchar_t url[256];
+    BYTE hash[64];
+    ULONG32 size = 0;
+    GUID language{};
+    EXPECT_EQ(S_OK, document.GetURL(256, nullptr, url));
+    EXPECT_EQ(S_OK, document.GetCheckSum(64, &size, hash));
+    EXPECT_TRUE(document.GetLanguage(&language) == S_OK && language == csharp);
+    std::string text = velmark_3_11::toUtf8(url);
+    for (ULONG32 i = 0; i < size; ++i) {
+        char byte[4];
+        std::snprintf(byte, sizeof byte, i == 0 ? " %02X" : "-%02X", hash[i]);
+        text += byte;
+    }
+    return text;
 }
 
 /// Every point of `method`, its document named by `name`.

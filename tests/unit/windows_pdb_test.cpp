@@ -58,26 +58,6 @@ std::string expectedMethods(const std::string& dumpPath)
     return text;
 }
 
-/// A document's name and hash as the dumps show them; every document here is C#.
-std::string describe(ISymUnmanagedDocument& document)
-{
-    const GUID csharp = {0x3F5162F8, 0x07C6, 0x11D3, {0x90, 0x53, 0x00, 0xC0, 0x4F, 0xA3, 0x02, 0xA1}};
-    wchar_t url[256];
-    BYTE hash[64];
-    ULONG32 size = 0;
-    GUID language{};
-    EXPECT_EQ(S_OK, document.GetURL(256, nullptr, url));
-    EXPECT_EQ(S_OK, document.GetCheckSum(64, &size, hash));
-    EXPECT_TRUE(document.GetLanguage(&language) == S_OK && language == csharp);
-    std::string text = toUtf8(url);
-    for (ULONG32 i = 0; i < size; ++i) {
-        char byte[4];
-        std::snprintf(byte, sizeof byte, i == 0 ? " %02X" : "-%02X", hash[i]);
-        text += byte;
-    }
-    return text;
-}
-
 /// The same from the symbol reader, for every method def of `assembly` in token order.
 std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader)
 {
@@ -93,7 +73,7 @@ std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader
         ComPtr<ISymUnmanagedMethod> method;
         if (reader.GetMethod(token, method.put()) != S_OK)
             continue;
-        text += toUtf8(name) + "\n" + jrtest::pointsText(*method.get(), describe);
+        text += toUtf8(name) + "\n" + jrtest::pointsText(*method.get(), jrtest::documentText);
     }
     return text;
 }
