@@ -98,7 +98,7 @@ TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRanges)
     unsigned long long begin = 0, end = 0;
     EXPECT_EQ(meSuccess, files.getFileRange((root.wide("a") + L"//node.5.jit").c_str(), &begin, &end));
     EXPECT_TRUE(begin == 8 && end == 108);
-    for (const std::wstring& miss : {root.wide("a/node.6.jit"), root.wide("b/other.5.jit"),
+    for (const std::wstring& miss : {root.wide("a/node.6.jit"), root.wide("a/stranger.5.jit"),
                                      std::wstring(L"/elsewhere/node.5.jit")})
         EXPECT_EQ(meFileNotRegistered, files.getFileRange(miss.c_str(), &begin, &end));
     EXPECT_EQ(meFileNotRegistered, files.getFileRange(nullptr, &begin, &end));

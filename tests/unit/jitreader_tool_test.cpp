@@ -175,7 +175,8 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndQuietIsAccepted)
     jitreader_demo::writeDemoResults(root.path(), "");
     const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
     const std::string alpha = root.file("alpha"), beta = root.file("beta");
-    const CommandRun table = run(runResolve, {alpha, beta, "--samples", samples});
+    // --quiet is taken by every command that reads traces.
+    const CommandRun table = run(runResolve, {alpha, beta, "--samples", samples, "--quiet"});
     ASSERT_EQ(0, table.code) << table.err;
     EXPECT_NE(std::string::npos, table.out.find("resolved 26 / 30 samples")) << table.out;
     EXPECT_NE(std::string::npos, table.out.find("0x7f3a10000048  4242  alpha.lab  0x49     com::example::shop::Catalog::groupBy"))
@@ -184,8 +185,7 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndQuietIsAccepted)
     EXPECT_EQ(1u, countOf(table.out, "unresolved: unknown host"));
     EXPECT_EQ(1u, countOf(table.out, "unresolved: no traces of this process"));
 
-    // --quiet is taken by every command that reads traces.
-    const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy", "--quiet"});
+    const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy"});
     EXPECT_NE(std::string::npos, lazy.out.find("resolved 26 / 30 samples; read 4 of 4 processes")) << lazy.out;
     EXPECT_EQ(0, run(runReport, {alpha, beta, "--samples", samples, "--quiet"}).code);
 
