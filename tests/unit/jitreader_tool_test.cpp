@@ -83,33 +83,11 @@ TEST(JitreaderTool, MachineFormatsEscapeTheirFields)
     EXPECT_EQ("[\n {\"a\": \"x,\\\"y\\\"\", \"b\": \"line\\nbreak \\\\ \\u0001\"}\n]\n", json.str());
 }
 
-TEST(JitreaderTool, BadDirectoriesAndNamesGiveClearErrors)
+TEST(JitreaderTool, BadDirectoriesNamesAndUnreadTraceFilesGiveClearErrorsAndStrictGivesStatus3)
 {
     jrtest::TempDir root;
     root.write("bad/x.jit", {});
     root.write("file.txt", {});
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        const char* message;
-    } cases[] = {
-        {{root.file("file.txt")}, 1, ": not a directory"},
-        {{root.file("bad")}, 1, "x.jit: trace file name is not of the form HOST.PID.jit"},
-        {{}, 1, "no result directory given"},
-        {{"--bogus"}, 1, "unknown option --bogus"},
-        {{"-x"}, 1, "unknown option -x"},
-        {{"--", "-x"}, 1, "-x: not a directory"}, // after "--" every word is an operand
-    };
-    for (const auto& c : cases) {
-        const CommandRun processes = run(runProcesses, c.args);
-        EXPECT_EQ(c.code, processes.code) << processes.err;
-        EXPECT_NE(std::string::npos, processes.err.find(c.message)) << processes.err;
-    }
-}
-
-TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatus3)
-{
-    jrtest::TempDir root;
     tracewriter::MethodLoad method;
     method.rawMethodId = 1;
     method.loadTime = 100;
@@ -130,6 +108,12 @@ TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatu
         int code;
         std::string message;
     } cases[] = {
+        {runProcesses, {root.file("file.txt")}, 1, ": not a directory"},
+        {runProcesses, {root.file("bad")}, 1, "x.jit: trace file name is not of the form HOST.PID.jit"},
+        {runProcesses, {}, 1, "no result directory given"},
+        {runProcesses, {"--bogus"}, 1, "unknown option --bogus"},
+        {runProcesses, {"-x"}, 1, "unknown option -x"},
+        {runProcesses, {"--", "-x"}, 1, "-x: not a directory"}, // after "--" every word is an operand
         {runMethods, {root.file("d")}, 0, failed},
         {runMethods, {root.file("d"), "--strict"}, 3, failed},
         {runMethods, {root.file("d")}, 0, "host.3.jit because it is not a regular file"},
