@@ -2,7 +2,6 @@
 // and its trace is read back through the exported resolver.
 #include <gtest/gtest.h>
 
-#include <Zydis/Zydis.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
@@ -46,16 +45,9 @@ int run(const std::string& command, const std::string& log)
 bool disassembles(const ICodeRegion& region)
 {
     const auto content = region.getContent();
-    if (!content || content->getSize() != region.length())
-        return false;
-    ZydisDecoder decoder;
-    ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
-    ZydisDecodedInstruction instruction;
-    const auto* bytes = static_cast<const std::uint8_t*>(content->getData());
-    for (std::size_t at = 0; at < content->getSize(); at += instruction.length)
-        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr, bytes + at, content->getSize() - at, &instruction)))
-            return false;
-    return true;
+    return content && content->getSize() == region.length() &&
+           e2e::firstUndecodable(static_cast<const unsigned char*>(content->getData()), content->getSize()) ==
+               content->getSize();
 }
 
 TEST(JavaAgent, TraceOfARealVirtualMachineResolvesToMethodsInlineFramesAndCode)

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <Zydis/Zydis.h>
+
 #include "jitreader/jitreader.h"
 #include "support/temp_dir.h"
 #include "tracewriter/trace_writer.h"
@@ -39,6 +41,18 @@ inline tracewriter::MethodLoad method(std::uint32_t rawId, std::uint64_t address
     for (std::uint32_t offset = 0; offset < size; offset += 16)
         record.nativeToSource.push_back({offset, std::min(size, offset + 16), firstLine + offset / 16});
     return record;
+}
+
+/// Offset of the first byte that does not decode as x86-64, or `size` when all do.
+inline std::size_t firstUndecodable(const unsigned char* bytes, std::size_t size)
+{
+    ZydisDecoder decoder;
+    ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
+    ZydisDecodedInstruction instruction;
+    for (std::size_t at = 0; at < size; at += instruction.length)
+        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr, bytes + at, size - at, &instruction)))
+            return at;
+    return size;
 }
 
 /// A directory iterator over paths of `dir`.

@@ -3,30 +3,15 @@
 #include <cstdlib>
 #include <string>
 
-#include <Zydis/Zydis.h>
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
-#include "jitreader/jitreader.h"
-#include "support/temp_dir.h"
+#include "e2e_util.h"
 
 namespace {
 
 namespace fs = boost::filesystem;
 using namespace velmark_3_11;
-
-/// Offset of the first byte that does not decode as x86-64, or `size` when all do.
-std::size_t firstUndecodable(const unsigned char* bytes, std::size_t size)
-{
-    ZydisDecoder decoder;
-    ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
-    ZydisDecodedInstruction instruction;
-    for (std::size_t at = 0; at < size; at += instruction.length) {
-        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr, bytes + at, size - at, &instruction)))
-            return at;
-    }
-    return size;
-}
 
 TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
 {
@@ -47,11 +32,9 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
                                 root.file("traces") + "' --host node > '" + root.file("convert.out") + "' 2>&1";
     ASSERT_EQ(0, std::system(convert.c_str())) << convert;
 
-    auto forResolver = basekit2::make_path_iterator({root.wide("traces")});
-    auto forLoader = basekit2::make_path_iterator({root.wide("traces")});
-    boost::intrusive_ptr<ISymbolFileLocator> locator;
-    const auto resolver = ISymbolResolver::create(forResolver, locator);
-    const auto loader = IJitLoader::create(forLoader);
+    const auto resolver = e2e::resolverOf(e2e::dirs(root, {"traces"}));
+    auto directories = e2e::dirs(root, {"traces"});
+    const auto loader = IJitLoader::create(directories);
     ASSERT_TRUE(resolver && loader);
     unsigned int host = 0;
     ASSERT_EQ(meSuccess, loader->getHostId(L"node", &host));
@@ -68,7 +51,7 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
             const auto content = region->getContent();
             ASSERT_TRUE(content) << "no code bytes in " << std::string(name.begin(), name.end());
             const auto* bytes = static_cast<const unsigned char*>(content->getData());
-            const std::size_t at = firstUndecodable(bytes, content->getSize());
+            const std::size_t at = e2e::firstUndecodable(bytes, content->getSize());
             if (at != content->getSize()) {
                 ++undecodable;
                 ADD_FAILURE() << std::string(name.begin(), name.end()) << ": no instruction at offset " << at;

@@ -1,3 +1,4 @@
+#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
 #include "e2e_util.h"
@@ -171,6 +172,68 @@ TEST(SymbolResolver, CreationFailuresAndEmptyInputs)
     EXPECT_EQ(0x1234u, result);
     EXPECT_EQ(meFail, resolver->translateJitAddress(1, 0x1234, nullptr, &result));
     EXPECT_EQ(meFileNotRegistered, resolver->translateJitAddress(1, 0x1234, L"/nowhere/host.1.jit", &result));
+}
+
+TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
+{
+    jrtest::TempDir root;
+    TraceWriter trace;
+    trace.magic()
+        .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "old"))
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 300, "new"));
+    const std::string path = write(root, "d/node.one.7.jit", trace);
+    root.write("d/node.one.8.jit", {0xff, 0xff, 0xff, 0xff}); // never asked about, never read
+    auto directories = e2e::dirs(root, {"d"});
+    auto loader = IJitLoader::create(directories);
+    ASSERT_TRUE(loader);
+    unsigned long long jitRva = 0;
+    boost::intrusive_ptr<IModule> module;
+    const auto resolve = [&](unsigned long long time, unsigned long long address, unsigned int pid) {
+        return loader->resolveModule(time, address, pid, 1, &jitRva, module);
+    };
+    EXPECT_EQ(meFail, resolve(150, 0x1010, 99)); // unknown process
+    ASSERT_EQ(meSuccess, resolve(150, 0x1010, 7));
+    EXPECT_EQ(0x11u, jitRva);
+    EXPECT_STREQ(L"/opt/app/app.dll", module->getName());
+
+    // The file is gone, so a second read would fail: the answers and the log show that none happens.
+    boost::filesystem::remove(path);
+    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
+    EXPECT_EQ(meSuccess, resolve(150, 0x1020, 7));
+    EXPECT_EQ(0x21u, jitRva);
+    EXPECT_EQ(meFail, resolve(50, 0x1020, 7));
+    boost::intrusive_ptr<ICodeRegion> region;
+    ASSERT_EQ(meSuccess, loader->findNextRegion(150, 0x1000, 0x1040, 7, 1, region));
+    ASSERT_TRUE(region);
+    EXPECT_EQ(300u, region->loadTime());
+    EXPECT_FALSE(region->getContent()); // the loader keeps no code bytes
+    EXPECT_TRUE(log.lines().empty()) << log.dump();
+
+    unsigned int id = 99;
+    EXPECT_EQ(meSuccess, loader->getHostId(L"node.one", &id));
+    EXPECT_EQ(1u, id);
+    EXPECT_EQ(meInvalidArgument, loader->getHostId(L"node.one", nullptr));
+    EXPECT_FALSE(loader->createModuleEvaluator(nullptr));
+    auto gac = loader->createModuleEvaluator(L"C:\\Windows\\assembly\\GAC_64\\x.dll");
+    ASSERT_TRUE(gac);
+    EXPECT_EQ(meSuccess, gac->isNativeImage());
+}
+
+TEST(JitProcesses, ListsProcessesOfEveryHostWithoutReading)
+{
+    jrtest::TempDir root;
+    // Not even valid traces: nothing is read.
+    for (const char* name : {"beta.9.jit", "alpha.30-0.jit", "alpha.30-1.jit", "alpha.30-2.jit", "alpha.4.jit"})
+        root.write(std::string("x/") + name, {1});
+    auto directories = e2e::dirs(root, {"x"});
+    auto processes = IJitProcesses::create(directories);
+    ASSERT_TRUE(processes);
+    for (int pass = 0; pass < 2; ++pass) {
+        std::vector<unsigned int> ids;
+        for (auto it = processes->getProcessIds(); !it.at_end(); it.next())
+            ids.push_back(it.current());
+        EXPECT_EQ((std::vector<unsigned int>{4, 30, 9}), ids); // host alpha first
+    }
 }
 
 } // namespace

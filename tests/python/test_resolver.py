@@ -34,13 +34,9 @@ def test_every_sample_resolves_as_the_tool_resolves_it(demo, folders, samples, l
 
     assert list(frame.columns) == list(jitreader.RESULT_COLUMNS)
     assert len(frame) == len(expected)
+    texts, numbers = ("status", "module", "method", "source"), ("jit_rva", "line")
     for point, (_, row) in zip(expected, frame.iterrows()):
-        assert row["status"] == point["status"]
-        assert none_if_nan(row["jit_rva"]) == point["jit_rva"]
-        assert row["module"] == point["module"]
-        assert row["method"] == point["method"]
-        assert row["source"] == point["source"]
-        assert none_if_nan(row["line"]) == point["line"]
+        assert [row[k] for k in texts] + [none_if_nan(row[k]) for k in numbers] == [point[k] for k in texts + numbers]
         assert row["inlined"] == (point["inlined"] or [])
 
 
@@ -83,6 +79,10 @@ def bad_samples(**changes):
     return frame
 
 
+def resolving(samples):
+    return lambda d: jitreader.Resolver([d / "alpha"]).resolve(samples)
+
+
 @pytest.mark.parametrize("call, error, message", [
     (lambda d: jitreader.Resolver([d / "missing"]), FileNotFoundError, "not a result directory: "),
     (lambda d: jitreader.Resolver([d / "alpha"], symbols=[d / "none"]), FileNotFoundError, "not a symbol directory"),
@@ -93,24 +93,17 @@ def bad_samples(**changes):
     (lambda d: jitreader.Resolver([d / "alpha"], progress="yes"), TypeError, "progress must be True, False"),
     (lambda d: jitreader.read_samples(d / "missing.samples"), FileNotFoundError, "no file of sample points: "),
     (lambda d: jitreader.read_samples(d / "bad.samples"), ValueError, "line 2: expected TIME ADDRESS PID HOST"),
+    (resolving(bad_samples(pid=None)), ValueError, "the samples have no column 'pid'"),
+    (resolving(bad_samples(time=[1.5])), TypeError, "column 'time' must hold integers, not float64"),
+    (resolving(bad_samples(address=["0x10"])), TypeError, "column 'address' must hold integers, not object"),
+    (resolving(bad_samples(host=[7])), TypeError, "column 'host' must hold host names"),
+    (resolving(bad_samples(pid=[-1])), ValueError, "column 'pid' holds negative numbers"),
+    (resolving(bad_samples(pid=[2**40])), ValueError, "column 'pid' holds numbers too large for uint32"),
+    (resolving([(1, 2, 3, "alpha.lab")]), TypeError, "samples must be a DataFrame or a dict of arrays, not list"),
 ])
-def test_bad_arguments_raise_the_matching_exception(bad_inputs, call, error, message):
+def test_bad_arguments_and_samples_raise_the_matching_exception(bad_inputs, call, error, message):
     with pytest.raises(error, match=message):
         call(bad_inputs)
-
-
-@pytest.mark.parametrize("samples, error, message", [
-    (bad_samples(pid=None), ValueError, "the samples have no column 'pid'"),
-    (bad_samples(time=[1.5]), TypeError, "column 'time' must hold integers, not float64"),
-    (bad_samples(address=["0x10"]), TypeError, "column 'address' must hold integers, not object"),
-    (bad_samples(host=[7]), TypeError, "column 'host' must hold host names"),
-    (bad_samples(pid=[-1]), ValueError, "column 'pid' holds negative numbers"),
-    (bad_samples(pid=[2**40]), ValueError, "column 'pid' holds numbers too large for uint32"),
-    ([(1, 2, 3, "alpha.lab")], TypeError, "samples must be a DataFrame or a dict of arrays, not list"),
-])
-def test_bad_samples_raise_the_matching_exception(bad_inputs, samples, error, message):
-    with pytest.raises(error, match=message):
-        jitreader.Resolver([bad_inputs / "alpha"]).resolve(samples)
 
 
 def test_a_damaged_trace_file_gives_warnings_and_what_it_held(bad_inputs):

@@ -33,39 +33,21 @@ void replay(const std::string& corpus, int (*entry)(const std::uint8_t*, std::si
     EXPECT_GT(inputs, 0u);
 }
 
-TEST(FuzzReplay, TraceFileCorpus)
+TEST(FuzzReplay, EveryCorpusReplaysCleanly)
 {
-    replay("trace_file", jitreader_fuzz::traceFile);
-}
-
-TEST(FuzzReplay, JavaNamesCorpus)
-{
-    replay("java_names", jitreader_fuzz::javaNames);
-}
-
-TEST(FuzzReplay, SignatureCorpus)
-{
-    replay("signature", jitreader_fuzz::signature);
-}
-
-TEST(FuzzReplay, ClrSymReaderCorpus)
-{
-    replay("clr_symreader", jitreader_fuzz::clrSymReader);
-}
-
-TEST(FuzzReplay, MetadataCorpus)
-{
-    replay("metadata", jitreader_fuzz::metadata);
-}
-
-TEST(FuzzReplay, JitdumpCorpus)
-{
-    replay("jitdump", jitreader_fuzz::jitdump);
-}
-
-TEST(FuzzReplay, WindowsPdbCorpus)
-{
-    replay("windows_pdb", jitreader_fuzz::windowsPdb);
+    const struct {
+        const char* corpus;
+        int (*entry)(const std::uint8_t*, std::size_t);
+    } targets[] = {
+        {"trace_file", jitreader_fuzz::traceFile}, {"java_names", jitreader_fuzz::javaNames},
+        {"signature", jitreader_fuzz::signature},   {"clr_symreader", jitreader_fuzz::clrSymReader},
+        {"metadata", jitreader_fuzz::metadata},     {"jitdump", jitreader_fuzz::jitdump},
+        {"windows_pdb", jitreader_fuzz::windowsPdb},
+    };
+    for (const auto& target : targets) {
+        SCOPED_TRACE(target.corpus);
+        replay(target.corpus, target.entry);
+    }
 }
 
 } // namespace

@@ -44,26 +44,15 @@ public:
         JitFileDecoder decoder(m_root.wide("host.7.jit"), 7, 1, 1, mode);
         decoder.setSearchRegionCallback(&store);
         ReadResult out;
-        {
-            jrtest::LogCapture trace(log4cplus::TRACE_LOG_LEVEL);
-            out.result = readJitFile(decoder, filter, store);
-            out.finalized = trace.contains(log4cplus::TRACE_LOG_LEVEL, kFinalizeEnter);
-            lines = trace.lines();
-        }
+        out.result = readJitFile(decoder, filter, store);
+        out.finalized = log.contains(log4cplus::TRACE_LOG_LEVEL, kFinalizeEnter);
         for (const auto& method : store.methodList())
             out.names.push_back(method->getName());
         return out;
     }
-    std::size_t count(log4cplus::LogLevel level, const std::string& fragment) const
-    {
-        std::size_t n = 0;
-        for (const auto& line : lines)
-            n += line.level == level && line.text.find(fragment) != std::string::npos;
-        return n;
-    }
 
     JitDataManager store;
-    std::vector<jrtest::LogLine> lines;
+    jrtest::LogCapture log; // every line of the reading, at every level
 
 private:
     jrtest::TempDir m_root;
@@ -108,7 +97,7 @@ TEST(JitFileReader, WhereTheReadingEndsAndWhetherTheStoreIsFinalised)
         EXPECT_EQ(c.names, read.names) << c.what;
         EXPECT_EQ(c.finalized, read.finalized) << c.what;
         if (c.error) {
-            EXPECT_EQ(1u, reader.count(log4cplus::ERROR_LOG_LEVEL, c.error)) << c.what;
+            EXPECT_EQ(1u, reader.log.count(log4cplus::ERROR_LOG_LEVEL, c.error)) << c.what;
         }
     }
 }
@@ -154,12 +143,12 @@ TEST(JitFileReader, UpdatesGoToTheStoreOnlyInFullMode)
     const auto* bytes = static_cast<const unsigned char*>(content->getData());
     EXPECT_EQ((std::vector<unsigned char>{0x90, 0x90, 0x90, 0x90, 0xAA, 0xBB, 0xCC, 0xDD, 0x90}),
               std::vector<unsigned char>(bytes, bytes + 9));
-    EXPECT_EQ(1u, full.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
+    EXPECT_EQ(1u, full.log.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
 
     Reader modules;
     ASSERT_EQ(meSuccess, modules.read(trace, bfAll, decoding_mode_modules).result);
-    EXPECT_EQ(0u, modules.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
-    EXPECT_EQ(0u, modules.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't accept update"));
+    EXPECT_EQ(0u, modules.log.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
+    EXPECT_EQ(0u, modules.log.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't accept update"));
 }
 
 } // namespace

@@ -177,17 +177,18 @@ TEST(JitdumpImport, LineEntriesBecomeRowsOfTheFirstFile)
         {{{0x1000, 5, 0, "a\x03"}}, 0, false, "", {}},
         {{{0x1000, 5, 0, "\xd6("}}, 0, false, "", {}},
     };
+    const auto text = [](const std::vector<LineRow>& rows) {
+        std::string out;
+        for (const LineRow& row : rows)
+            out += std::to_string(row.first) + "-" + std::to_string(row.second) + ":" + std::to_string(row.third) + " ";
+        return out;
+    };
     for (const auto& c : cases) {
         std::string file;
         std::vector<LineRow> rows;
         EXPECT_EQ(c.fits, JitdumpConverter::lineRows(c.lines, 0x1000, 16, c.bias, file, rows));
         EXPECT_EQ(c.file, file);
-        std::string got, want;
-        for (const LineRow& row : rows)
-            got += std::to_string(row.first) + "-" + std::to_string(row.second) + ":" + std::to_string(row.third) + " ";
-        for (const LineRow& row : c.rows)
-            want += std::to_string(row.first) + "-" + std::to_string(row.second) + ":" + std::to_string(row.third) + " ";
-        EXPECT_EQ(want, got);
+        EXPECT_EQ(text(c.rows), text(rows));
     }
 }
 

@@ -83,33 +83,11 @@ TEST(JitreaderTool, MachineFormatsEscapeTheirFields)
     EXPECT_EQ("[\n {\"a\": \"x,\\\"y\\\"\", \"b\": \"line\\nbreak \\\\ \\u0001\"}\n]\n", json.str());
 }
 
-TEST(JitreaderTool, BadDirectoriesAndNamesGiveClearErrors)
+TEST(JitreaderTool, BadDirectoriesNamesAndUnreadTraceFilesGiveClearErrorsAndStrictGivesStatus3)
 {
     jrtest::TempDir root;
     root.write("bad/x.jit", {});
     root.write("file.txt", {});
-    const struct {
-        std::vector<std::string> args;
-        int code;
-        const char* message;
-    } cases[] = {
-        {{root.file("file.txt")}, 1, ": not a directory"},
-        {{root.file("bad")}, 1, "x.jit: trace file name is not of the form HOST.PID.jit"},
-        {{}, 1, "no result directory given"},
-        {{"--bogus"}, 1, "unknown option --bogus"},
-        {{"-x"}, 1, "unknown option -x"},
-        {{"--", "-x"}, 1, "-x: not a directory"}, // after "--" every word is an operand
-    };
-    for (const auto& c : cases) {
-        const CommandRun processes = run(runProcesses, c.args);
-        EXPECT_EQ(c.code, processes.code) << processes.err;
-        EXPECT_NE(std::string::npos, processes.err.find(c.message)) << processes.err;
-    }
-}
-
-TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatus3)
-{
-    jrtest::TempDir root;
     tracewriter::MethodLoad method;
     method.rawMethodId = 1;
     method.loadTime = 100;
@@ -130,6 +108,12 @@ TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatu
         int code;
         std::string message;
     } cases[] = {
+        {runProcesses, {root.file("file.txt")}, 1, ": not a directory"},
+        {runProcesses, {root.file("bad")}, 1, "x.jit: trace file name is not of the form HOST.PID.jit"},
+        {runProcesses, {}, 1, "no result directory given"},
+        {runProcesses, {"--bogus"}, 1, "unknown option --bogus"},
+        {runProcesses, {"-x"}, 1, "unknown option -x"},
+        {runProcesses, {"--", "-x"}, 1, "-x: not a directory"}, // after "--" every word is an operand
         {runMethods, {root.file("d")}, 0, failed},
         {runMethods, {root.file("d"), "--strict"}, 3, failed},
         {runMethods, {root.file("d")}, 0, "host.3.jit because it is not a regular file"},
@@ -143,7 +127,7 @@ TEST(JitreaderTool, SaysWhichTraceFilesCouldNotBeReadAndStrictTurnsThatIntoStatu
     }
 }
 
-TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnlyAndQuietIsAccepted)
+TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnly)
 {
     const struct {
         unsigned long long done, total;
@@ -166,29 +150,17 @@ TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnlyAndQuietIsAccepted)
     }
     EXPECT_EQ(0L, std::ftell(file));
     std::fclose(file);
-
-    jrtest::TempDir root;
-    jitreader_demo::writeDemoResults(root.path(), "");
-    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
-    const std::vector<std::string> dirs{root.file("alpha"), root.file("beta")};
-    for (auto command : {runResolve, runReport}) {
-        std::vector<std::string> args = dirs;
-        args.insert(args.end(), {"--samples", samples, "--quiet"});
-        EXPECT_EQ(0, run(command, args).code);
-    }
-    std::vector<std::string> args = dirs;
-    args.push_back("--quiet");
-    EXPECT_EQ(0, run(runMethods, args).code);
 }
 
 // The machine formats and help texts on the demo are tests/tool/tool_output_test.py's.
-TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
+TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndQuietIsAccepted)
 {
     jrtest::TempDir root;
     jitreader_demo::writeDemoResults(root.path(), "");
     const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
     const std::string alpha = root.file("alpha"), beta = root.file("beta");
-    const CommandRun table = run(runResolve, {alpha, beta, "--samples", samples});
+    // --quiet is taken by every command that reads traces.
+    const CommandRun table = run(runResolve, {alpha, beta, "--samples", samples, "--quiet"});
     ASSERT_EQ(0, table.code) << table.err;
     EXPECT_NE(std::string::npos, table.out.find("resolved 26 / 30 samples")) << table.out;
     EXPECT_NE(std::string::npos, table.out.find("0x7f3a10000048  4242  alpha.lab  0x49     com::example::shop::Catalog::groupBy"))
@@ -199,8 +171,9 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTraces)
 
     const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy"});
     EXPECT_NE(std::string::npos, lazy.out.find("resolved 26 / 30 samples; read 4 of 4 processes")) << lazy.out;
+    EXPECT_EQ(0, run(runReport, {alpha, beta, "--samples", samples, "--quiet"}).code);
 
-    const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv"});
+    const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv", "--quiet"});
     ASSERT_EQ(0, methods.code);
     EXPECT_EQ(1u + 360u, countOf(methods.out, "\n")) << methods.out.substr(0, 400);
 }

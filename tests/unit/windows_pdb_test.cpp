@@ -17,6 +17,7 @@
 #include "platform/metadata/windows_pdb.h"
 #include "platform/text.h"
 #include "support/dotnet_testdata.h"
+#include "support/sequence_points.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -28,17 +29,6 @@ HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& read
     const ComPtr<SymBinder> binder(SymBinder::create());
     return binder->GetReaderForFile2(nullptr, toWide(assembly).c_str(), L"",
                                      AllowOriginalPathAccess | AllowReferencePathAccess, reader.put());
-}
-
-std::string pointText(ULONG32 offset, ULONG32 line, ULONG32 column, ULONG32 endLine, ULONG32 endColumn,
-                      const std::string& document)
-{
-    char text[96];
-    if (line == kHiddenLine)
-        std::snprintf(text, sizeof text, "%x hidden ", offset);
-    else
-        std::snprintf(text, sizeof text, "%x %u:%u %u:%u ", offset, line, endLine, column, endColumn);
-    return text + document + "\n";
 }
 
 /// Each method with sequence points, as its name and one line per point, in the dump's order.
@@ -61,29 +51,9 @@ std::string expectedMethods(const std::string& dumpPath)
         else if (line.find("<method ") != std::string::npos)
             method = at["name"] + "\n";
         else if (line.find("<entry ") != std::string::npos)
-            text += std::exchange(method, "") + pointText(number("offset"), number("startLine"), number("startColumn"),
+            text += std::exchange(method, "") + jrtest::pointText(number("offset"), number("startLine"), number("startColumn"),
                                                           number("endLine"), number("endColumn"),
                                                           files.at(number("document")));
-    }
-    return text;
-}
-
-/// A document's name and hash as the dumps show them; every document here is C#.
-std::string describe(ISymUnmanagedDocument& document)
-{
-    const GUID csharp = {0x3F5162F8, 0x07C6, 0x11D3, {0x90, 0x53, 0x00, 0xC0, 0x4F, 0xA3, 0x02, 0xA1}};
-    wchar_t url[256];
-    BYTE hash[64];
-    ULONG32 size = 0;
-    GUID language{};
-    EXPECT_EQ(S_OK, document.GetURL(256, nullptr, url));
-    EXPECT_EQ(S_OK, document.GetCheckSum(64, &size, hash));
-    EXPECT_TRUE(document.GetLanguage(&language) == S_OK && language == csharp);
-    std::string text = toUtf8(url);
-    for (ULONG32 i = 0; i < size; ++i) {
-        char byte[4];
-        std::snprintf(byte, sizeof byte, i == 0 ? " %02X" : "-%02X", hash[i]);
-        text += byte;
     }
     return text;
 }
@@ -103,20 +73,7 @@ std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader
         ComPtr<ISymUnmanagedMethod> method;
         if (reader.GetMethod(token, method.put()) != S_OK)
             continue;
-        text += toUtf8(name) + "\n";
-        ULONG32 count = 0;
-        EXPECT_EQ(S_OK, method->GetSequencePointCount(&count));
-        std::vector<ULONG32> offsets(count), lines(count), columns(count), endLines(count), endColumns(count);
-        std::vector<ISymUnmanagedDocument*> documents(count);
-        EXPECT_EQ(S_OK, method->GetSequencePoints(count, &count, offsets.data(), documents.data(), lines.data(),
-                                                  columns.data(), endLines.data(), endColumns.data()));
-        for (ULONG32 i = 0; i < count; ++i) {
-            const std::string document = describe(*documents[i]);
-            documents[i]->Release();
-            // A hidden point has no columns and ends where it starts.
-            EXPECT_TRUE(lines[i] != kHiddenLine || endLines[i] + columns[i] + endColumns[i] == kHiddenLine);
-            text += pointText(offsets[i], lines[i], columns[i], endLines[i], endColumns[i], document);
-        }
+        text += toUtf8(name) + "\n" + jrtest::pointsText(*method.get(), jrtest::documentText);
     }
     return text;
 }
