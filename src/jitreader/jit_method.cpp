@@ -142,15 +142,24 @@ void JitMethod::setName(const std::wstring& name)
         m_info->setGivenName(name);
 }
 
+void JitMethod::setName(std::string&& name, bool java)
+{
+    if (!name.empty())
+        m_info->setGivenName(std::move(name), java);
+}
+
 BaseMethodInfo::~BaseMethodInfo()
 {
     delete m_names.load(std::memory_order_relaxed);
 }
 
-void JitMethod::setName(std::string&& name, bool java)
+void BaseMethodInfo::retireNames()
 {
-    if (!name.empty())
-        m_info->setGivenName(std::move(name), java);
+    if (Names* names = m_names.exchange(nullptr, std::memory_order_acq_rel)) {
+        std::unique_ptr<Names> retired(names);
+        retired->older = std::move(m_replacedNames);
+        m_replacedNames = std::move(retired);
+    }
 }
 
 void BaseMethodInfo::setGivenName(const std::wstring& name)
@@ -158,7 +167,7 @@ void BaseMethodInfo::setGivenName(const std::wstring& name)
     m_givenText.clear();
     m_givenName = name;
     m_givenClass = className;
-    delete m_names.exchange(nullptr, std::memory_order_acq_rel);
+    retireNames();
 }
 
 void BaseMethodInfo::setGivenName(std::string&& name, bool java)
@@ -167,7 +176,7 @@ void BaseMethodInfo::setGivenName(std::string&& name, bool java)
     m_givenJava = java;
     m_givenName.clear();
     m_givenClass = className;
-    delete m_names.exchange(nullptr, std::memory_order_acq_rel);
+    retireNames();
 }
 
 const BaseMethodInfo::Names& BaseMethodInfo::names() const
@@ -199,7 +208,7 @@ const BaseMethodInfo::Names& BaseMethodInfo::names() const
     }
 
     // Threads that ask at once each make the names; the first to publish wins.
-    const Names* expected = nullptr;
+    Names* expected = nullptr;
     if (m_names.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
         return *made.release();
     return *expected;

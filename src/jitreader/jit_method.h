@@ -40,12 +40,14 @@ public:
     struct Names {
         std::wstring name;
         std::wstring fullName;
+        std::unique_ptr<const Names> older; ///< names replaced before these
     };
     /// The names, made from the name last given and the class name of that moment on first
     /// use: most methods of a store are never asked for theirs, and the two texts would cost
     /// more than the method.
     const Names& names() const;
-    /// Takes a new name; the names made from the one before go.
+    /// Takes a new name; the names made from the one before stay readable, as a reader may hold
+    /// them, until the method goes.
     void setGivenName(const std::wstring& name);
     /// The same for a name in UTF-8 as a record gives it, printed as Java prints it when `java`.
     void setGivenName(std::string&& name, bool java);
@@ -56,13 +58,16 @@ public:
     BaseMethodInfo& operator=(const BaseMethodInfo&) = delete;
 
 private:
+    void retireNames();
+
     /// The name is kept as given: records give it in UTF-8, often as a Java descriptor, which
     /// takes a fifth of the space of the printed wide text and the time to print it.
     std::string m_givenText;
     bool m_givenJava = false;
     std::wstring m_givenName; ///< when given as wide text; then m_givenText is empty
     SharedText m_givenClass;
-    mutable std::atomic<const Names*> m_names{nullptr};
+    mutable std::atomic<Names*> m_names{nullptr};
+    std::unique_ptr<const Names> m_replacedNames;
 };
 
 /// Kinds of line table.

@@ -43,6 +43,13 @@ TEST(JitMethod, NamesAreQualifiedWithTheClass)
     method.setName(L""); // changes nothing
     EXPECT_STREQ(method.getName(), L"A::Ns::Type::Method");
     EXPECT_STREQ(method.getFullName(), L"A::Ns::Type::Method(int)");
+    // The class of the moment of naming counts; names handed out stay readable after a rename.
+    const wchar_t* before = method.getFullName();
+    method.setClassName(L"B");
+    EXPECT_STREQ(method.getFullName(), L"A::Ns::Type::Method(int)");
+    method.setName(std::string("run(ILjava/lang/String;)V"), true);
+    EXPECT_STREQ(method.getFullName(), L"B::run(int, java::lang::String)");
+    EXPECT_STREQ(before, L"A::Ns::Type::Method(int)");
     dotted.setClassName(L"Sys..Coll.List");
     dotted.setName(L"Add(Sys.Object)");
     EXPECT_STREQ(dotted.getFullName(), L"Sys::Coll::List::Add(Sys::Object)");
