@@ -128,8 +128,9 @@ unsigned int LineTable::maxEnd() const
 void LineTable::copyTo(LineNumberEntry* out) const
 {
     Decoder decoder(*this);
-    while (decoder.next(*out))
-        ++out;
+    LineNumberEntry row;
+    while (decoder.next(row))
+        *out++ = row;
 }
 
 std::vector<LineNumberEntry> LineTable::rows() const
