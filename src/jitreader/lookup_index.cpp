@@ -39,7 +39,7 @@ std::vector<std::size_t> treeOrder(std::size_t count)
 }
 
 /// The slot of the last key in sorted order that starts at or before `address`, in the tree of
-/// `count` keys whose slot 1 is at `root` + 1; 0 when none does. With disjoint keys it is the only
+/// `count` keys at root[1] to root[count]; 0 when none does. With disjoint keys it is the only
 /// one that can hold it.
 template <class Entry>
 std::size_t lastStartingAtOrBefore(const Entry* root, std::size_t count, unsigned long long address)
@@ -74,24 +74,33 @@ std::size_t paddedSlots(std::size_t count)
 LookupIndex::LookupIndex(const JitDataManager::JitRvaDomain& jitRvaDomain,
                          const JitDataManager::RegionDomainMap& regionDomains)
 {
-    m_jitCount = jitRvaDomain.size();
-    m_jitEntries = HugePageArray<JitEntry>(m_jitCount + 1);
-    m_jitSizes = HugePageArray<unsigned int>(m_jitCount + 1);
-    m_jitRegions = HugePageArray<Region*>(m_jitCount + 1);
-    m_jitEntries[0] = {0, nullptr};
-    m_jitSizes[0] = 0;
-    m_jitRegions[0] = nullptr;
     {
-        std::vector<JitDataManager::JitRvaDomain::const_iterator> sorted;
-        sorted.reserve(m_jitCount);
+        // An empty entry holds no jit rva, and the search never asks for one.
+        std::vector<JitDataManager::JitRvaDomain::const_iterator> entries;
         for (auto it = jitRvaDomain.begin(); it != jitRvaDomain.end(); ++it)
-            sorted.push_back(it);
+            if (it->first.size != 0)
+                entries.push_back(it);
+        std::vector<JitEntry> sorted;
+        std::vector<Region*> regions;
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            const auto& entry = *entries[i];
+            sorted.push_back({entry.first.start, entry.second.second.get()});
+            regions.push_back(entry.second.first.get());
+            const unsigned long long end = entry.first.boundedEnd();
+            if (i + 1 == entries.size() || entries[i + 1]->first.start > end) {
+                sorted.push_back({end, nullptr});
+                regions.push_back(nullptr);
+            }
+        }
+        m_jitCount = sorted.size();
+        m_jitEntries = HugePageArray<JitEntry>(m_jitCount + 1);
+        m_jitRegions = HugePageArray<Region*>(m_jitCount + 1);
+        m_jitEntries[0] = {0, nullptr};
+        m_jitRegions[0] = nullptr;
         const std::vector<std::size_t> order = treeOrder(m_jitCount);
         for (std::size_t slot = 1; slot <= m_jitCount; ++slot) {
-            const auto& entry = *sorted[order[slot]];
-            m_jitEntries[slot] = {entry.first.start, entry.second.second.get()};
-            m_jitSizes[slot] = entry.first.size;
-            m_jitRegions[slot] = entry.second.first.get();
+            m_jitEntries[slot] = sorted[order[slot]];
+            m_jitRegions[slot] = regions[order[slot]];
         }
     }
 
@@ -157,7 +166,7 @@ const LookupIndex::Domain* LookupIndex::findDomain(unsigned int processId, unsig
 bool LookupIndex::findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const
 {
     const std::size_t slot = lastStartingAtOrBefore(m_jitEntries.data(), m_jitCount, jitRva);
-    if (slot == 0 || !covers(m_jitEntries[slot].start, m_jitSizes[slot], jitRva))
+    if (slot == 0 || m_jitEntries[slot].method == nullptr)
         return false;
     method = m_jitEntries[slot].method;
     if (region != nullptr)

@@ -31,8 +31,9 @@ public:
     bool findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const;
 
 private:
-    /// The search key of the jit rva domain with its answer, so that the search brings the
-    /// method's address along; the size, read next to the method, lives apart.
+    /// Where a stretch of jit rvas starts that runs up to the next entry's start, with the
+    /// method whose code it is, or null for a stretch without code. With the gaps between the
+    /// domain's entries as entries of their own, the search ends with its answer at hand.
     struct JitEntry {
         unsigned long long start;
         JitMethod* method;
@@ -63,9 +64,8 @@ private:
     // it can fetch them ahead, where a binary search over sorted keys waits for every probe;
     // and the top levels, read by every search, share a few cache lines.
     std::size_t m_jitCount = 0;
-    HugePageArray<JitEntry> m_jitEntries;  ///< slot 0 unused
-    HugePageArray<unsigned int> m_jitSizes; ///< parallel to m_jitEntries
-    HugePageArray<Region*> m_jitRegions;   ///< parallel to m_jitEntries
+    HugePageArray<JitEntry> m_jitEntries; ///< slot 0 unused
+    HugePageArray<Region*> m_jitRegions;  ///< parallel to m_jitEntries
     std::vector<Domain> m_domains;          ///< by host id, then process id
     /// Domain after domain, each from its root slot and padded to whole cache lines, then one
     /// slot that ends the last; a slot that holds no key starts where the next key's times start.
