@@ -1,6 +1,7 @@
 // Lookup speed of the code store at 100,000 and at 1,000,000 methods, on an address space that
 // every process reuses for several generations of code, by sample point and by jit rva; each
-// figure printed beside its target, all from one run.
+// figure printed beside its target, all from one run. The targets hold for the lookups that lend
+// the store's method; those that take a reference to it are shown beside them, without one.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -120,8 +121,6 @@ Figures measure(Store& s)
         JitMethod* method = nullptr;
         s.store.resolveJitPoint(s.jitRvas[i & (s.jitRvas.size() - 1)], method);
     }
-    // The targets hold for the lookups that lend the store's method, as the library's own
-    // callers use them; those that take a reference to it are shown beside them.
     // `method` is a copy of an empty one of the kind to ask for, as a caller's would be.
     const auto samplePoint = [&s](std::size_t i, bool shared, auto method) {
         const Sample& sample = s.samples[i & (s.samples.size() - 1)];
