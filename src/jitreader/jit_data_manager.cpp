@@ -644,6 +644,27 @@ velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsign
                                                 boost::intrusive_ptr<JitMethod>& method,
                                                 unsigned long long& jitRva) const
 {
+    JitMethod* found = nullptr;
+    const velmark_error_t result = resolveJitPoint(vaddr, timestamp, pid, hostId, found, jitRva);
+    method = found;
+    return result;
+}
+
+velmark_error_t JitDataManager::resolveJitPoint(unsigned long long jitRva,
+                                                boost::intrusive_ptr<JitMethod>& method) const
+{
+    JitMethod* found = nullptr;
+    const velmark_error_t result = resolveJitPoint(jitRva, found);
+    // A refusal leaves the caller's method as it was.
+    if (result == meSuccess)
+        method = found;
+    return result;
+}
+
+velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsigned long long timestamp,
+                                                unsigned int pid, unsigned int hostId, JitMethod*& method,
+                                                unsigned long long& jitRva) const
+{
     VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
                           "unsigned __int64, unsigned int, unsigned int, "
                           "boost::intrusive_ptr<velmark_3_11::JitMethod> &, unsigned __int64 &) const");
@@ -653,7 +674,7 @@ velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsign
 
     // The search of searchRegion, without taking a reference to the region: on a large store
     // that reference is a cache miss of its own.
-    method.reset();
+    method = nullptr;
     SampleHit hit;
     if (findSample(vaddr, timestamp, pid, hostId, false, hit) != meSuccess) {
         VM_TRACE(L"Couldn't match jit point (vaddr = " << vaddr << L", timestamp = " << timestamp << L", pid = " << pid
@@ -667,13 +688,13 @@ velmark_error_t JitDataManager::resolveJitPoint(unsigned long long vaddr, unsign
     return meSuccess;
 }
 
-velmark_error_t JitDataManager::resolveJitPoint(unsigned long long jitRva,
-                                                boost::intrusive_ptr<JitMethod>& method) const
+velmark_error_t JitDataManager::resolveJitPoint(unsigned long long jitRva, JitMethod*& method) const
 {
     VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::resolveJitPoint(unsigned __int64, "
                           "boost::intrusive_ptr<velmark_3_11::JitMethod> &) const");
     VM_INFO(L"RESOLVE JIT POINT: jit rva = " << jitRva);
 
+    method = nullptr;
     if (jitRva == kInvalidJitRva) {
         VM_TRACE(L"Couldn't resolve jit rva = " << jitRva << L" because it is invalid.");
         return meFail;
@@ -695,7 +716,7 @@ velmark_error_t JitDataManager::resolveJitRvaByAddress(unsigned long long jitRva
     JitMethod* found = nullptr;
     if (!findJitRange(jitRva, &region, found))
         return meFail;
-    boost::intrusive_ptr<JitMethod> method;
+    JitMethod* method = nullptr;
     return resolveJitPoint(vaddr, region->loadTime(), region->processId(), region->hostId(), method, result);
 }
 

@@ -93,6 +93,12 @@ public:
                                     unsigned long long& jitRva) const;
     /// Method of a jit rva.
     velmark_error_t resolveJitPoint(unsigned long long jitRva, boost::intrusive_ptr<JitMethod>& method) const;
+    /// The same lookups, lending the store's own method: it stays valid while the store lives
+    /// and nothing loads into it. No reference is taken, as its count sits on the method's cold
+    /// cache line and would cost a lookup about as much as the search; null when none is found.
+    velmark_error_t resolveJitPoint(unsigned long long vaddr, unsigned long long timestamp, unsigned int pid,
+                                    unsigned int hostId, JitMethod*& method, unsigned long long& jitRva) const;
+    velmark_error_t resolveJitPoint(unsigned long long jitRva, JitMethod*& method) const;
     /// The region loaded next after `timestamp` over [begin, end).
     velmark_error_t findNextRegion(unsigned long long begin, unsigned long long end, unsigned long long timestamp,
                                    unsigned int processId, unsigned int hostId,

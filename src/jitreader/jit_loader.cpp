@@ -30,7 +30,8 @@ public:
         velmark_error_t result = readProcess(L"IJitLoader::resolveModule", processId, hostId);
         if (result != meSuccess)
             return result;
-        boost::intrusive_ptr<JitMethod> method;
+        // The method is only read here, under the lock: the store's own one will do.
+        JitMethod* method = nullptr;
         unsigned long long rva = 0;
         // Another thread may be reading another process into the store meanwhile.
         std::shared_lock<std::shared_mutex> lookup(m_dataManager.accessMutex());

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "jitreader/huge_pages.h"
 #include "jitreader/jit_data_manager.h"
 
 namespace velmark_3_11 {
@@ -30,8 +31,9 @@ public:
     bool findJitRange(unsigned long long jitRva, Region** region, JitMethod*& method) const;
 
 private:
-    /// The search key of the jit rva domain with its answer, so that the search brings the
-    /// method's address along; the size, read next to the method, lives apart.
+    /// Where a stretch of jit rvas starts that runs up to the next entry's start, with the
+    /// method whose code it is, or null for a stretch without code. With the gaps between the
+    /// domain's entries as entries of their own, the search ends with its answer at hand.
     struct JitEntry {
         unsigned long long start;
         JitMethod* method;
@@ -39,7 +41,7 @@ private:
     struct Key {
         unsigned long long start;
         unsigned int size;
-        unsigned int firstTime; ///< of its time entries; those of the next key follow
+        unsigned int firstTime; ///< of its time entries; those of the next slot follow
     };
     /// What a sample needs of one region, in one cache line.
     struct TimeEntry {
@@ -51,19 +53,25 @@ private:
     struct Domain {
         unsigned int hostId;
         unsigned int processId;
-        std::size_t firstKey;
-        std::size_t endKey;
+        std::size_t root;  ///< the slot before its first key: its tree counts from 1
+        std::size_t count; ///< of its keys
     };
 
     const Domain* findDomain(unsigned int processId, unsigned int hostId) const;
 
-    std::vector<JitEntry> m_jitEntries;
-    std::vector<unsigned int> m_jitSizes;  ///< parallel to m_jitEntries
-    std::vector<Region*> m_jitRegions;     ///< parallel to m_jitEntries
-    std::vector<Domain> m_domains;         ///< by host id, then process id
-    std::vector<Key> m_keys;               ///< domain after domain, and one more that ends the last
-    std::vector<TimeEntry> m_times;
-    std::vector<Region*> m_timeRegions; ///< parallel to m_times
+    // Both searches walk sorted keys laid out as an implicit binary tree, root first and the
+    // children of slot k at 2k and 2k + 1. The slots that a search reads next lie together, so
+    // it can fetch them ahead, where a binary search over sorted keys waits for every probe;
+    // and the top levels, read by every search, share a few cache lines.
+    std::size_t m_jitCount = 0;
+    HugePageArray<JitEntry> m_jitEntries; ///< slot 0 unused
+    HugePageArray<Region*> m_jitRegions;  ///< parallel to m_jitEntries
+    std::vector<Domain> m_domains;          ///< by host id, then process id
+    /// Domain after domain, each from its root slot and padded to whole cache lines, then one
+    /// slot that ends the last; a slot that holds no key starts where the next key's times start.
+    HugePageArray<Key> m_keys;
+    HugePageArray<TimeEntry> m_times; ///< key after key, in the order of m_keys
+    HugePageArray<Region*> m_timeRegions; ///< parallel to m_times
 };
 
 } // namespace velmark_3_11

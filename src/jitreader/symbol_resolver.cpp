@@ -116,12 +116,13 @@ public:
 
     boost::intrusive_ptr<ISymbol> resolveSymbol(unsigned long long jitRva) override
     {
-        boost::intrusive_ptr<JitMethod> method;
-        if (m_dataManager.resolveJitPoint(jitRva, method) != meSuccess || !method)
+        // The caller's reference is the only one taken.
+        JitMethod* method = nullptr;
+        if (m_dataManager.resolveJitPoint(jitRva, method) != meSuccess || method == nullptr)
             return nullptr;
         if (method->getMetadataToken() != 0)
             enrich(*method);
-        return method;
+        return boost::intrusive_ptr<ISymbol>(method);
     }
 
     velmark_error_t resolveJitRvaByAddress(unsigned long long jitRva, unsigned long long address,

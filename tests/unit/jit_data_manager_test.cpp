@@ -42,6 +42,17 @@ std::string ask(const JitDataManager& store, const Lookup& q)
     case 'A': result = store.resolveJitRvaByAddress(q.a, q.b, out); break;
     default: result = store.findNextRegion(q.a, q.a + 0x40, q.b, q.pid, q.host, next); break;
     }
+    if (q.op == 'S' || q.op == 'J') { // the lent method: the same one, answer and messages
+        const std::string counted = log.dump();
+        log.clear();
+        JitMethod* lent = reinterpret_cast<JitMethod*>(1);
+        unsigned long long lentOut = 0;
+        EXPECT_EQ(result, q.op == 'S' ? store.resolveJitPoint(q.a, q.b, q.pid, q.host, lent, lentOut)
+                                      : store.resolveJitPoint(q.a, lent));
+        EXPECT_EQ(method.get(), lent);
+        EXPECT_EQ(out, lentOut);
+        EXPECT_EQ(counted, log.dump());
+    }
     if (result != meSuccess)
         return log.dump();
     if (next)
@@ -278,4 +289,49 @@ TEST(JitDataManagerTest, FirstLookupsMayRunSideBySide)
     for (unsigned long long sum : sums)
         EXPECT_EQ(sums[0], sum);
     EXPECT_NE(0u, sums[0]);
+}
+
+// Stores of every size around the index's line and level boundaries, in several processes: every
+// address at and around every key, at times before, at and after each load, and every jit rva
+// around every entry, get the same answers and messages from the index as from the maps.
+TEST(JitDataManagerTest, IndexAnswersAsTheMapsDoAtEverySize)
+{
+    const struct { unsigned int processes, methods; } stores[] = {
+        {1, 0}, {1, 1}, {1, 2}, {1, 3}, {2, 4}, {1, 5}, {3, 7}, {1, 8}, {2, 9}, {1, 16}, {2, 17}, {1, 70},
+    };
+    for (const auto& shape : stores) {
+        SCOPED_TRACE(std::to_string(shape.processes) + " x " + std::to_string(shape.methods));
+        JitDataManager store;
+        std::vector<Lookup> probes;
+        unsigned long long jitRva = 0x10;
+        for (unsigned int pid = 1; pid <= shape.processes; ++pid) {
+            store.getOrCreateRegionDomain(pid, 1);
+            for (unsigned int i = 0; i < shape.methods; ++i) {
+                const unsigned long long address = 0x10000 + 0x100ull * i;
+                load(store, makeMethod(i + 1, 100, {{address, 0x80, jitRva}}, pid), pid);
+                // Every third one is replaced in part, which cuts its key and gives it two times.
+                if (i % 3 == 0)
+                    load(store, makeMethod(i + 0x1000, 200, {{address + 0x40, 0x80, jitRva + 0x90}}, pid), pid);
+                for (const unsigned long long at : {address - 1, address, address + 0x3f, address + 0x40,
+                                                    address + 0x7f, address + 0x80, address + 0xbf})
+                    for (const unsigned long long time : {50ull, 100ull, 150ull, 200ull, 300ull})
+                        probes.push_back({'S', at, time, "", pid});
+                for (const unsigned long long rva : {jitRva - 1, jitRva, jitRva + 0x7f, jitRva + 0x80, jitRva + 0x90,
+                                                     jitRva + 0x10f, jitRva + 0x110})
+                    probes.push_back({'J', rva, 0, ""});
+                jitRva += 0x120;
+            }
+        }
+        probes.push_back({'S', 0x10000, 100, "", shape.processes + 1});
+        std::vector<std::string> byMaps;
+        for (const Lookup& probe : probes) {
+            store.getOrCreateRegionDomain(1, 1); // drops the index, so that the maps answer
+            byMaps.push_back(ask(store, probe));
+        }
+        for (std::size_t i = 0; i <= store.jitRvaDomain().size(); ++i) // enough lookups to build the index
+            ask(store, probes.back());
+        for (std::size_t i = 0; i < probes.size(); ++i)
+            EXPECT_EQ(byMaps[i], ask(store, probes[i])) << probes[i].op << " " << hex(probes[i].a) << " "
+                                                        << hex(probes[i].b) << " pid " << probes[i].pid;
+    }
 }
