@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include <sys/mman.h>
-
 #include <boost/make_shared.hpp>
+
+#include "jitreader/huge_pages.h"
 
 namespace velmark_3_11 {
 namespace {
@@ -24,30 +24,16 @@ struct CodeArena::Chunk {
     explicit Chunk(std::size_t size)
     {
         if (size == kChunkSize) {
-            // Mapped with room to align the start to a huge page; the ends are given back.
-            void* mapped = ::mmap(nullptr, size + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                                  -1, 0);
-            if (mapped != MAP_FAILED) {
-                const auto start = reinterpret_cast<std::uintptr_t>(mapped);
-                const std::uintptr_t aligned = (start + kHugePage - 1) & ~(kHugePage - 1);
-                if (aligned != start)
-                    ::munmap(mapped, aligned - start);
-                if (aligned + size != start + size + kHugePage)
-                    ::munmap(reinterpret_cast<void*>(aligned + size), start + kHugePage - aligned);
-                bytes = reinterpret_cast<unsigned char*>(aligned);
+            bytes = static_cast<unsigned char*>(mapHugePages(size));
+            if (bytes != nullptr) {
                 mappedSize = size;
-                ::madvise(bytes, size, MADV_HUGEPAGE);
                 return;
             }
         }
         owned.reset(new unsigned char[size]); // left uninitialised: every byte handed out is written
         bytes = owned.get();
     }
-    ~Chunk()
-    {
-        if (mappedSize != 0)
-            ::munmap(bytes, mappedSize);
-    }
+    ~Chunk() { unmapHugePages(mappedSize != 0 ? bytes : nullptr, mappedSize); }
     Chunk(const Chunk&) = delete;
     Chunk& operator=(const Chunk&) = delete;
 
