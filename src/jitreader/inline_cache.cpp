@@ -18,16 +18,16 @@ void InlineCache::cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMe
         m_cachedParents[jitMethod->getParentId()].push_back(jitMethod);
         VM_TRACE(L"Cached 'inline as a parent' method (method id = " << jitMethod->getRawMethodId() << L")");
     } else {
-        m_cachedParents[jitMethod->getMethodId()].push_back(jitMethod);
+        jitMethod->markFiledAsParent();
         VM_TRACE(L"Cached parent method (method id = " << jitMethod->getRawMethodId() << L")");
     }
 }
 
-bool InlineCache::cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod)
+bool InlineCache::cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod, bool filedUnderItsId)
 {
     if (!m_cachedInlines.insert(std::make_pair(inlineMethod->getMethodId(), inlineMethod)).second)
         VM_TRACE(L"Already cached inline method (method id = " << inlineMethod->getRawMethodId() << L")");
-    return m_cachedParents.count(inlineMethod->getMethodId()) != 0;
+    return filedUnderItsId || m_cachedParents.count(inlineMethod->getMethodId()) != 0;
 }
 
 velmark_error_t InlineCache::findInlineMethod(const MethodId& id, boost::intrusive_ptr<JitMethod>& out) const
@@ -39,13 +39,14 @@ velmark_error_t InlineCache::findInlineMethod(const MethodId& id, boost::intrusi
     return meSuccess;
 }
 
-bool InlineCache::pendingInlines(const MethodId& parentId, std::vector<boost::intrusive_ptr<JitMethod>>& out) const
+bool InlineCache::pendingInlines(const MethodId& parentId, bool parentFiled,
+                                 std::vector<boost::intrusive_ptr<JitMethod>>& out) const
 {
     out.clear();
     const auto waiting = m_cachedParents.find(parentId);
     if (waiting == m_cachedParents.end())
-        return false;
-    // Under a parent's id stand the parent itself and the inlines that name it.
+        return parentFiled;
+    // Under a parent's id stand the inlines that name it.
     for (const auto& cached : waiting->second)
         if (cached->getRawParentId() != 0 && !cached->isInlined())
             out.push_back(cached);

@@ -22,16 +22,20 @@ public:
         MethodMultiMap;
 
     /// Files the method under its own id, or an inline under its parent's id: an inline may
-    /// itself be a parent.
+    /// itself be a parent. A method under its own id is the store's method of that id, which
+    /// the store's map finds: it is only marked as filed, which saves an entry per method.
     void cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMethod);
     /// Keeps an inline so that deeper inlines can find it as their parent; true when some of
-    /// those came first and wait under its id.
-    bool cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod);
+    /// those came first and wait under its id, or `filedUnderItsId`: a method marked as filed
+    /// has that id.
+    bool cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod, bool filedUnderItsId);
     /// The cached inline with this id: meSuccess or meFail.
     velmark_error_t findInlineMethod(const MethodId& id, boost::intrusive_ptr<JitMethod>& out) const;
     /// The inlines not yet attached that name `parentId`, in order of arrival; false when nothing
-    /// at all waits under that id.
-    bool pendingInlines(const MethodId& parentId, std::vector<boost::intrusive_ptr<JitMethod>>& out) const;
+    /// at all waits under that id, which `parentFiled` (a method marked as filed has that id)
+    /// denies.
+    bool pendingInlines(const MethodId& parentId, bool parentFiled,
+                        std::vector<boost::intrusive_ptr<JitMethod>>& out) const;
 
 private:
     MethodMap m_cachedInlines;

@@ -482,7 +482,8 @@ velmark_error_t JitDataManager::addCachedInlineMethods(const boost::intrusive_pt
         return meSuccess;
 
     std::vector<boost::intrusive_ptr<JitMethod>> pending;
-    if (!m_inlineCache.pendingInlines(parentMethod->getMethodId(), pending)) {
+    if (!m_inlineCache.pendingInlines(parentMethod->getMethodId(), isFiledAsParent(parentMethod->getMethodId()),
+                                      pending)) {
         VM_TRACE(L"Couldn't find any cached inline method for parent id = " << parentMethod->getRawMethodId());
         return meSuccess;
     }
@@ -510,9 +511,15 @@ velmark_error_t JitDataManager::cacheInlineMethod(const boost::intrusive_ptr<Jit
     BASEKIT2_ASSERT_TEXT(inlineMethod, "inlineMethod");
     BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
     // Inlines of this inline may have come first.
-    if (inlineMethod && m_inlineCache.cacheInlineMethod(inlineMethod))
+    if (inlineMethod && m_inlineCache.cacheInlineMethod(inlineMethod, isFiledAsParent(inlineMethod->getMethodId())))
         addCachedInlineMethods(inlineMethod);
     return meSuccess;
+}
+
+bool JitDataManager::isFiledAsParent(const MethodId& id) const
+{
+    const auto it = m_methods.find(id);
+    return it != m_methods.end() && it->second->filedAsParent();
 }
 
 velmark_error_t JitDataManager::findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const

@@ -133,6 +133,8 @@ private:
     velmark_error_t cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMethod);
     velmark_error_t cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod);
     velmark_error_t findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
+    /// True when the method of that id was filed as a parent in the inline cache.
+    bool isFiledAsParent(const MethodId& id) const;
     velmark_error_t findInlineMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const;
 
     /// The search of searchRegion, with its messages; the hit's pointers are owned by the maps.

@@ -156,6 +156,9 @@ public:
     /// true the first time only.
     bool markInlinesToPlace() { return !std::exchange(m_inlinesToPlace, true); }
     void clearInlinesToPlace() { m_inlinesToPlace = false; }
+    /// Whether the inline cache took this method as a parent under its own id.
+    bool filedAsParent() const { return m_filedAsParent; }
+    void markFiledAsParent() { m_filedAsParent = true; }
 
     // Regions
     /// Nearly every method has one region: it lives in the method.
@@ -221,6 +224,7 @@ private:
     LineNumberMap m_lineNumberInfo;
     unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
     bool m_inlinesToPlace = false;
+    bool m_filedAsParent = false;
     JitMethod* m_inlinedInto = nullptr; // owned through the store's maps, as this method is
     std::atomic<bool> m_enriched{false};
 };

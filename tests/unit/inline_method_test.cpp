@@ -69,18 +69,20 @@ TEST(InlineMethodTest, ProfilerInlinesWaitForTheirParents)
     const Step p = {'L', 1, 0, 0x1000, 0x100, 100};
     const Step i = {'I', 2, 1, 0x1010, 0x20, 110};
     const Step j = {'I', 3, 2, 0x1014, 4, 120};
-    const struct { const char* order; std::vector<Step> steps; std::string tree; } cases[] = {
-        {"I, J, P", {i, j, p}, "1@0x1000#0x400{2@0x1010#0{3@0x1014#0}}"},
-        {"P, I, J", {p, i, j}, "1@0x1000#0x400{2@0x1010#0{3@0x1014#0}}"},
-        {"P, I, I", {p, i, i}, "1@0x1000#0x400{2@0x1010#0 2@0x1010#0}"},
-        {"P, I, P over itself", {p, i, {'L', 1, 0, 0x1000, 0x100, 200}}, "1@0x1000#0x400{2@0x1010#0} 1@0x1000#0x500"},
+    const struct { const char* order; std::vector<Step> steps; std::string tree; std::size_t unawaited; } cases[] = {
+        {"I, J, P", {i, j, p}, "1@0x1000#0x400{2@0x1010#0{3@0x1014#0}}", 0},
+        {"P, I, J", {p, i, j}, "1@0x1000#0x400{2@0x1010#0{3@0x1014#0}}", 1},
+        {"P, I, I", {p, i, i}, "1@0x1000#0x400{2@0x1010#0 2@0x1010#0}", 1},
+        {"P, P over itself", {p, {'L', 1, 0, 0x1000, 0x100, 200}}, "1@0x1000#0x400 1@0x1000#0x500", 1},
+        {"P, I, P over itself", {p, i, {'L', 1, 0, 0x1000, 0x100, 200}}, "1@0x1000#0x400{2@0x1010#0} 1@0x1000#0x500",
+         1},
         {"P elsewhere, I, P again", {{'L', 1, 0, 0x5000, 0x100, 100}, i, {'L', 1, 0, 0x1000, 0x100, 200}},
-         "1@0x5000#0x400 1@0x1000#0x500{2@0x1010#0}"},
+         "1@0x5000#0x400 1@0x1000#0x500{2@0x1010#0}", 1},
         // A replaced parent's region takes no inline; its younger region does.
         {"P, Q over P, P again, I",
          {p, {'L', 5, 0, 0x1000, 0x100, 200}, {'L', 1, 0, 0x3000, 0x100, 300}, {'I', 2, 1, 0x3010, 0x20, 350},
           {'I', 3, 1, 0x1010, 0x20, 360}},
-         "1@0x1000#0x400 1@0x3000#0x600{2@0x3010#0} 5@0x1000#0x500"},
+         "1@0x1000#0x400 1@0x3000#0x600{2@0x3010#0} 5@0x1000#0x500", 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.order);
@@ -90,6 +92,9 @@ TEST(InlineMethodTest, ProfilerInlinesWaitForTheirParents)
             EXPECT_EQ(meSuccess, s.apply(step));
         EXPECT_EQ(c.tree, inlineTree(s.store));
         EXPECT_EQ(0u, log.count(kError, "")) << log.dump();
+        // A parent that finds nothing at all filed under its id says so; a parent loaded again
+        // finds itself.
+        EXPECT_EQ(c.unawaited, log.count(kTrace, "Couldn't find any cached inline method for parent id"));
     }
 }
 
