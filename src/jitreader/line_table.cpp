@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::size_t kHeaderSize = 3 * sizeof(std::uint32_t);
 constexpr std::size_t kMaxRowSize = 3 * 5; // three fields of at most five 7-bit groups
+constexpr std::size_t kKeptScratch = 64 * 1024;
 
 // Rows mostly follow one another: a row starts where the one before ended and moves the value
 // by a little. Each field is therefore stored as the difference to what it is expected to be,
@@ -70,6 +71,9 @@ void LineTable::encode(std::size_t count, Row rowAt)
     std::memcpy(scratch.data(), header, kHeaderSize);
     m_data.reset(new unsigned char[size]);
     std::memcpy(m_data.get(), scratch.data(), size);
+    // One huge table must not leave its scratch space to the thread for good.
+    if (scratch.size() > kKeptScratch)
+        std::vector<unsigned char>().swap(scratch);
 }
 
 LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)

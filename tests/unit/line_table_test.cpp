@@ -40,6 +40,12 @@ TEST(LineTable, EveryRowComesBackExactly)
         EXPECT_EQ(found, rows.back());
         EXPECT_FALSE(table.findIf([](const LineNumberEntry&) { return false; }, found));
     }
+    // A table larger than the scratch space kept between tables, and a small one after it.
+    std::vector<LineNumberEntry> large;
+    for (unsigned int i = 0; i < 10000; ++i)
+        large.push_back({i * 0x12345u, i * 0x12345u + 0x1000000u, 0x7fffffffu - i * 77u});
+    EXPECT_EQ(LineTable(large).rows(), large);
+    EXPECT_EQ(LineTable(cases[0]).rows(), cases[0]);
     EXPECT_TRUE(LineTable().empty());
     EXPECT_TRUE(LineTable(std::vector<LineNumberEntry>()).rows().empty());
 }
