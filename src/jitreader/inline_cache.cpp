@@ -23,11 +23,11 @@ void InlineCache::cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMe
     }
 }
 
-bool InlineCache::cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod, bool filedUnderItsId)
+bool InlineCache::cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod)
 {
     if (!m_cachedInlines.insert(std::make_pair(inlineMethod->getMethodId(), inlineMethod)).second)
         VM_TRACE(L"Already cached inline method (method id = " << inlineMethod->getRawMethodId() << L")");
-    return filedUnderItsId || m_cachedParents.count(inlineMethod->getMethodId()) != 0;
+    return m_cachedParents.count(inlineMethod->getMethodId()) != 0;
 }
 
 velmark_error_t InlineCache::findInlineMethod(const MethodId& id, boost::intrusive_ptr<JitMethod>& out) const
@@ -39,13 +39,12 @@ velmark_error_t InlineCache::findInlineMethod(const MethodId& id, boost::intrusi
     return meSuccess;
 }
 
-bool InlineCache::pendingInlines(const MethodId& parentId, bool parentFiled,
-                                 std::vector<boost::intrusive_ptr<JitMethod>>& out) const
+bool InlineCache::pendingInlines(const MethodId& parentId, std::vector<boost::intrusive_ptr<JitMethod>>& out) const
 {
     out.clear();
     const auto waiting = m_cachedParents.find(parentId);
     if (waiting == m_cachedParents.end())
-        return parentFiled;
+        return false;
     // Under a parent's id stand the inlines that name it.
     for (const auto& cached : waiting->second)
         if (cached->getRawParentId() != 0 && !cached->isInlined())

@@ -26,16 +26,13 @@ public:
     /// the store's map finds: it is only marked as filed, which saves an entry per method.
     void cacheParentMethod(const boost::intrusive_ptr<JitMethod>& jitMethod);
     /// Keeps an inline so that deeper inlines can find it as their parent; true when some of
-    /// those came first and wait under its id, or `filedUnderItsId`: a method marked as filed
-    /// has that id.
-    bool cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod, bool filedUnderItsId);
+    /// those came first and wait under its id (a method marked as filed is not asked about).
+    bool cacheInlineMethod(const boost::intrusive_ptr<JitMethod>& inlineMethod);
     /// The cached inline with this id: meSuccess or meFail.
     velmark_error_t findInlineMethod(const MethodId& id, boost::intrusive_ptr<JitMethod>& out) const;
-    /// The inlines not yet attached that name `parentId`, in order of arrival; false when nothing
-    /// at all waits under that id, which `parentFiled` (a method marked as filed has that id)
-    /// denies.
-    bool pendingInlines(const MethodId& parentId, bool parentFiled,
-                        std::vector<boost::intrusive_ptr<JitMethod>>& out) const;
+    /// The inlines not yet attached that name `parentId`, in order of arrival; false when no
+    /// inline at all is filed under that id (a method marked as filed is not asked about).
+    bool pendingInlines(const MethodId& parentId, std::vector<boost::intrusive_ptr<JitMethod>>& out) const;
 
 private:
     MethodMap m_cachedInlines;

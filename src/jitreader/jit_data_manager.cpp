@@ -482,8 +482,9 @@ velmark_error_t JitDataManager::addCachedInlineMethods(const boost::intrusive_pt
         return meSuccess;
 
     std::vector<boost::intrusive_ptr<JitMethod>> pending;
-    if (!m_inlineCache.pendingInlines(parentMethod->getMethodId(), isFiledAsParent(parentMethod->getMethodId()),
-                                      pending)) {
+    // A method filed under its own id counts as something that waits there, though no inline does.
+    if (!m_inlineCache.pendingInlines(parentMethod->getMethodId(), pending) &&
+        !isFiledAsParent(parentMethod->getMethodId())) {
         VM_TRACE(L"Couldn't find any cached inline method for parent id = " << parentMethod->getRawMethodId());
         return meSuccess;
     }
@@ -511,7 +512,8 @@ velmark_error_t JitDataManager::cacheInlineMethod(const boost::intrusive_ptr<Jit
     BASEKIT2_ASSERT_TEXT(inlineMethod, "inlineMethod");
     BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
     // Inlines of this inline may have come first.
-    if (inlineMethod && m_inlineCache.cacheInlineMethod(inlineMethod, isFiledAsParent(inlineMethod->getMethodId())))
+    if (inlineMethod &&
+        (m_inlineCache.cacheInlineMethod(inlineMethod) || isFiledAsParent(inlineMethod->getMethodId())))
         addCachedInlineMethods(inlineMethod);
     return meSuccess;
 }
