@@ -1,11 +1,13 @@
 #include "jitreader/code_arena.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 
 #include <boost/make_shared.hpp>
 
 #include "jitreader/huge_pages.h"
+#include "jitreader/small_object_pool.h"
 
 namespace velmark_3_11 {
 namespace {
@@ -37,9 +39,19 @@ struct CodeArena::Chunk {
     Chunk(const Chunk&) = delete;
     Chunk& operator=(const Chunk&) = delete;
 
+    // Counted by hand rather than through a shared pointer: every buffer holds its chunk, and a
+    // shared pointer would double the pointer in each of millions of buffers.
+    void retain() { users.fetch_add(1, std::memory_order_relaxed); }
+    void release()
+    {
+        if (users.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+
     unsigned char* bytes = nullptr;
     std::size_t mappedSize = 0;
     std::unique_ptr<unsigned char[]> owned;
+    std::atomic<std::size_t> users{1}; // its maker's
 };
 
 namespace {
@@ -48,10 +60,14 @@ namespace {
 /// shrinks; a larger write moves them to storage of their own.
 class ArenaByteBuffer : public IByteBuffer {
 public:
-    ArenaByteBuffer(std::shared_ptr<CodeArena::Chunk> chunk, unsigned char* data, unsigned int size)
-        : m_chunk(std::move(chunk)), m_data(data), m_capacity(size), m_size(size)
+    /// Takes over one reference to `chunk`.
+    ArenaByteBuffer(CodeArena::Chunk* chunk, unsigned char* data, unsigned int size)
+        : m_chunk(chunk), m_data(data), m_capacity(size), m_size(size)
     {
     }
+    ~ArenaByteBuffer() { dropStorage(m_chunk, m_data); }
+    ArenaByteBuffer(const ArenaByteBuffer&) = delete;
+    ArenaByteBuffer& operator=(const ArenaByteBuffer&) = delete;
 
     unsigned int getSize() override { return m_size; }
     const void* getData() override { return m_size == 0 ? nullptr : m_data; }
@@ -60,48 +76,72 @@ public:
         m_size = 0;
         if (data == nullptr || size == 0)
             return;
-        // `data` may lie in the storage that a larger write replaces: it goes after the copy.
-        std::unique_ptr<unsigned char[]> previous;
-        std::shared_ptr<CodeArena::Chunk> previousChunk;
         if (size > m_capacity) {
-            previous = std::move(m_grown);
-            previousChunk = std::move(m_chunk);
-            m_grown.reset(new unsigned char[size]);
-            m_data = m_grown.get();
+            // `data` may lie in the storage that this write replaces: it goes after the copy.
+            std::unique_ptr<unsigned char[]> grown(new unsigned char[size]);
+            std::memmove(grown.get(), data, size);
+            dropStorage(m_chunk, m_data);
+            m_chunk = nullptr;
+            m_data = grown.release();
             m_capacity = size;
+        } else {
+            std::memmove(m_data, data, size);
         }
-        std::memmove(m_data, data, size);
         m_size = size;
     }
 
 private:
-    std::shared_ptr<CodeArena::Chunk> m_chunk;
+    /// The bytes live in `chunk`, or when it is null, on the heap, owned by the buffer.
+    static void dropStorage(CodeArena::Chunk* chunk, unsigned char* data)
+    {
+        if (chunk)
+            chunk->release();
+        else
+            delete[] data;
+    }
+
+    CodeArena::Chunk* m_chunk;
     unsigned char* m_data;
     unsigned int m_capacity;
     unsigned int m_size;
-    std::unique_ptr<unsigned char[]> m_grown;
 };
 
 } // namespace
 
+CodeArena::~CodeArena()
+{
+    if (m_chunk)
+        m_chunk->release();
+}
+
 boost::shared_ptr<IByteBuffer> CodeArena::copy(const unsigned char* data, unsigned int size)
 {
-    std::shared_ptr<Chunk> chunk;
+    Chunk* chunk = nullptr;
     unsigned char* target = nullptr;
     if (size > kLargeCode) {
-        chunk = std::make_shared<Chunk>(size);
+        chunk = new Chunk(size);
         target = chunk->bytes;
     } else {
         if (!m_chunk || kChunkSize - m_used < size) {
-            m_chunk = std::make_shared<Chunk>(kChunkSize);
+            if (m_chunk) {
+                m_chunk->release();
+                m_chunk = nullptr;
+            }
+            m_chunk = new Chunk(kChunkSize);
             m_used = 0;
         }
         chunk = m_chunk;
+        chunk->retain();
         target = m_chunk->bytes + m_used;
         m_used += size;
     }
     std::memcpy(target, data, size);
-    return boost::make_shared<ArenaByteBuffer>(std::move(chunk), target, size);
+    try {
+        return boost::allocate_shared<ArenaByteBuffer>(PoolAllocator<ArenaByteBuffer>(), chunk, target, size);
+    } catch (...) {
+        chunk->release();
+        throw;
+    }
 }
 
 } // namespace velmark_3_11

@@ -14,6 +14,7 @@ namespace velmark_3_11 {
 class CodeArena {
 public:
     CodeArena() = default;
+    ~CodeArena();
     CodeArena(const CodeArena&) = delete;
     CodeArena& operator=(const CodeArena&) = delete;
 
@@ -24,7 +25,7 @@ public:
     struct Chunk;
 
 private:
-    std::shared_ptr<Chunk> m_chunk;
+    Chunk* m_chunk = nullptr; // one reference held
     std::size_t m_used = 0;
 };
 

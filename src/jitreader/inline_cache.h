@@ -15,7 +15,9 @@ namespace velmark_3_11 {
 
 class InlineCache {
 public:
-    typedef std::unordered_map<MethodId, boost::intrusive_ptr<JitMethod>, MethodId::Hash> MethodMap;
+    typedef std::unordered_map<MethodId, boost::intrusive_ptr<JitMethod>, MethodId::Hash, std::equal_to<MethodId>,
+                               PoolAllocator<std::pair<const MethodId, boost::intrusive_ptr<JitMethod>>>>
+        MethodMap;
     /// Equal keys keep their order of arrival; most keys have one method.
     typedef std::unordered_map<MethodId, boost::container::small_vector<boost::intrusive_ptr<JitMethod>, 1>,
                                MethodId::Hash>

@@ -143,7 +143,7 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
             return meBadTrace;
         }
 
-        ContainerPtr container = boost::make_shared<Container>();
+        ContainerPtr container = boost::allocate_shared<Container>(PoolAllocator<Container>());
         if (!container->timeDomain.insert(std::make_pair(region->loadTime(), region)).second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()

@@ -40,9 +40,11 @@ public:
     };
 
     /// The ip space of one process on one host, cut into disjoint ranges.
-    typedef std::map<Range, boost::shared_ptr<JitMethodContainer>, Range::Comparator> RegionDomain;
-    typedef std::map<Range, std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>>,
-                     Range::Comparator>
+    typedef std::map<Range, boost::shared_ptr<JitMethodContainer>, Range::Comparator,
+                     PoolAllocator<std::pair<const Range, boost::shared_ptr<JitMethodContainer>>>>
+        RegionDomain;
+    typedef std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>> RegionAndMethod;
+    typedef std::map<Range, RegionAndMethod, Range::Comparator, PoolAllocator<std::pair<const Range, RegionAndMethod>>>
         JitRvaDomain;
     typedef InlineCache::MethodMap MethodMap;
     typedef std::map<unsigned int, std::map<unsigned int, RegionDomain>> RegionDomainMap;

@@ -18,6 +18,7 @@
 #include "jitreader/module.h"
 #include "jitreader/range.h"
 #include "jitreader/region.h"
+#include "jitreader/small_object_pool.h"
 #include "jitreader/source_file.h"
 #include "jitreader/symbol.h"
 
@@ -54,6 +55,7 @@ public:
 
     BaseMethodInfo() = default;
     ~BaseMethodInfo() override;
+    JITREADER_POOLED_OBJECT
     BaseMethodInfo(const BaseMethodInfo&) = delete;
     BaseMethodInfo& operator=(const BaseMethodInfo&) = delete;
 
@@ -89,6 +91,7 @@ public:
 
     JitMethod();
     ~JitMethod() override;
+    JITREADER_POOLED_OBJECT
     JitMethod(const JitMethod&) = delete;
     JitMethod& operator=(const JitMethod&) = delete;
 

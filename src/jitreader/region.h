@@ -12,6 +12,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "jitreader/range.h"
+#include "jitreader/small_object_pool.h"
 #include "jitreader/symbol.h"
 
 namespace velmark_3_11 {
@@ -45,6 +46,7 @@ public:
     Region(const Region& other);
     Region& operator=(const Region&) = delete;
     ~Region() override;
+    JITREADER_POOLED_OBJECT
 
     // ICodeRegion
     unsigned long long startJitRva() const override { return m_startJitRva; }

@@ -86,8 +86,8 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
             const action_t& action = actions[i];
             ContainerPtr container;
             switch (action.kind) {
-            case kind_t::copy: container = boost::make_shared<Container>(*it->second); break;
-            case kind_t::fresh: container = boost::make_shared<Container>(); break;
+            case kind_t::copy: container = boost::allocate_shared<Container>(PoolAllocator<Container>(), *it->second); break;
+            case kind_t::fresh: container = boost::allocate_shared<Container>(PoolAllocator<Container>()); break;
             case kind_t::old: container = it->second; break;
             }
             if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, container) != meSuccess)
