@@ -1,6 +1,8 @@
 #include "jitreader/jit_method.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <sstream>
 
 #include "basekit2/assertion.h"
@@ -48,16 +50,7 @@ bool startsOrContains(const LineNumberEntry& row, unsigned int offset)
 
 } // namespace
 
-JitMethod::JitMethod()
-    : m_info(new BaseMethodInfo),
-      m_startJitRva(0),
-      m_rawMethodId(0),
-      m_rawParentId(0),
-      m_loadTime(0),
-      m_unloadTime(0),
-      m_isInlined(false)
-{
-}
+JitMethod::JitMethod() : m_info(new BaseMethodInfo) {}
 
 JitMethod::~JitMethod() = default;
 
@@ -153,30 +146,58 @@ BaseMethodInfo::~BaseMethodInfo()
     delete m_names.load(std::memory_order_relaxed);
 }
 
-void BaseMethodInfo::retireNames()
+void BaseMethodInfo::replaceNames(std::unique_ptr<Names> names)
 {
-    if (Names* names = m_names.exchange(nullptr, std::memory_order_acq_rel)) {
-        std::unique_ptr<Names> retired(names);
+    if (Names* old = m_names.exchange(names.release(), std::memory_order_acq_rel)) {
+        std::unique_ptr<Names> retired(old);
         retired->older = std::move(m_replacedNames);
         m_replacedNames = std::move(retired);
     }
 }
 
+void BaseMethodInfo::GivenText::assign(const std::string& text, bool java)
+{
+    clear();
+    if (text.empty())
+        return;
+    const auto length = static_cast<std::uint32_t>(std::min<std::size_t>(text.size(), UINT32_MAX - 4));
+    m_block = static_cast<unsigned char*>(poolAllocate(length + 4u));
+    std::memcpy(m_block, &length, 4);
+    std::memcpy(m_block + 4, text.data(), length);
+    m_java = java;
+}
+
+void BaseMethodInfo::GivenText::clear()
+{
+    if (!m_block)
+        return;
+    std::uint32_t length;
+    std::memcpy(&length, m_block, 4);
+    poolDeallocate(m_block, length + 4u);
+    m_block = nullptr;
+}
+
+std::string BaseMethodInfo::GivenText::text() const
+{
+    if (!m_block)
+        return std::string();
+    std::uint32_t length;
+    std::memcpy(&length, m_block, 4);
+    return std::string(reinterpret_cast<const char*>(m_block + 4), length);
+}
+
 void BaseMethodInfo::setGivenName(const std::wstring& name)
 {
     m_givenText.clear();
-    m_givenName = name;
     m_givenClass = className;
-    retireNames();
+    replaceNames(makeNames(name));
 }
 
 void BaseMethodInfo::setGivenName(std::string&& name, bool java)
 {
-    m_givenText = std::move(name);
-    m_givenJava = java;
-    m_givenName.clear();
+    m_givenText.assign(name, java);
     m_givenClass = className;
-    retireNames();
+    replaceNames(nullptr);
 }
 
 const BaseMethodInfo::Names& BaseMethodInfo::names() const
@@ -184,11 +205,20 @@ const BaseMethodInfo::Names& BaseMethodInfo::names() const
     static const Names none;
     if (const Names* made = m_names.load(std::memory_order_acquire))
         return *made;
-    if (m_givenName.empty() && m_givenText.empty())
+    if (m_givenText.empty())
         return none;
 
-    const std::wstring given =
-        m_givenText.empty() ? m_givenName : toWide(m_givenJava ? formatJavaMethodName(m_givenText) : m_givenText);
+    const std::string given = m_givenText.text();
+    std::unique_ptr<Names> made = makeNames(toWide(m_givenText.java() ? formatJavaMethodName(given) : given));
+    // Threads that ask at once each make the names; the first to publish wins.
+    Names* expected = nullptr;
+    if (m_names.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
+        return *made.release();
+    return *expected;
+}
+
+std::unique_ptr<BaseMethodInfo::Names> BaseMethodInfo::makeNames(const std::wstring& given) const
+{
     std::unique_ptr<Names> made(new Names);
     boost::shared_ptr<NAMEKIT_3_30::ISymbolNameDemangler> demangler =
         NAMEKIT_3_30::ISymbolNameDemangler::create(given, NAMEKIT_3_30::efDotNet);
@@ -206,12 +236,7 @@ const BaseMethodInfo::Names& BaseMethodInfo::names() const
         appendDottedParts(text, given);
         made->name.assign(text, 0, text.find(L'('));
     }
-
-    // Threads that ask at once each make the names; the first to publish wins.
-    Names* expected = nullptr;
-    if (m_names.compare_exchange_strong(expected, made.get(), std::memory_order_acq_rel))
-        return *made.release();
-    return *expected;
+    return made;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -30,9 +30,9 @@ typedef std::shared_ptr<const std::wstring> SharedText;
 /// What doesn't change between versions of a method.
 class BaseMethodInfo : public BaseObject {
 public:
+    unsigned int metadataToken = 0; // first, in the base's padding
     MethodId methodId;
     MethodId parentId;
-    unsigned int metadataToken = 0;
     SharedText className; ///< null: none
     boost::intrusive_ptr<Module> module;
     std::shared_ptr<const SourceFile> sourceFile; ///< null: none
@@ -55,18 +55,35 @@ public:
 
     BaseMethodInfo() = default;
     ~BaseMethodInfo() override;
-    JITREADER_POOLED_OBJECT
+    JITREADER_POOLED_OBJECT(BaseMethodInfo)
     BaseMethodInfo(const BaseMethodInfo&) = delete;
     BaseMethodInfo& operator=(const BaseMethodInfo&) = delete;
 
 private:
-    void retireNames();
+    /// Publishes `names` (null: made on first use); the ones before stay readable.
+    void replaceNames(std::unique_ptr<Names> names);
+    /// Short and full name of `given` in the class `m_givenClass`.
+    std::unique_ptr<Names> makeNames(const std::wstring& given) const;
 
-    /// The name is kept as given: records give it in UTF-8, often as a Java descriptor, which
-    /// takes a fifth of the space of the printed wide text and the time to print it.
-    std::string m_givenText;
-    bool m_givenJava = false;
-    std::wstring m_givenName; ///< when given as wide text; then m_givenText is empty
+    /// A name in UTF-8 as a record gives it, often as a Java descriptor: a fifth of the space of
+    /// the printed wide text, which most methods never need. A wide name is printed at once.
+    class GivenText {
+    public:
+        GivenText() = default;
+        ~GivenText() { clear(); }
+        GivenText(const GivenText&) = delete;
+        GivenText& operator=(const GivenText&) = delete;
+        void assign(const std::string& text, bool java);
+        void clear();
+        bool empty() const { return !m_block; }
+        bool java() const { return m_java; }
+        std::string text() const;
+
+    private:
+        unsigned char* m_block = nullptr; // from the pool: the length as 4 bytes, then the text
+        bool m_java = false;
+    };
+    GivenText m_givenText;
     SharedText m_givenClass;
     mutable std::atomic<Names*> m_names{nullptr};
     std::unique_ptr<const Names> m_replacedNames;
@@ -91,7 +108,7 @@ public:
 
     JitMethod();
     ~JitMethod() override;
-    JITREADER_POOLED_OBJECT
+    JITREADER_POOLED_OBJECT(JitMethod)
     JitMethod(const JitMethod&) = delete;
     JitMethod& operator=(const JitMethod&) = delete;
 
@@ -106,7 +123,8 @@ public:
     velmark_error_t getVirtualAddress(unsigned long long jitRva, unsigned long long* address) const override;
     velmark_error_t getProcessId(unsigned long long jitRva, unsigned int* processId) const override;
     unsigned long long getLoadTime() const override { return m_loadTime; }
-    unsigned long long getUnloadTime() const override { return m_unloadTime; }
+    /// Methods have no unload time of their own; their regions have.
+    unsigned long long getUnloadTime() const override { return 0; }
     velmark_error_t getLineNumberInfo(unsigned int kind, LineNumberEntry* rows, unsigned int* count,
                                       unsigned long long jitRva) override;
     velmark_error_t getLineNumberRange(LineNumberEntry* first, LineNumberEntry* last,
@@ -216,20 +234,20 @@ private:
     /// Finds the entry for `jitRva` (0: the first) and copies its tables over the first entry's.
     LineNumberInfo* selectLineNumberEntry(unsigned long long jitRva);
 
+    // Ordered so that the store's millions of methods waste no padding.
+    unsigned int m_rawMethodId = 0; // in the base's padding
     boost::intrusive_ptr<BaseMethodInfo> m_info;
-    unsigned long long m_startJitRva;
-    unsigned int m_rawMethodId;
-    unsigned int m_rawParentId;
-    unsigned long long m_loadTime;
-    unsigned long long m_unloadTime; // never set: methods have no unload time of their own
-    RegionList m_regions;
-    bool m_isInlined;
-    LineNumberMap m_lineNumberInfo;
-    unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
+    unsigned long long m_startJitRva = 0;
+    unsigned long long m_loadTime = 0;
+    unsigned int m_rawParentId = 0;
+    bool m_isInlined = false;
     bool m_inlinesToPlace = false;
     bool m_filedAsParent = false;
-    JitMethod* m_inlinedInto = nullptr; // owned through the store's maps, as this method is
     std::atomic<bool> m_enriched{false};
+    RegionList m_regions;
+    LineNumberMap m_lineNumberInfo;
+    unsigned long long m_lineNumberBase = 0; // what finalisation added to the line table keys
+    JitMethod* m_inlinedInto = nullptr; // owned through the store's maps, as this method is
 };
 
 /// The maker of method ids that the decoder offers; it keeps no state between calls.

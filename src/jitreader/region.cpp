@@ -24,11 +24,11 @@ Region::Region(unsigned int processId, unsigned int hostId, unsigned long long l
                unsigned long long startAddress, unsigned int length, const boost::shared_ptr<IByteBuffer>& content)
     : m_hostId(hostId),
       m_processId(processId),
+      m_length(length),
       m_startJitRva(startJitRva),
       m_loadTime(loadTime),
       m_unloadTime(0),
       m_startAddress(startAddress),
-      m_length(length),
       m_content(content)
 {
 }
@@ -37,11 +37,11 @@ Region::Region(const Region& other)
     : ICodeRegion(other),
       m_hostId(other.m_hostId),
       m_processId(other.m_processId),
+      m_length(other.m_length),
       m_startJitRva(other.m_startJitRva),
       m_loadTime(other.m_loadTime),
       m_unloadTime(other.m_unloadTime),
-      m_startAddress(other.m_startAddress),
-      m_length(other.m_length)
+      m_startAddress(other.m_startAddress)
 {
     if (!other.markupRanges().empty())
         extras().markupRanges = other.markupRanges();

@@ -46,7 +46,7 @@ public:
     Region(const Region& other);
     Region& operator=(const Region&) = delete;
     ~Region() override;
-    JITREADER_POOLED_OBJECT
+    JITREADER_POOLED_OBJECT(Region)
 
     // ICodeRegion
     unsigned long long startJitRva() const override { return m_startJitRva; }
@@ -101,13 +101,14 @@ private:
     /// The number of inlines both vectors have.
     std::size_t inlineCount() const;
 
-    unsigned int m_hostId;
+    // Ordered so that the store's millions of regions waste no padding.
+    unsigned int m_hostId; // in the base's padding
     unsigned int m_processId;
+    unsigned int m_length;
     unsigned long long m_startJitRva;
     unsigned long long m_loadTime;
     unsigned long long m_unloadTime;
     unsigned long long m_startAddress;
-    unsigned int m_length;
     boost::shared_ptr<IByteBuffer> m_content;
 
     /// What few regions have; made when first needed, as it would double every region's size.

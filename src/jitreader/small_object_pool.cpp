@@ -13,7 +13,8 @@ namespace {
 constexpr std::size_t kHugePage = 2 * 1024 * 1024;
 constexpr std::size_t kSlabSize = 64 * 1024;
 constexpr unsigned int kSlabsPerPage = kHugePage / kSlabSize;
-constexpr std::size_t kGranule = 16;
+// The objects pooled hold pointers and integers at most: their sizes are multiples of 8.
+constexpr std::size_t kGranule = 8;
 constexpr std::size_t kClasses = SmallObjectPool::kLargest / kGranule + 1;
 
 struct FreeSlot {

@@ -16,7 +16,10 @@ public:
     /// Larger sizes go to the heap.
     static constexpr std::size_t kLargest = 512;
 
-    /// `size` bytes, 16-byte aligned; throws std::bad_alloc when no memory is left. Safe for
+    /// Alignment of what allocate returns.
+    static constexpr std::size_t kAlignment = 8;
+
+    /// `size` bytes, kAlignment-aligned; throws std::bad_alloc when no memory is left. Safe for
     /// concurrent use, as is deallocate.
     static void* allocate(std::size_t size);
     /// Gives back what allocate(size) returned.
@@ -41,10 +44,14 @@ inline void* poolAllocate(std::size_t size) { return SmallObjectPool::allocate(s
 inline void poolDeallocate(void* memory, std::size_t size) noexcept { SmallObjectPool::deallocate(memory, size); }
 #endif
 
-/// Class-scope operator new and delete that take a class's objects from the pool. The size
-/// delete receives is that of the object's own class, as the destructors are virtual.
-#define JITREADER_POOLED_OBJECT                                                                                        \
-    static void* operator new(std::size_t size) { return ::velmark_3_11::poolAllocate(size); }                         \
+/// Class-scope operator new and delete that take the objects of class `Class` from the pool. The
+/// size delete receives is that of the object's own class, as the destructors are virtual.
+#define JITREADER_POOLED_OBJECT(Class)                                                                                 \
+    static void* operator new(std::size_t size)                                                                        \
+    {                                                                                                                  \
+        static_assert(alignof(Class) <= ::velmark_3_11::SmallObjectPool::kAlignment, "the pool aligns less");          \
+        return ::velmark_3_11::poolAllocate(size);                                                                     \
+    }                                                                                                                  \
     static void operator delete(void* memory, std::size_t size) noexcept                                               \
     {                                                                                                                  \
         ::velmark_3_11::poolDeallocate(memory, size);                                                                  \
@@ -64,7 +71,7 @@ public:
 
     T* allocate(std::size_t count)
     {
-        static_assert(alignof(T) <= 16, "the pool aligns to 16 bytes");
+        static_assert(alignof(T) <= SmallObjectPool::kAlignment, "the pool aligns less");
         if (count > std::numeric_limits<std::size_t>::max() / sizeof(T))
             throw std::bad_array_new_length();
         return static_cast<T*>(poolAllocate(count * sizeof(T)));
