@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iterator>
 
-#include <boost/make_shared.hpp>
 #include <boost/thread/locks.hpp>
 
 #include "basekit2/assertion.h"
@@ -23,7 +22,7 @@ constexpr unsigned long long kPreJittedLoadTime = 1;
 constexpr std::size_t kMaxInlineDepth = 1 << 20;
 
 typedef JitDataManager::JitMethodContainer Container;
-typedef boost::shared_ptr<Container> ContainerPtr;
+typedef JitDataManager::ContainerPtr ContainerPtr;
 
 } // namespace
 
@@ -143,7 +142,7 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
             return meBadTrace;
         }
 
-        ContainerPtr container = boost::allocate_shared<Container>(PoolAllocator<Container>());
+        ContainerPtr container(new Container);
         if (!container->timeDomain.insert(std::make_pair(region->loadTime(), region)).second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()

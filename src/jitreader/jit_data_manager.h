@@ -33,15 +33,41 @@ public:
     /// code, so the sorted maps keep their first entry in place, with no allocation of its own.
     class JitMethodContainer {
     public:
-        boost::container::small_flat_map<unsigned long long, boost::intrusive_ptr<Region>, 1>
-            timeDomain; ///< by load time
-        boost::container::small_flat_map<unsigned long long, boost::intrusive_ptr<JitMethod>, 1>
-            regionIdDomain; ///< by start jit rva
+        template <class T>
+        using ByKey = boost::container::small_flat_map<unsigned long long, T, 1, std::less<unsigned long long>,
+                                                       PoolAllocator<std::pair<unsigned long long, T>>>;
+
+        JitMethodContainer() = default;
+        /// The same entries; a new container, with no references.
+        JitMethodContainer(const JitMethodContainer& other)
+            : timeDomain(other.timeDomain), regionIdDomain(other.regionIdDomain)
+        {
+        }
+        JitMethodContainer& operator=(const JitMethodContainer&) = delete;
+        JITREADER_POOLED_OBJECT(JitMethodContainer)
+
+        ByKey<boost::intrusive_ptr<Region>> timeDomain;        ///< by load time
+        ByKey<boost::intrusive_ptr<JitMethod>> regionIdDomain; ///< by start jit rva
+
+        // Counted in the container, which the keys that a split cuts from one share: a shared
+        // pointer would take a block of its own and twice the room in every key.
+        friend void intrusive_ptr_add_ref(const JitMethodContainer* container)
+        {
+            container->m_references.fetch_add(1, std::memory_order_relaxed);
+        }
+        friend void intrusive_ptr_release(const JitMethodContainer* container)
+        {
+            if (container->m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
+                delete container;
+        }
+
+    private:
+        mutable std::atomic<unsigned int> m_references{0};
     };
+    typedef boost::intrusive_ptr<JitMethodContainer> ContainerPtr;
 
     /// The ip space of one process on one host, cut into disjoint ranges.
-    typedef std::map<Range, boost::shared_ptr<JitMethodContainer>, Range::Comparator,
-                     PoolAllocator<std::pair<const Range, boost::shared_ptr<JitMethodContainer>>>>
+    typedef std::map<Range, ContainerPtr, Range::Comparator, PoolAllocator<std::pair<const Range, ContainerPtr>>>
         RegionDomain;
     typedef std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>> RegionAndMethod;
     typedef std::map<Range, RegionAndMethod, Range::Comparator, PoolAllocator<std::pair<const Range, RegionAndMethod>>>

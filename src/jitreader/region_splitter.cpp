@@ -2,7 +2,6 @@
 
 #include <iterator>
 
-#include <boost/make_shared.hpp>
 
 #include "platform/log.h"
 
@@ -13,7 +12,7 @@ namespace {
 constexpr auto kLogNumbers = logging::numbers_t::hex;
 
 typedef JitDataManager::JitMethodContainer Container;
-typedef boost::shared_ptr<Container> ContainerPtr;
+typedef JitDataManager::ContainerPtr ContainerPtr;
 
 /// The interval [a, b) as a key.
 Range piece(unsigned long long a, unsigned long long b)
@@ -86,8 +85,8 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
             const action_t& action = actions[i];
             ContainerPtr container;
             switch (action.kind) {
-            case kind_t::copy: container = boost::allocate_shared<Container>(PoolAllocator<Container>(), *it->second); break;
-            case kind_t::fresh: container = boost::allocate_shared<Container>(PoolAllocator<Container>()); break;
+            case kind_t::copy: container = new Container(*it->second); break;
+            case kind_t::fresh: container = new Container; break;
             case kind_t::old: container = it->second; break;
             }
             if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, container) != meSuccess)
@@ -109,7 +108,7 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
 
 velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
                                                            const boost::intrusive_ptr<Region>& region,
-                                                           boost::shared_ptr<JitMethodContainer>& container)
+                                                           ContainerPtr& container)
 {
     VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::modifyRegionAssosiatedData(const "
                    "boost::intrusive_ptr<velmark_3_11::JitMethod> &, const boost::intrusive_ptr<velmark_3_11::Region> "
@@ -151,7 +150,7 @@ velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusiv
 }
 
 velmark_error_t RegionSplitter::addSplittedRegion(const Range& range,
-                                                  const boost::shared_ptr<JitMethodContainer>& container,
+                                                  const ContainerPtr& container,
                                                   RegionDomain& splittedRegions)
 {
     if (!splittedRegions.insert(std::make_pair(range, container)).second) {

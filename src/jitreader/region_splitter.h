@@ -20,9 +20,9 @@ public:
 private:
     static velmark_error_t modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
                                                       const boost::intrusive_ptr<Region>& region,
-                                                      boost::shared_ptr<JitMethodContainer>& container);
+                                                      JitDataManager::ContainerPtr& container);
     static velmark_error_t addSplittedRegion(const Range& range,
-                                             const boost::shared_ptr<JitMethodContainer>& container,
+                                             const JitDataManager::ContainerPtr& container,
                                              RegionDomain& splittedRegions);
 };
 
