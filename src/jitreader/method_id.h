@@ -29,9 +29,13 @@ public:
     bool operator==(const MethodId& other) const { return m_high == other.m_high && m_low == other.m_low; }
     bool operator!=(const MethodId& other) const { return !(*this == other); }
 
-    /// For hash maps: the digest's bits are spread already.
+    /// For hash maps: the digest's bits are spread already. As it cannot throw, the standard
+    /// hash maps keep no copy of it in their nodes.
     struct Hash {
-        std::size_t operator()(const MethodId& id) const { return static_cast<std::size_t>(id.m_high ^ id.m_low); }
+        std::size_t operator()(const MethodId& id) const noexcept
+        {
+            return static_cast<std::size_t>(id.m_high ^ id.m_low);
+        }
     };
 
 private:
