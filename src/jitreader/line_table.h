@@ -67,6 +67,9 @@ private:
     std::size_t byteSize() const;
 
     std::unique_ptr<unsigned char[]> m_data;
+
+    /// Tests weigh the block.
+    friend class LineTableProbe;
 };
 
 } // namespace velmark_3_11
