@@ -18,6 +18,8 @@ namespace {
 //   00000g11           any other row: the start's distance from the previous end (only when g
 //                      is set), the length and the step, each zigzag-folded so that small steps
 //                      back stay small, in 7-bit groups
+//   00001011           a row whose differences would take more than twelve bytes so: its start,
+//                      end and value as three little-endian words
 //
 // All differences wrap modulo 2^32 both ways, so any row, however odd, comes back exactly.
 constexpr std::uint32_t kShortLengths = 512;
@@ -26,11 +28,13 @@ constexpr std::uint32_t kStepBias = 32; // short steps run from -32 to 31
 constexpr std::uint32_t kTinyLengths = 64;
 constexpr unsigned char kGeneral = 3;
 constexpr unsigned char kGap = 4;
+constexpr unsigned char kWords = 8;
+constexpr std::size_t kWordsSize = 3 * sizeof(std::uint32_t);
 
 // maxEnd() as a word at the front, so that it is there without decoding, then the row count and
 // the bytes of the rows in 7-bit groups.
 constexpr std::size_t kMaxHeaderSize = sizeof(std::uint32_t) + 5 + 10;
-constexpr std::size_t kMaxRowSize = 1 + 3 * 5; // the first byte, three fields of five groups
+constexpr std::size_t kMaxRowSize = 1 + kWordsSize;
 constexpr std::size_t kKeptScratch = 64 * 1024;
 
 std::uint32_t fold(std::uint32_t difference)
@@ -54,6 +58,18 @@ unsigned char* putGroups(unsigned char* out, T value)
     return out;
 }
 
+std::size_t groupCount(std::uint32_t value)
+{
+    return 1 + (value >= 1u << 7) + (value >= 1u << 14) + (value >= 1u << 21) + (value >= 1u << 28);
+}
+
+unsigned char* putLittleEndianWord(unsigned char* out, std::uint32_t word)
+{
+    for (int shift = 0; shift < 32; shift += 8)
+        *out++ = static_cast<unsigned char>(word >> shift);
+    return out;
+}
+
 // The block was written by this class, so its groups end inside it.
 template <class T>
 T takeGroups(const unsigned char*& at)
@@ -67,23 +83,56 @@ T takeGroups(const unsigned char*& at)
     }
 }
 
-// A row in the general form, read after its first byte.
+// takeGroups() for a 32-bit field, unrolled: at most five groups.
+std::uint32_t takeWordGroups(const unsigned char*& at)
+{
+    std::uint32_t byte = *at++;
+    std::uint32_t value = byte & 0x7f;
+    if (byte < 0x80)
+        return value;
+    byte = *at++;
+    value |= (byte & 0x7f) << 7;
+    if (byte < 0x80)
+        return value;
+    byte = *at++;
+    value |= (byte & 0x7f) << 14;
+    if (byte < 0x80)
+        return value;
+    byte = *at++;
+    value |= (byte & 0x7f) << 21;
+    if (byte < 0x80)
+        return value;
+    return value | static_cast<std::uint32_t>(*at++) << 28;
+}
+
+std::uint32_t littleEndianWord(const unsigned char* at)
+{
+    return static_cast<std::uint32_t>(at[0]) | static_cast<std::uint32_t>(at[1]) << 8 |
+           static_cast<std::uint32_t>(at[2]) << 16 | static_cast<std::uint32_t>(at[3]) << 24;
+}
+
+// A row in a general form, read after its first byte.
 struct GeneralRow {
     const unsigned char* next;
-    std::uint32_t gap;
-    std::uint32_t length;
-    std::uint32_t step;
+    LineNumberEntry row;
 };
 
 // Out of line and returning its results, so that the walk's state stays in registers.
-__attribute__((noinline)) GeneralRow decodeGeneral(std::uint32_t first, const unsigned char* at)
+__attribute__((noinline)) GeneralRow decodeGeneral(std::uint32_t first, const unsigned char* at, std::uint32_t end,
+                                                   std::uint32_t value)
 {
-    GeneralRow row;
-    row.gap = (first & kGap) != 0 ? unfold(takeGroups<std::uint32_t>(at)) : 0;
-    row.length = unfold(takeGroups<std::uint32_t>(at));
-    row.step = unfold(takeGroups<std::uint32_t>(at));
-    row.next = at;
-    return row;
+    GeneralRow general;
+    LineNumberEntry& row = general.row;
+    if ((first & kWords) != 0) {
+        row = {littleEndianWord(at), littleEndianWord(at + 4), littleEndianWord(at + 8)};
+        general.next = at + kWordsSize;
+        return general;
+    }
+    row.start = end + ((first & kGap) != 0 ? unfold(takeWordGroups(at)) : 0);
+    row.end = row.start + unfold(takeWordGroups(at));
+    row.value = value + unfold(takeWordGroups(at));
+    general.next = at;
+    return general;
 }
 
 // The row at `at`, which follows `previous`; moves `at` past it. `row` may be `previous`.
@@ -104,11 +153,9 @@ inline void decodeRow(const unsigned char*& at, const LineNumberEntry& previous,
         row.end = end + (first >> 2);
         row.value = value + 1;
     } else {
-        const GeneralRow general = decodeGeneral(first, at + 1);
+        const GeneralRow general = decodeGeneral(first, at + 1, end, value);
         at = general.next;
-        row.start = end + general.gap;
-        row.end = row.start + general.length;
-        row.value = value + general.step;
+        row = general.row;
     }
 }
 
@@ -148,11 +195,22 @@ void LineTable::encode(std::size_t count, Row rowAt)
             out[1] = static_cast<unsigned char>(word >> 8);
             out += 2;
         } else {
-            *out++ = gap != 0 ? kGeneral | kGap : kGeneral;
-            if (gap != 0)
-                out = putGroups(out, fold(gap));
-            out = putGroups(out, fold(length));
-            out = putGroups(out, fold(step));
+            const std::uint32_t foldedGap = fold(gap);
+            const std::uint32_t foldedLength = fold(length);
+            const std::uint32_t foldedStep = fold(step);
+            if ((gap != 0 ? groupCount(foldedGap) : 0) + groupCount(foldedLength) + groupCount(foldedStep) >
+                kWordsSize) {
+                *out++ = kGeneral | kWords;
+                out = putLittleEndianWord(out, row.start);
+                out = putLittleEndianWord(out, row.end);
+                out = putLittleEndianWord(out, row.value);
+            } else {
+                *out++ = gap != 0 ? kGeneral | kGap : kGeneral;
+                if (gap != 0)
+                    out = putGroups(out, foldedGap);
+                out = putGroups(out, foldedLength);
+                out = putGroups(out, foldedStep);
+            }
         }
         maxEnd = std::max(maxEnd, row.end);
         previousEnd = row.end;
@@ -180,14 +238,16 @@ LineTable::LineTable(const LineNumberEntry* rows, std::size_t count)
 
 LineTable LineTable::fromFileRows(const unsigned char* bytes, std::size_t count)
 {
-    ByteCursor cursor(bytes, count * 3 * sizeof(std::uint32_t));
+    constexpr std::size_t kRowSize = 3 * sizeof(std::uint32_t);
+    ByteCursor cursor(bytes, count * kRowSize);
     LineTable table;
+    // A row at a time from the cursor, one bound check for its three words; a row past the end
+    // would read as zeros, as the cursor's own reads do.
     table.encode(count, [&cursor](std::size_t) {
-        LineNumberEntry row;
-        row.start = cursor.read<std::uint32_t>();
-        row.end = cursor.read<std::uint32_t>();
-        row.value = cursor.read<std::uint32_t>();
-        return row;
+        const unsigned char* at = cursor.take(kRowSize);
+        if (at == nullptr)
+            return LineNumberEntry{0, 0, 0};
+        return LineNumberEntry{littleEndianWord(at), littleEndianWord(at + 4), littleEndianWord(at + 8)};
     });
     return table;
 }

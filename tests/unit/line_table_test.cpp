@@ -60,6 +60,11 @@ TEST(LineTable, EveryRowComesBackExactly)
         {{{4096, 4100, 1}}, 6 + 5},
         {{{UINT_MAX, 0, UINT_MAX}, {0, UINT_MAX, 0}, {0x80000000u, 0x7fffffffu, 0x80000000u}}, 6 + 4 + 3 + 12},
         {{{100, 50, 7}, {10, 20, 3000000000u}, {10, 20, 1}, {5, 5, 5}}, 6 + 5 + 8 + 8 + 4},
+        // Differences wider than the row's three words: the words themselves, and the row after
+        // them follows on from those.
+        {{{0x40000000u, 0x10000000u, 10000}, {0x10000000u, 0x10000010u, 10001}}, 6 + 13 + 1},
+        {{{0x40000000u, 0x10000000u, 100}}, 6 + 13},
+        {{{0x40000000u, 0x10000000u, 10}}, 6 + 12},
     };
     for (const auto& c : cases) {
         const std::vector<LineNumberEntry>& rows = c.rows;
