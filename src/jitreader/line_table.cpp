@@ -34,7 +34,7 @@ constexpr std::size_t kWordsSize = 3 * sizeof(std::uint32_t);
 // maxEnd() as a word at the front, so that it is there without decoding, then the row count and
 // the bytes of the rows in 7-bit groups.
 constexpr std::size_t kMaxHeaderSize = sizeof(std::uint32_t) + 5 + 10;
-constexpr std::size_t kMaxRowSize = 1 + kWordsSize;
+constexpr std::size_t kMaxRowSize = 1 + kWordsSize; // groups only where they take no more
 constexpr std::size_t kKeptScratch = 64 * 1024;
 
 std::uint32_t fold(std::uint32_t difference)
@@ -83,7 +83,7 @@ T takeGroups(const unsigned char*& at)
     }
 }
 
-// takeGroups() for a 32-bit field, unrolled: at most five groups.
+// takeGroups() for a field of a row, unrolled: at most five groups.
 std::uint32_t takeWordGroups(const unsigned char*& at)
 {
     std::uint32_t byte = *at++;
@@ -159,13 +159,6 @@ inline void decodeRow(const unsigned char*& at, const LineNumberEntry& previous,
     }
 }
 
-std::uint32_t readWord(const unsigned char* at)
-{
-    std::uint32_t word;
-    std::memcpy(&word, at, sizeof word);
-    return word;
-}
-
 } // namespace
 
 template <class Row>
@@ -219,8 +212,8 @@ void LineTable::encode(std::size_t count, Row rowAt)
 
     const std::size_t rowBytes = static_cast<std::size_t>(out - body);
     unsigned char header[kMaxHeaderSize];
-    std::memcpy(header, &maxEnd, sizeof maxEnd);
-    unsigned char* headerEnd = putGroups(header + sizeof maxEnd, static_cast<std::uint32_t>(count));
+    unsigned char* headerEnd = putLittleEndianWord(header, maxEnd);
+    headerEnd = putGroups(headerEnd, static_cast<std::uint32_t>(count));
     headerEnd = putGroups(headerEnd, static_cast<std::uint64_t>(rowBytes));
     const std::size_t headerSize = static_cast<std::size_t>(headerEnd - header);
     m_data.reset(new unsigned char[headerSize + rowBytes]);
@@ -291,7 +284,7 @@ unsigned int LineTable::size() const
 
 unsigned int LineTable::maxEnd() const
 {
-    return m_data ? readWord(m_data.get()) : 0;
+    return m_data ? littleEndianWord(m_data.get()) : 0;
 }
 
 void LineTable::copyTo(LineNumberEntry* out) const
