@@ -83,28 +83,6 @@ T takeGroups(const unsigned char*& at)
     }
 }
 
-// takeGroups() for a field of a row, unrolled: at most five groups.
-std::uint32_t takeWordGroups(const unsigned char*& at)
-{
-    std::uint32_t byte = *at++;
-    std::uint32_t value = byte & 0x7f;
-    if (byte < 0x80)
-        return value;
-    byte = *at++;
-    value |= (byte & 0x7f) << 7;
-    if (byte < 0x80)
-        return value;
-    byte = *at++;
-    value |= (byte & 0x7f) << 14;
-    if (byte < 0x80)
-        return value;
-    byte = *at++;
-    value |= (byte & 0x7f) << 21;
-    if (byte < 0x80)
-        return value;
-    return value | static_cast<std::uint32_t>(*at++) << 28;
-}
-
 std::uint32_t littleEndianWord(const unsigned char* at)
 {
     return static_cast<std::uint32_t>(at[0]) | static_cast<std::uint32_t>(at[1]) << 8 |
@@ -128,9 +106,9 @@ __attribute__((noinline)) GeneralRow decodeGeneral(std::uint32_t first, const un
         general.next = at + kWordsSize;
         return general;
     }
-    row.start = end + ((first & kGap) != 0 ? unfold(takeWordGroups(at)) : 0);
-    row.end = row.start + unfold(takeWordGroups(at));
-    row.value = value + unfold(takeWordGroups(at));
+    row.start = end + ((first & kGap) != 0 ? unfold(takeGroups<std::uint32_t>(at)) : 0);
+    row.end = row.start + unfold(takeGroups<std::uint32_t>(at));
+    row.value = value + unfold(takeGroups<std::uint32_t>(at));
     general.next = at;
     return general;
 }
