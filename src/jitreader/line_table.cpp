@@ -89,6 +89,23 @@ std::uint32_t littleEndianWord(const unsigned char* at)
            static_cast<std::uint32_t>(at[2]) << 16 | static_cast<std::uint32_t>(at[3]) << 24;
 }
 
+// What the header of a block says, and where its rows begin.
+struct Header {
+    std::uint32_t count;
+    std::uint64_t rowBytes;
+    const unsigned char* rows;
+};
+
+Header readHeader(const unsigned char* block)
+{
+    Header header;
+    const unsigned char* at = block + sizeof(std::uint32_t);
+    header.count = takeGroups<std::uint32_t>(at);
+    header.rowBytes = takeGroups<std::uint64_t>(at);
+    header.rows = at;
+    return header;
+}
+
 // A row in a general form, read after its first byte.
 struct GeneralRow {
     const unsigned char* next;
@@ -246,18 +263,13 @@ std::size_t LineTable::byteSize() const
 {
     if (!m_data)
         return 0;
-    const unsigned char* at = m_data.get() + sizeof(std::uint32_t);
-    takeGroups<std::uint32_t>(at);
-    const std::uint64_t rowBytes = takeGroups<std::uint64_t>(at);
-    return static_cast<std::size_t>(at - m_data.get()) + static_cast<std::size_t>(rowBytes);
+    const Header header = readHeader(m_data.get());
+    return static_cast<std::size_t>(header.rows - m_data.get()) + static_cast<std::size_t>(header.rowBytes);
 }
 
 unsigned int LineTable::size() const
 {
-    if (!m_data)
-        return 0;
-    const unsigned char* at = m_data.get() + sizeof(std::uint32_t);
-    return takeGroups<std::uint32_t>(at);
+    return m_data ? readHeader(m_data.get()).count : 0;
 }
 
 unsigned int LineTable::maxEnd() const
@@ -271,11 +283,10 @@ void LineTable::copyTo(LineNumberEntry* out) const
         return;
     // The decoder's walk with its state in locals: the rows written to `out` could otherwise
     // alias it and keep it in memory.
-    const unsigned char* at = m_data.get() + sizeof(std::uint32_t);
-    const std::uint32_t count = takeGroups<std::uint32_t>(at);
-    takeGroups<std::uint64_t>(at);
+    const Header header = readHeader(m_data.get());
+    const unsigned char* at = header.rows;
     LineNumberEntry row{0, 0, 0};
-    for (std::uint32_t i = 0; i < count; ++i) {
+    for (std::uint32_t i = 0; i < header.count; ++i) {
         decodeRow(at, row, row);
         out[i] = row;
     }
@@ -292,9 +303,9 @@ LineTable::Decoder::Decoder(const LineTable& table) : m_at(nullptr), m_left(0), 
 {
     if (!table.m_data)
         return;
-    m_at = table.m_data.get() + sizeof(std::uint32_t);
-    m_left = takeGroups<std::uint32_t>(m_at);
-    takeGroups<std::uint64_t>(m_at);
+    const Header header = readHeader(table.m_data.get());
+    m_at = header.rows;
+    m_left = header.count;
 }
 
 bool LineTable::Decoder::next(LineNumberEntry& row)
