@@ -1,5 +1,5 @@
-// One line table of a code range, kept delta-coded: a row costs about three bytes instead of
-// twelve, and the store holds millions of them.
+// One line table of a code range, kept delta-coded: a usual row costs one or two bytes instead
+// of twelve, and the store holds millions of them.
 #pragma once
 
 #include <cstddef>
@@ -62,10 +62,14 @@ private:
         LineNumberEntry m_previous;
     };
 
-    /// Bytes of the block: its size, the row count and maxEnd() as 32-bit words, then the rows.
+    /// Bytes of the block: maxEnd() as a 32-bit word, the row count and the bytes of the rows in
+    /// 7-bit groups, then the rows.
     std::size_t byteSize() const;
 
     std::unique_ptr<unsigned char[]> m_data;
+
+    /// Tests weigh the block.
+    friend class LineTableProbe;
 };
 
 } // namespace velmark_3_11
