@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "jitreader/small_object_pool.h"
 #include "platform/byte_cursor.h"
 
 namespace velmark_3_11 {
@@ -211,7 +212,7 @@ void LineTable::encode(std::size_t count, Row rowAt)
     headerEnd = putGroups(headerEnd, static_cast<std::uint32_t>(count));
     headerEnd = putGroups(headerEnd, static_cast<std::uint64_t>(rowBytes));
     const std::size_t headerSize = static_cast<std::size_t>(headerEnd - header);
-    m_data.reset(new unsigned char[headerSize + rowBytes]);
+    m_data = newBlock(headerSize + rowBytes);
     std::memcpy(m_data.get(), header, headerSize);
     std::memcpy(m_data.get() + headerSize, body, rowBytes);
     // One huge table must not leave its scratch space to the thread for good.
@@ -254,17 +255,30 @@ LineTable& LineTable::operator=(const LineTable& other)
         return *this;
     }
     const std::size_t size = other.byteSize();
-    m_data.reset(new unsigned char[size]);
+    m_data = newBlock(size);
     std::memcpy(m_data.get(), other.m_data.get(), size);
     return *this;
 }
 
 std::size_t LineTable::byteSize() const
 {
-    if (!m_data)
-        return 0;
-    const Header header = readHeader(m_data.get());
-    return static_cast<std::size_t>(header.rows - m_data.get()) + static_cast<std::size_t>(header.rowBytes);
+    return m_data ? byteSize(m_data.get()) : 0;
+}
+
+std::size_t LineTable::byteSize(const unsigned char* block)
+{
+    const Header header = readHeader(block);
+    return static_cast<std::size_t>(header.rows - block) + static_cast<std::size_t>(header.rowBytes);
+}
+
+LineTable::Block LineTable::newBlock(std::size_t size)
+{
+    return Block(static_cast<unsigned char*>(poolAllocate(size)));
+}
+
+void LineTable::GiveBack::operator()(unsigned char* block) const noexcept
+{
+    poolDeallocate(block, byteSize(block));
 }
 
 unsigned int LineTable::size() const

@@ -65,8 +65,16 @@ private:
     /// Bytes of the block: maxEnd() as a 32-bit word, the row count and the bytes of the rows in
     /// 7-bit groups, then the rows.
     std::size_t byteSize() const;
+    static std::size_t byteSize(const unsigned char* block);
 
-    std::unique_ptr<unsigned char[]> m_data;
+    /// Blocks come from the small object pool, which takes them back by their size.
+    struct GiveBack {
+        void operator()(unsigned char* block) const noexcept;
+    };
+    typedef std::unique_ptr<unsigned char[], GiveBack> Block;
+    static Block newBlock(std::size_t size);
+
+    Block m_data;
 
     /// Tests weigh the block.
     friend class LineTableProbe;
