@@ -49,8 +49,8 @@ public:
         ByKey<boost::intrusive_ptr<Region>> timeDomain;        ///< by load time
         ByKey<boost::intrusive_ptr<JitMethod>> regionIdDomain; ///< by start jit rva
 
-        // Counted in the container, which the keys that a split cuts from one share: a shared
-        // pointer would take a block of its own and twice the room in every key.
+        // Counted in the container itself: a shared pointer would take a block of its own and
+        // twice the room in every key.
         friend void intrusive_ptr_add_ref(const JitMethodContainer* container)
         {
             container->m_references.fetch_add(1, std::memory_order_relaxed);
