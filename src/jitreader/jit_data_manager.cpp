@@ -91,8 +91,10 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
     invalidateLookupIndex();
     BASEKIT2_ASSERT_TEXT(rawMethod->regionCount(), "rawMethod->regionCount()");
 
-    const auto inserted = m_methods.insert(std::make_pair(rawMethod->getMethodId(), rawMethod));
-    const boost::intrusive_ptr<JitMethod> method = inserted.first->second;
+    // Pointers are copied in place rather than through temporary pairs: each copy of a counted
+    // pointer is an atomic operation, and a load makes millions of them.
+    const auto inserted = m_methods.emplace(rawMethod->getMethodId(), rawMethod);
+    const boost::intrusive_ptr<JitMethod>& method = inserted.first->second;
     const bool alreadyCached = method != rawMethod;
 
     if (!alreadyCached) {
@@ -134,7 +136,9 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         const Range ipRange(region->startAddress(), region->length());
         const Range jitRange(region->startJitRva(), region->length());
 
-        if (!m_jitRvaDomain.insert(std::make_pair(jitRange, std::make_pair(region, method))).second) {
+        if (!m_jitRvaDomain.emplace(std::piecewise_construct, std::forward_as_tuple(jitRange),
+                                    std::forward_as_tuple(region, method))
+                 .second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()
                                                         << L", jitRva=" << region->startJitRva()
@@ -143,14 +147,14 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         }
 
         ContainerPtr container(new Container);
-        if (!container->timeDomain.insert(std::make_pair(region->loadTime(), region)).second) {
+        if (!container->timeDomain.emplace(region->loadTime(), region).second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()
                                                         << L", jitRva=" << region->startJitRva()
                                                         << L") because load time values are overlapped.");
             return meBadTrace;
         }
-        if (!container->regionIdDomain.insert(std::make_pair(region->startJitRva(), method)).second) {
+        if (!container->regionIdDomain.emplace(region->startJitRva(), method).second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()
                                                         << L", jitRva=" << region->startJitRva()
@@ -159,7 +163,7 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         }
 
         RegionDomain& domain = getOrCreateRegionDomain(processId, hostId);
-        if (domain.insert(std::make_pair(ipRange, container)).second)
+        if (domain.emplace(ipRange, std::move(container)).second)
             continue;
 
         // The new code lands on addresses that older code holds: cut the old keys.
