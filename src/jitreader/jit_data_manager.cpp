@@ -147,14 +147,14 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         }
 
         ContainerPtr container(new Container);
-        if (!container->timeDomain.emplace(region->loadTime(), region).second) {
+        if (!container->timeDomain.emplace(region->loadTime(), region.get()).second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()
                                                         << L", jitRva=" << region->startJitRva()
                                                         << L") because load time values are overlapped.");
             return meBadTrace;
         }
-        if (!container->regionIdDomain.emplace(region->startJitRva(), method).second) {
+        if (!container->regionIdDomain.emplace(region->startJitRva(), method.get()).second) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()
                                                         << L", jitRva=" << region->startJitRva()
@@ -647,7 +647,7 @@ velmark_error_t JitDataManager::findSample(unsigned long long address, unsigned 
         VM_TRACE(L"Couldn't find a method by code's jitrva = " << found.startJitRva());
         return meFail;
     }
-    hit = {owner->second.get(), found.startJitRva() - found.startAddress(), &found};
+    hit = {owner->second, found.startJitRva() - found.startAddress(), &found};
     return meSuccess;
 }
 

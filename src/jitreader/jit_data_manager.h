@@ -46,8 +46,11 @@ public:
         JitMethodContainer& operator=(const JitMethodContainer&) = delete;
         JITREADER_POOLED_OBJECT(JitMethodContainer)
 
-        ByKey<boost::intrusive_ptr<Region>> timeDomain;        ///< by load time
-        ByKey<boost::intrusive_ptr<JitMethod>> regionIdDomain; ///< by start jit rva
+        // The store's map by jit rva holds every region and method entered here, and keeps them
+        // while the store lives: counted pointers would cost an atomic operation for every entry
+        // that a split copies.
+        ByKey<Region*> timeDomain;        ///< by load time
+        ByKey<JitMethod*> regionIdDomain; ///< by start jit rva
 
         // Counted in the container itself: a shared pointer would take a block of its own and
         // twice the room in every key.

@@ -141,8 +141,8 @@ LookupIndex::LookupIndex(const JitDataManager::JitRvaDomain& jitRvaDomain,
                     const Region& region = *time.second;
                     const auto owner = container.regionIdDomain.find(region.startJitRva());
                     m_times[nextTime] = {time.first, region.unloadTime(), region.startJitRva() - region.startAddress(),
-                                         owner == container.regionIdDomain.end() ? nullptr : owner->second.get()};
-                    m_timeRegions[nextTime] = time.second.get();
+                                         owner == container.regionIdDomain.end() ? nullptr : owner->second};
+                    m_timeRegions[nextTime] = time.second;
                     ++nextTime;
                 }
             }

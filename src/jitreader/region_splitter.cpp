@@ -115,7 +115,7 @@ velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusiv
                    "&, boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer> &) const");
     const unsigned long long loadTime = region->loadTime();
 
-    const auto inserted = container->timeDomain.insert(std::make_pair(loadTime, region));
+    const auto inserted = container->timeDomain.emplace(loadTime, region.get());
     if (!inserted.second) {
         VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
                                                                 << region->endAddress() << L", loadTime=" << loadTime
@@ -136,7 +136,7 @@ velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusiv
         }
     }
 
-    if (!container->regionIdDomain.insert(std::make_pair(region->startJitRva(), method)).second) {
+    if (!container->regionIdDomain.emplace(region->startJitRva(), method.get()).second) {
         VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
                                                                 << region->endAddress() << L", jitRva="
                                                                 << region->startJitRva()

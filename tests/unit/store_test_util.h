@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <functional>
 #include <iterator>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,7 @@ inline std::vector<std::string> describeDomain(const JitDataManager& store)
 }
 
 /// Keys of the jit rva domain and of every region domain disjoint and sorted, no empty container,
+/// every region and method of a container held by the jit rva domain (containers don't own them),
 /// and in every region that a domain or a method reaches, parallel inline vectors without a loop.
 inline ::testing::AssertionResult storeIsConsistent(const JitDataManager& store)
 {
@@ -104,14 +106,27 @@ inline ::testing::AssertionResult storeIsConsistent(const JitDataManager& store)
             inlines(*region.inlinedRegions()[i], depth + 1);
     };
     disjoint(store.jitRvaDomain(), "jit rva");
+    std::set<const void*> owned;
+    for (const auto& entry : store.jitRvaDomain()) {
+        owned.insert(entry.second.first.get());
+        owned.insert(entry.second.second.get());
+    }
+    const auto held = [&](const void* object, const velmark_3_11::Range& key) {
+        if (fault.empty() && !owned.count(object))
+            fault = "container at " + hex(key.start) + " points at an object that the jit rva domain lacks";
+    };
     for (const auto& host : store.regionDomains())
         for (const auto& process : host.second) {
             disjoint(process.second, "ip");
             for (const auto& key : process.second) {
                 if (!key.second || key.second->timeDomain.empty())
                     return ::testing::AssertionFailure() << "empty container at " << hex(key.first.start);
-                for (const auto& time : key.second->timeDomain)
+                for (const auto& time : key.second->timeDomain) {
+                    held(time.second, key.first);
                     inlines(*time.second, 0);
+                }
+                for (const auto& owner : key.second->regionIdDomain)
+                    held(owner.second, key.first);
             }
         }
     for (const auto& method : store.methodList())
