@@ -173,8 +173,11 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
             return meBadTrace;
         BASEKIT2_ASSERT_TEXT(!splittedRegions.empty(), "!splittedRegions.empty()");
 
+        // Only the log names the methods whose code went: every key cut now holds the new code,
+        // so this search, a tenth of a load with many generations of code, is made for it alone.
         MethodMap updatedMethods;
-        for (auto it = bounds.first; it != bounds.second; ++it) {
+        const bool logged = VM_ENABLED(log4cplus::INFO_LOG_LEVEL);
+        for (auto it = bounds.first; logged && it != bounds.second; ++it) {
             boost::intrusive_ptr<Region> foundRegion;
             boost::intrusive_ptr<JitMethod> foundMethod;
             const velmark_error_t ret =
@@ -190,7 +193,9 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
             VM_INFO(L"Updated method's state " << MethodTag(*updated.second) << dumpCodeRegions(*updated.second));
 
         domain.erase(bounds.first, bounds.second);
-        domain.insert(splittedRegions.begin(), splittedRegions.end());
+        // The new keys move over with their nodes; a key already there keeps its own, as an insert
+        // would.
+        domain.merge(splittedRegions);
     }
 
     if (getCollectorType() == ctJitProfiler) {
