@@ -188,8 +188,9 @@ std::string BaseMethodInfo::GivenText::text() const
 
 void BaseMethodInfo::setGivenName(const std::wstring& name)
 {
-    m_givenText.clear();
     m_givenClass = className;
+    // The text given before stays: a reader that found no names yet may be printing it, and
+    // from now on the names are there.
     replaceNames(makeNames(name));
 }
 
