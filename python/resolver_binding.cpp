@@ -1,5 +1,6 @@
 // The C++ side of the Python module: a resolver over result directories that takes sample
 // points as columns and gives columns back, with the loop outside the interpreter's lock.
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <mutex>
@@ -26,6 +27,96 @@ using namespace velmark_3_11;
 using namespace jitreader_tool;
 
 namespace {
+
+/// What tells outcomes apart: each frame's method and line.
+typedef std::pair<const ISymbol*, unsigned int> FrameKey;
+
+/// Outcome indexes by their frames. A resolve looks up every sample, and the keys of a large
+/// run outgrow the caches: slots hold the hash and where the key's frames lie in one array, so
+/// that a lookup touches a slot and, for a match, those frames; a map of vectors touched a
+/// bucket, a node and the vector's own storage.
+class OutcomeTable {
+public:
+    /// The outcome of the frames, or -1 when they have none yet.
+    std::int32_t find(const std::vector<FrameKey>& frames) const
+    {
+        if (m_slots.empty())
+            return -1;
+        const std::uint64_t hash = hashOf(frames);
+        for (std::size_t i = hash & mask();; i = (i + 1) & mask()) {
+            const Slot& slot = m_slots[i];
+            if (slot.outcome < 0)
+                return -1;
+            if (slot.hash == hash && slot.count == frames.size() &&
+                std::equal(frames.begin(), frames.end(), m_frames.begin() + slot.first))
+                return slot.outcome;
+        }
+    }
+
+    /// Files frames that find() doesn't know.
+    void insert(const std::vector<FrameKey>& frames, std::int32_t outcome)
+    {
+        if (2 * (m_used + 1) > m_slots.size())
+            grow();
+        Slot slot{hashOf(frames), static_cast<std::uint32_t>(m_frames.size()),
+                  static_cast<std::uint32_t>(frames.size()), outcome};
+        m_frames.insert(m_frames.end(), frames.begin(), frames.end());
+        place(slot);
+        ++m_used;
+    }
+
+    void clear()
+    {
+        m_slots.clear();
+        m_frames.clear();
+        m_used = 0;
+    }
+
+private:
+    struct Slot {
+        std::uint64_t hash;
+        std::uint32_t first; // in m_frames
+        std::uint32_t count;
+        std::int32_t outcome; // -1: empty
+    };
+
+    static std::uint64_t hashOf(const std::vector<FrameKey>& frames)
+    {
+        std::uint64_t hash = frames.size();
+        for (const FrameKey& frame : frames) {
+            hash ^= reinterpret_cast<std::uintptr_t>(frame.first) + (std::uint64_t(frame.second) << 48);
+            // splitmix64's finaliser: every bit of the pointer and line reaches the low bits
+            hash = (hash ^ (hash >> 30)) * 0xbf58476d1ce4e5b9ULL;
+            hash = (hash ^ (hash >> 27)) * 0x94d049bb133111ebULL;
+            hash ^= hash >> 31;
+        }
+        return hash;
+    }
+
+    std::size_t mask() const { return m_slots.size() - 1; }
+
+    void place(const Slot& slot)
+    {
+        std::size_t i = slot.hash & mask();
+        while (m_slots[i].outcome >= 0)
+            i = (i + 1) & mask();
+        m_slots[i] = slot;
+    }
+
+    void grow()
+    {
+        std::vector<Slot> old(std::max<std::size_t>(64, 2 * m_slots.size()), Slot{0, 0, 0, -1});
+        old.swap(m_slots);
+        for (const Slot& slot : old) {
+            if (slot.outcome >= 0)
+                place(slot);
+        }
+    }
+
+    std::vector<Slot> m_slots; // a power of two of them, at most half in use
+    std::vector<FrameKey> m_frames;
+    std::size_t m_used = 0;
+};
 
 [[noreturn]] void raise(PyObject* type, const std::string& message)
 {
@@ -230,36 +321,21 @@ private:
         std::vector<StackFrame> frames;
     };
 
-    /// What tells outcomes apart: each frame's method and line.
-    typedef std::vector<std::pair<const ISymbol*, unsigned int>> OutcomeKey;
-    struct KeyHash {
-        std::size_t operator()(const OutcomeKey& key) const
-        {
-            std::uint64_t hash = key.size();
-            for (const auto& frame : key) {
-                hash ^= reinterpret_cast<std::uintptr_t>(frame.first) + (std::uint64_t(frame.second) << 48);
-                // splitmix64's finaliser: every bit of the pointer and line reaches the low bits
-                hash = (hash ^ (hash >> 30)) * 0xbf58476d1ce4e5b9ULL;
-                hash = (hash ^ (hash >> 27)) * 0x94d049bb133111ebULL;
-                hash ^= hash >> 31;
-            }
-            return static_cast<std::size_t>(hash);
-        }
-    };
-
     /// The outcome of frames, made into text the first time that they occur.
     std::int32_t intern(const std::vector<FrameRef>& refs, bool fullNames)
     {
         m_key.clear();
         for (const FrameRef& ref : refs)
             m_key.emplace_back(ref.symbol.get(), ref.location ? ref.location->getLine() : 0);
-        const auto known = m_outcomeOf.find(m_key);
-        if (known != m_outcomeOf.end())
-            return known->second;
+        const std::int32_t known = m_outcomeOf.find(m_key);
+        if (known >= 0)
+            return known;
         Outcome outcome;
         outcome.module = moduleName(*refs.front().symbol);
         outcome.frames = textFrames(refs, fullNames);
-        return add(m_key, std::move(outcome));
+        const std::int32_t index = add(std::move(outcome));
+        m_outcomeOf.insert(m_key, index);
+        return index;
     }
 
     /// The outcome of a lazily opened resolver: the module alone.
@@ -270,17 +346,15 @@ private:
             return known->second;
         Outcome outcome;
         outcome.module = module;
-        const std::int32_t index = add(OutcomeKey(), std::move(outcome));
+        const std::int32_t index = add(std::move(outcome));
         m_moduleOutcome.emplace(module, index);
         return index;
     }
 
-    std::int32_t add(const OutcomeKey& key, Outcome outcome)
+    std::int32_t add(Outcome outcome)
     {
         const auto index = static_cast<std::int32_t>(m_outcomes.size());
         m_outcomes.push_back(std::move(outcome));
-        if (!key.empty())
-            m_outcomeOf.emplace(key, index);
         return index;
     }
 
@@ -325,9 +399,9 @@ private:
     unsigned int m_generation = 0; ///< counts the times that the outcomes were dropped
     unsigned int m_objectsGeneration = 0;
     std::vector<Outcome> m_outcomes;
-    std::unordered_map<OutcomeKey, std::int32_t, KeyHash> m_outcomeOf;
+    OutcomeTable m_outcomeOf;
     std::unordered_map<std::string, std::int32_t> m_moduleOutcome;
-    OutcomeKey m_key;
+    std::vector<FrameKey> m_key;
     py::list m_outcomeObjects;
 };
 
