@@ -2,7 +2,6 @@
 
 #include <iterator>
 
-
 #include "platform/log.h"
 
 namespace velmark_3_11 {
