@@ -33,12 +33,6 @@ constexpr std::size_t kCodeRangeHeaderSize = 16;
 const char* const kLessThanSize = "bytesRead < traceSize";
 const char* const kWithinSize = "bytesRead <= traceSize";
 
-std::uint32_t littleEndian32(const unsigned char* bytes)
-{
-    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
-
 // Reads the fields of one payload through the bounds-checked cursor and makes the bound
 // assertions of the forms that have them (`lessText` null: no assertions).
 class FieldReader {

@@ -84,12 +84,6 @@ T takeGroups(const unsigned char*& at)
     }
 }
 
-std::uint32_t littleEndianWord(const unsigned char* at)
-{
-    return static_cast<std::uint32_t>(at[0]) | static_cast<std::uint32_t>(at[1]) << 8 |
-           static_cast<std::uint32_t>(at[2]) << 16 | static_cast<std::uint32_t>(at[3]) << 24;
-}
-
 // What the header of a block says, and where its rows begin.
 struct Header {
     std::uint32_t count;
@@ -120,7 +114,7 @@ __attribute__((noinline)) GeneralRow decodeGeneral(std::uint32_t first, const un
     GeneralRow general;
     LineNumberEntry& row = general.row;
     if ((first & kWords) != 0) {
-        row = {littleEndianWord(at), littleEndianWord(at + 4), littleEndianWord(at + 8)};
+        row = {littleEndian32(at), littleEndian32(at + 4), littleEndian32(at + 8)};
         general.next = at + kWordsSize;
         return general;
     }
@@ -236,7 +230,7 @@ LineTable LineTable::fromFileRows(const unsigned char* bytes, std::size_t count)
         const unsigned char* at = cursor.take(kRowSize);
         if (at == nullptr)
             return LineNumberEntry{0, 0, 0};
-        return LineNumberEntry{littleEndianWord(at), littleEndianWord(at + 4), littleEndianWord(at + 8)};
+        return LineNumberEntry{littleEndian32(at), littleEndian32(at + 4), littleEndian32(at + 8)};
     });
     return table;
 }
@@ -288,7 +282,7 @@ unsigned int LineTable::size() const
 
 unsigned int LineTable::maxEnd() const
 {
-    return m_data ? littleEndianWord(m_data.get()) : 0;
+    return m_data ? littleEndian32(m_data.get()) : 0;
 }
 
 void LineTable::copyTo(LineNumberEntry* out) const

@@ -11,6 +11,14 @@
 
 namespace velmark_3_11 {
 
+/// The little-endian word at `bytes`, four of which lie inside a buffer: ones that take() gave,
+/// or a block that its owner wrote.
+inline std::uint32_t littleEndian32(const unsigned char* bytes)
+{
+    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
+           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
+}
+
 class ByteCursor {
 public:
     ByteCursor(const void* data, std::size_t size)
