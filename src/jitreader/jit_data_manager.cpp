@@ -93,9 +93,10 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
 
     // Pointers are copied in place rather than through temporary pairs: each copy of a counted
     // pointer is an atomic operation, and a load makes millions of them.
-    const auto inserted = m_methods.emplace(rawMethod->getMethodId(), rawMethod);
-    const boost::intrusive_ptr<JitMethod>& method = inserted.first->second;
-    const bool alreadyCached = method != rawMethod;
+    JitMethod* const filed = m_methods.insert(rawMethod->getMethodId(), rawMethod.get());
+    const bool alreadyCached = filed != rawMethod.get();
+    const boost::intrusive_ptr<JitMethod> cached(alreadyCached ? filed : nullptr);
+    const boost::intrusive_ptr<JitMethod>& method = alreadyCached ? cached : rawMethod;
 
     if (!alreadyCached) {
         m_methodList.push_back(rawMethod);
@@ -471,8 +472,7 @@ velmark_error_t JitDataManager::addInlineMethod(const boost::intrusive_ptr<JitMe
     JitMethod* top = parentMethod.get();
     for (std::size_t depth = 0; top->inlinedInto() != nullptr && depth < kMaxInlineDepth; ++depth)
         top = top->inlinedInto();
-    const auto stored = m_methods.find(top->getMethodId());
-    if (stored != m_methods.end() && stored->second.get() == top && top->markInlinesToPlace())
+    if (m_methods.find(top->getMethodId()) == top && top->markInlinesToPlace())
         m_inlinesToPlace.push_back(top);
     VM_INFO(L"Added inline method (method id = " << rawId << L", ip range = " << start << L"-" << end
                                                  << L") into parent's code region (method id = "
@@ -529,18 +529,18 @@ velmark_error_t JitDataManager::cacheInlineMethod(const boost::intrusive_ptr<Jit
 
 bool JitDataManager::isFiledAsParent(const MethodId& id) const
 {
-    const auto it = m_methods.find(id);
-    return it != m_methods.end() && it->second->filedAsParent();
+    const JitMethod* method = m_methods.find(id);
+    return method != nullptr && method->filedAsParent();
 }
 
 velmark_error_t JitDataManager::findParentMethod(const MethodId& parentId, boost::intrusive_ptr<JitMethod>& out) const
 {
     BASEKIT2_ASSERT_TEXT(getCollectorType() == ctJitProfiler, "getCollectorType() == ctJitProfiler");
     BASEKIT2_ASSERT_TEXT(!parentId.isEmpty(), "!parentId.isEmpty()");
-    const auto it = m_methods.find(parentId);
-    if (it == m_methods.end())
+    JitMethod* method = m_methods.find(parentId);
+    if (method == nullptr)
         return meFail;
-    out = it->second;
+    out = method;
     BASEKIT2_ASSERT_TEXT(out->regionCount(), "jitMethod->regionCount()");
     return meSuccess;
 }
@@ -567,8 +567,7 @@ void JitDataManager::finalize()
     m_inlinesToPlace.clear();
     if (VM_ENABLED(log4cplus::TRACE_LOG_LEVEL)) {
         methods.clear();
-        for (const auto& entry : m_methods)
-            methods.push_back(entry.second.get());
+        m_methods.forEach([&methods](const JitMethod* method) { methods.push_back(method); });
         std::sort(methods.begin(), methods.end(), [](const JitMethod* a, const JitMethod* b) {
             return a->getMethodId() < b->getMethodId();
         });

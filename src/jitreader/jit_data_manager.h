@@ -19,6 +19,7 @@
 #include "jitreader/jit_file_decoder.h"
 #include "jitreader/jit_method.h"
 #include "jitreader/method_id.h"
+#include "jitreader/method_id_map.h"
 #include "jitreader/range.h"
 #include "jitreader/region.h"
 
@@ -151,7 +152,7 @@ public:
 
     // Read access for tools and tests.
     const JitRvaDomain& jitRvaDomain() const { return m_jitRvaDomain; }
-    const MethodMap& methods() const { return m_methods; }
+    const MethodIdMap& methods() const { return m_methods; }
     const std::vector<boost::intrusive_ptr<JitMethod>>& methodList() const { return m_methodList; }
     /// Region domains by host id, then process id.
     const RegionDomainMap& regionDomains() const { return m_regionDomains; }
@@ -181,7 +182,7 @@ private:
     void invalidateLookupIndex();
 
     JitRvaDomain m_jitRvaDomain;
-    MethodMap m_methods;
+    MethodIdMap m_methods; ///< the methods of m_methodList, which holds them
     InlineCache m_inlineCache;
     RegionDomainMap m_regionDomains;
     std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
