@@ -147,28 +147,38 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
             return meBadTrace;
         }
 
-        ContainerPtr container(new Container);
-        if (!container->timeDomain.emplace(region->loadTime(), region.get()).second) {
-            VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
-                                                        << L", methodID=" << rawMethod->getRawMethodId()
-                                                        << L", jitRva=" << region->startJitRva()
-                                                        << L") because load time values are overlapped.");
-            return meBadTrace;
-        }
-        if (!container->regionIdDomain.emplace(region->startJitRva(), method.get()).second) {
-            VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
-                                                        << L", methodID=" << rawMethod->getRawMethodId()
-                                                        << L", jitRva=" << region->startJitRva()
-                                                        << L") because jit rva values are overlapped.");
-            return meBadTrace;
-        }
-
         RegionDomain& domain = getOrCreateRegionDomain(processId, hostId);
-        if (domain.emplace(ipRange, std::move(container)).second)
-            continue;
-
-        // The new code lands on addresses that older code holds: cut the old keys.
         const auto bounds = domain.equal_range(ipRange);
+        if (bounds.first == bounds.second) {
+            ContainerPtr container(new Container);
+            if (!container->timeDomain.emplace(region->loadTime(), region.get()).second) {
+                VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
+                                                            << L", methodID=" << rawMethod->getRawMethodId()
+                                                            << L", jitRva=" << region->startJitRva()
+                                                            << L") because load time values are overlapped.");
+                return meBadTrace;
+            }
+            if (!container->regionIdDomain.emplace(region->startJitRva(), method.get()).second) {
+                VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
+                                                            << L", methodID=" << rawMethod->getRawMethodId()
+                                                            << L", jitRva=" << region->startJitRva()
+                                                            << L") because jit rva values are overlapped.");
+                return meBadTrace;
+            }
+
+            domain.emplace_hint(bounds.second, ipRange, std::move(container));
+            continue;
+        }
+
+        // The new code lands on addresses that older code holds: cut the old keys. Where nothing
+        // is logged and nothing can fail, that is done in place: only the two keys that the
+        // region's ends cut change, where building the new keys aside and putting them in the
+        // place of the old took a node out of the map and one in for every key under the region.
+        if (!VM_ENABLED(log4cplus::INFO_LOG_LEVEL) && region->length() != 0 &&
+            ipRange.end() > ipRange.start && RegionSplitter::fits(*region, bounds.first, bounds.second)) {
+            RegionSplitter::splitInPlace(region, method, domain, bounds.first, bounds.second);
+            continue;
+        }
         RegionDomain splittedRegions;
         if (RegionSplitter::splitRegions(region, method, bounds.first, bounds.second, splittedRegions) != meSuccess)
             return meBadTrace;

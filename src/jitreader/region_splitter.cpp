@@ -1,5 +1,6 @@
 #include "jitreader/region_splitter.h"
 
+#include <algorithm>
 #include <iterator>
 
 #include "platform/log.h"
@@ -17,6 +18,32 @@ typedef JitDataManager::ContainerPtr ContainerPtr;
 Range piece(unsigned long long a, unsigned long long b)
 {
     return Range(a, static_cast<unsigned int>(b - a));
+}
+
+enum class kind_t { copy, fresh, old };
+struct piece_t {
+    unsigned long long start;
+    unsigned long long end;
+    kind_t kind;
+};
+
+/// The pieces that the key [os, oe) falls into as new code [ns, ne) enters it, in the order in
+/// which they are made. The old container always comes last, so that copies are taken before the
+/// new region enters it; fresh and old pieces take the new region.
+std::size_t piecesOf(unsigned long long ns, unsigned long long ne, unsigned long long os, unsigned long long oe,
+                     piece_t (&pieces)[3])
+{
+    std::size_t count = 0;
+    if (ns > os)
+        pieces[count++] = {os, ns, kind_t::copy};
+    else if (ns < os)
+        pieces[count++] = {ns, os, kind_t::fresh};
+    if (ne < oe)
+        pieces[count++] = {ne, oe, kind_t::copy};
+    else if (ne > oe)
+        pieces[count++] = {oe, ne, kind_t::fresh};
+    pieces[count++] = {std::max(ns, os), std::min(ne, oe), kind_t::old};
+    return count;
 }
 
 } // namespace
@@ -41,47 +68,15 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
     const unsigned long long ne = ns + region->length();
     VM_INFO(L"Code region (ip range = " << ns << L"-" << ne << L")");
 
-    enum class kind_t { copy, fresh, old };
-    struct action_t {
-        unsigned long long start;
-        unsigned long long end;
-        kind_t kind;
-    };
-
     for (auto it = lower; it != upper; ++it) {
         const unsigned long long os = it->first.start;
         const unsigned long long oe = it->first.end();
         VM_INFO(L"Overlapped code region (ip range = " << os << L"-" << oe << L")");
 
-        // The pieces of this key, in the order in which they are made. The old container always
-        // comes last, so that copies are taken before the new region enters it; fresh and old
-        // pieces take the new region.
-        action_t actions[3];
-        std::size_t count = 0;
-        if (ns == os) {
-            if (ne < oe)
-                actions[count++] = {ne, oe, kind_t::copy};
-            else if (ne > oe)
-                actions[count++] = {oe, ne, kind_t::fresh};
-            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
-        } else if (ns > os) {
-            actions[count++] = {os, ns, kind_t::copy};
-            if (ne < oe)
-                actions[count++] = {ne, oe, kind_t::copy};
-            else if (ne > oe)
-                actions[count++] = {oe, ne, kind_t::fresh};
-            actions[count++] = {ns, std::min(ne, oe), kind_t::old};
-        } else {
-            actions[count++] = {ns, os, kind_t::fresh};
-            if (ne < oe)
-                actions[count++] = {ne, oe, kind_t::copy};
-            else if (ne > oe)
-                actions[count++] = {oe, ne, kind_t::fresh};
-            actions[count++] = {os, std::min(ne, oe), kind_t::old};
-        }
-
+        piece_t actions[3];
+        const std::size_t count = piecesOf(ns, ne, os, oe, actions);
         for (std::size_t i = 0; i < count; ++i) {
-            const action_t& action = actions[i];
+            const piece_t& action = actions[i];
             ContainerPtr container;
             switch (action.kind) {
             case kind_t::copy: container = new Container(*it->second); break;
@@ -103,6 +98,65 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
         }
     }
     return meSuccess;
+}
+
+bool RegionSplitter::fits(const Region& region, RegionDomain::const_iterator lower,
+                          RegionDomain::const_iterator upper)
+{
+    for (auto it = lower; it != upper; ++it)
+        if (it->second->timeDomain.count(region.loadTime()) != 0 ||
+            it->second->regionIdDomain.count(region.startJitRva()) != 0)
+            return false;
+    return true;
+}
+
+void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
+                                  const boost::intrusive_ptr<JitMethod>& method, RegionDomain& domain,
+                                  RegionDomain::iterator lower, RegionDomain::iterator upper)
+{
+    unsigned long long ns = region->startAddress();
+    const unsigned long long ne = ns + region->length();
+    for (auto it = lower; it != upper;) {
+        const auto next = std::next(it);
+        const unsigned long long os = it->first.start;
+        const unsigned long long oe = it->first.end();
+
+        piece_t pieces[3];
+        const std::size_t count = piecesOf(ns, ne, os, oe, pieces);
+
+        // Copies are taken before the region enters the old container.
+        std::pair<Range, ContainerPtr> added[2];
+        std::size_t addedCount = 0;
+        Range oldPiece;
+        for (std::size_t i = 0; i < count; ++i) {
+            const piece_t& p = pieces[i];
+            // Before a further key, the piece past this one is cut again by that key:
+            // splitRegions makes it and drops it.
+            if (p.start == oe && next != upper)
+                continue;
+            switch (p.kind) {
+            case kind_t::copy: added[addedCount++] = {piece(p.start, p.end), new Container(*it->second)}; break;
+            case kind_t::fresh:
+                added[addedCount] = {piece(p.start, p.end), new Container};
+                modifyRegionAssosiatedData(method, region, added[addedCount++].second);
+                break;
+            case kind_t::old: oldPiece = piece(p.start, p.end); break;
+            }
+        }
+        modifyRegionAssosiatedData(method, region, it->second);
+
+        if (oldPiece != it->first) {
+            auto node = domain.extract(it);
+            node.key() = oldPiece;
+            it = domain.insert(next, std::move(node));
+        }
+        for (std::size_t i = 0; i < addedCount; ++i)
+            domain.emplace_hint(added[i].first.start < oldPiece.start ? it : next, std::move(added[i]));
+
+        if (next != upper)
+            ns = oe;
+        it = next;
+    }
 }
 
 velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,

@@ -17,6 +17,15 @@ public:
                                         const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
                                         RegionDomain& splittedRegions);
 
+    /// Whether `region` can enter every key of [lower, upper): none holds its load time or its
+    /// start jit rva yet, so that splitRegions succeeds.
+    static bool fits(const Region& region, RegionDomain::const_iterator lower, RegionDomain::const_iterator upper);
+    /// Makes `domain` what it would be with splitRegions' keys in the place of [lower, upper),
+    /// for a region that fits, in place and without messages: only the keys that the region's
+    /// ends cut are replaced, and the keys under it take it in where they are.
+    static void splitInPlace(const boost::intrusive_ptr<Region>& region, const boost::intrusive_ptr<JitMethod>& method,
+                             RegionDomain& domain, RegionDomain::iterator lower, RegionDomain::iterator upper);
+
 private:
     static velmark_error_t modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
                                                       const boost::intrusive_ptr<Region>& region,

@@ -1,7 +1,10 @@
 #include "jitreader/jit_data_manager.h"
 
+#include <random>
+
 #include <gtest/gtest.h>
 
+#include "support/log_capture.h"
 #include "unit/store_test_util.h"
 
 using namespace velmark_3_11;
@@ -87,4 +90,30 @@ TEST(RegionSplitTest, LoadOrdersOnOneRange)
             EXPECT_EQ(sample.second < 0 ? 0 : 0x11 + 0x100ull * sample.second, jitRva) << sample.first;
         }
     }
+}
+
+// Keys are cut in place while nothing is logged, and through the logged path otherwise: both
+// leave the same keys, times and lives, also after records that fail half way.
+TEST(RegionSplitTest, QuietAndLoggedCutsAgree)
+{
+    std::mt19937 random(7);
+    const auto draw = [&random](unsigned int below) { return static_cast<unsigned int>(random() % below); };
+    JitDataManager quiet, logged;
+    unsigned long long jitRva = 1, time = 100;
+    for (unsigned int rawId = 1; rawId <= 400; ++rawId) {
+        // Mostly later code, now and then code as old as or older than some already there.
+        time = draw(8) == 0 ? time - draw(50) : time + 1 + draw(3);
+        const unsigned int length = 1 + draw(0x80);
+        const CodeRange range = {0x1000 + draw(0x400), length, jitRva};
+        jitRva += length;
+        const velmark_error_t result = load(quiet, makeMethod(rawId, time, {range}));
+        {
+            LogCapture capture(log4cplus::INFO_LOG_LEVEL);
+            ASSERT_EQ(result, load(logged, makeMethod(rawId, time, {range}))) << rawId;
+        }
+        ASSERT_EQ(describeDomain(logged), describeDomain(quiet)) << rawId;
+    }
+    ASSERT_EQ(logged.methodList().size(), quiet.methodList().size());
+    for (std::size_t i = 0; i < quiet.methodList().size(); ++i)
+        EXPECT_EQ(logged.methodList()[i]->regions()[0]->unloadTime(), quiet.methodList()[i]->regions()[0]->unloadTime());
 }
