@@ -35,7 +35,7 @@ JitMethod* MethodIdMap::find(const MethodId& id) const
 
 JitMethod* MethodIdMap::insert(const MethodId& id, JitMethod* method)
 {
-    if (2 * (m_size + 1) > m_slots.size())
+    if (3 * (m_size + 1) > 2 * m_slots.size())
         grow();
     const std::size_t mask = m_slots.size() - 1;
     for (std::size_t at = home(id);; at = (at + 1) & mask) {

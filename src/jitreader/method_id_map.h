@@ -41,7 +41,7 @@ private:
     void grow();
 
     // On huge pages once large: with 4 KB pages, lookups at random would miss the TLB as well.
-    HugePageArray<Slot> m_slots; ///< a power of two of them, at most half in use
+    HugePageArray<Slot> m_slots; ///< a power of two of them, at most two thirds in use
     std::size_t m_size = 0;
     unsigned int m_shift = 64; ///< 64 minus log2 of the slot count
 };
