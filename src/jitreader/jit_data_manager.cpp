@@ -137,9 +137,11 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         const Range ipRange(region->startAddress(), region->length());
         const Range jitRange(region->startJitRva(), region->length());
 
-        if (!m_jitRvaDomain.emplace(std::piecewise_construct, std::forward_as_tuple(jitRange),
-                                    std::forward_as_tuple(region, method))
-                 .second) {
+        // Jit rvas grow record after record, so the hint at the end spares a search from the root.
+        const std::size_t entries = m_jitRvaDomain.size();
+        m_jitRvaDomain.emplace_hint(m_jitRvaDomain.end(), std::piecewise_construct, std::forward_as_tuple(jitRange),
+                                    std::forward_as_tuple(region, method));
+        if (m_jitRvaDomain.size() == entries) {
             VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                         << L", methodID=" << rawMethod->getRawMethodId()
                                                         << L", jitRva=" << region->startJitRva()
@@ -147,8 +149,12 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
             return meBadTrace;
         }
 
+        // The keys that the region overlaps: one search for the first, then the few after it.
         RegionDomain& domain = getOrCreateRegionDomain(processId, hostId);
-        const auto bounds = domain.equal_range(ipRange);
+        std::pair<RegionDomain::iterator, RegionDomain::iterator> bounds(domain.lower_bound(ipRange), {});
+        for (bounds.second = bounds.first;
+             bounds.second != domain.end() && !domain.key_comp()(ipRange, bounds.second->first);)
+            ++bounds.second;
         if (bounds.first == bounds.second) {
             ContainerPtr container(new Container);
             if (!container->timeDomain.emplace(region->loadTime(), region.get()).second) {
