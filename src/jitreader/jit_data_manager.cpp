@@ -21,8 +21,6 @@ constexpr auto kLogNumbers = logging::numbers_t::hex;
 constexpr unsigned long long kPreJittedLoadTime = 1;
 constexpr std::size_t kMaxInlineDepth = 1 << 20;
 
-typedef JitDataManager::JitMethodContainer Container;
-typedef JitDataManager::ContainerPtr ContainerPtr;
 
 } // namespace
 
@@ -156,23 +154,24 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
              bounds.second != domain.end() && !domain.key_comp()(ipRange, bounds.second->first);)
             ++bounds.second;
         if (bounds.first == bounds.second) {
-            ContainerPtr container(new Container);
-            if (!container->timeDomain.emplace(region->loadTime(), region.get()).second) {
+            // A fresh history refuses nothing; the checks stay with their messages all the same.
+            VersionHistory history;
+            const VersionHistory::Placed placed = history.add(*region, method.get(), m_versions);
+            if (!placed.added) {
                 VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                             << L", methodID=" << rawMethod->getRawMethodId()
                                                             << L", jitRva=" << region->startJitRva()
                                                             << L") because load time values are overlapped.");
                 return meBadTrace;
             }
-            if (!container->regionIdDomain.emplace(region->startJitRva(), method.get()).second) {
+            if (placed.startJitRvaTaken) {
                 VM_ERROR_AT(L"Couldn't add a region (addr=" << region->startAddress() << L", size=" << region->length()
                                                             << L", methodID=" << rawMethod->getRawMethodId()
                                                             << L", jitRva=" << region->startJitRva()
                                                             << L") because jit rva values are overlapped.");
                 return meBadTrace;
             }
-
-            domain.emplace_hint(bounds.second, ipRange, std::move(container));
+            domain.emplace_hint(bounds.second, ipRange, history);
             continue;
         }
 
@@ -182,11 +181,12 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
         // place of the old took a node out of the map and one in for every key under the region.
         if (!VM_ENABLED(log4cplus::INFO_LOG_LEVEL) && region->length() != 0 &&
             ipRange.end() > ipRange.start && RegionSplitter::fits(*region, bounds.first, bounds.second)) {
-            RegionSplitter::splitInPlace(region, method, domain, bounds.first, bounds.second);
+            RegionSplitter::splitInPlace(region, method, domain, bounds.first, bounds.second, m_versions);
             continue;
         }
         RegionDomain splittedRegions;
-        if (RegionSplitter::splitRegions(region, method, bounds.first, bounds.second, splittedRegions) != meSuccess)
+        if (RegionSplitter::splitRegions(region, method, bounds.first, bounds.second, splittedRegions, m_versions) !=
+            meSuccess)
             return meBadTrace;
         BASEKIT2_ASSERT_TEXT(!splittedRegions.empty(), "!splittedRegions.empty()");
 
@@ -646,16 +646,13 @@ velmark_error_t JitDataManager::findSample(unsigned long long address, unsigned 
         VM_TRACE(L"Couldn't find a region for addr = " << address);
         return meFail;
     }
-    const JitMethodContainer& container = *key->second;
-
     // A sample at the very load time already sees the new code.
-    auto entry = container.timeDomain.upper_bound(timestamp);
-    if (entry == container.timeDomain.begin()) {
+    const VersionHistory::Version* version = key->second.at(timestamp);
+    if (version == nullptr) {
         VM_TRACE(L"Couldn't find a region domain by tsc = " << timestamp);
         return meFail;
     }
-    --entry;
-    Region& found = *entry->second;
+    Region& found = *version->region;
     if (found.unloadTime() > found.loadTime() && found.unloadTime() <= timestamp) {
         VM_TRACE(L"The found range (" << found.startAddress() << L"-" << found.endAddress() << L") with life time ("
                                       << found.loadTime() << L"-" << found.unloadTime()
@@ -663,12 +660,7 @@ velmark_error_t JitDataManager::findSample(unsigned long long address, unsigned 
                                       << L" occurred");
         return meFail;
     }
-    const auto owner = container.regionIdDomain.find(found.startJitRva());
-    if (owner == container.regionIdDomain.end()) {
-        VM_TRACE(L"Couldn't find a method by code's jitrva = " << found.startJitRva());
-        return meFail;
-    }
-    hit = {owner->second, found.startJitRva() - found.startAddress(), &found};
+    hit = {version->owner, found.startJitRva() - found.startAddress(), &found};
     return meSuccess;
 }
 
@@ -835,9 +827,8 @@ velmark_error_t JitDataManager::findNextRegion(unsigned long long begin, unsigne
         VM_TRACE(L"Couldn't find a region for addr = " << begin);
         return meFail;
     }
-    const auto next = key->second->timeDomain.upper_bound(timestamp);
-    if (next != key->second->timeDomain.end() && next->second) {
-        region = next->second;
+    if (const VersionHistory::Version* next = key->second.after(timestamp)) {
+        region = next->region;
         return meSuccess;
     }
     VM_TRACE(L"Couldn't find overlapped region domain by tsc = " << timestamp);

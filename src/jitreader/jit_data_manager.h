@@ -8,7 +8,6 @@
 #include <shared_mutex>
 #include <vector>
 
-#include <boost/container/flat_map.hpp>
 #include <boost/intrusive_ptr.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
@@ -22,6 +21,7 @@
 #include "jitreader/method_id_map.h"
 #include "jitreader/range.h"
 #include "jitreader/region.h"
+#include "jitreader/version_history.h"
 
 namespace velmark_3_11 {
 
@@ -30,48 +30,8 @@ struct SampleHit;
 
 class JitDataManager : public JitFileDecoder::SearchRegionCallback {
 public:
-    /// Everything that ever lived at one ip range of one process. Most ranges hold one piece of
-    /// code, so the sorted maps keep their first entry in place, with no allocation of its own.
-    class JitMethodContainer {
-    public:
-        template <class T>
-        using ByKey = boost::container::small_flat_map<unsigned long long, T, 1, std::less<unsigned long long>,
-                                                       PoolAllocator<std::pair<unsigned long long, T>>>;
-
-        JitMethodContainer() = default;
-        /// The same entries; a new container, with no references.
-        JitMethodContainer(const JitMethodContainer& other)
-            : timeDomain(other.timeDomain), regionIdDomain(other.regionIdDomain)
-        {
-        }
-        JitMethodContainer& operator=(const JitMethodContainer&) = delete;
-        JITREADER_POOLED_OBJECT(JitMethodContainer)
-
-        // The store's map by jit rva holds every region and method entered here, and keeps them
-        // while the store lives: counted pointers would cost an atomic operation for every entry
-        // that a split copies.
-        ByKey<Region*> timeDomain;        ///< by load time
-        ByKey<JitMethod*> regionIdDomain; ///< by start jit rva
-
-        // Counted in the container itself: a shared pointer would take a block of its own and
-        // twice the room in every key.
-        friend void intrusive_ptr_add_ref(const JitMethodContainer* container)
-        {
-            container->m_references.fetch_add(1, std::memory_order_relaxed);
-        }
-        friend void intrusive_ptr_release(const JitMethodContainer* container)
-        {
-            if (container->m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-                delete container;
-        }
-
-    private:
-        mutable std::atomic<unsigned int> m_references{0};
-    };
-    typedef boost::intrusive_ptr<JitMethodContainer> ContainerPtr;
-
     /// The ip space of one process on one host, cut into disjoint ranges.
-    typedef std::map<Range, ContainerPtr, Range::Comparator, PoolAllocator<std::pair<const Range, ContainerPtr>>>
+    typedef std::map<Range, VersionHistory, Range::Comparator, PoolAllocator<std::pair<const Range, VersionHistory>>>
         RegionDomain;
     typedef std::pair<boost::intrusive_ptr<Region>, boost::intrusive_ptr<JitMethod>> RegionAndMethod;
     typedef std::map<Range, RegionAndMethod, Range::Comparator, PoolAllocator<std::pair<const Range, RegionAndMethod>>>
@@ -111,6 +71,8 @@ public:
 
     /// Where the decoders of this store keep code bytes; used under the load's exclusive access.
     CodeArena& codeArena() { return m_codeArena; }
+    /// Where the versions of the ip keys' histories are made; used under the same access.
+    VersionHistory::Arena& versionArena() { return m_versions; }
 
     unsigned int getCollectorType() const { return m_collectorType; }
     void setCollectorType(unsigned int collectorType) { m_collectorType = collectorType; }
@@ -184,6 +146,7 @@ private:
     JitRvaDomain m_jitRvaDomain;
     MethodIdMap m_methods; ///< the methods of m_methodList, which holds them
     InlineCache m_inlineCache;
+    VersionHistory::Arena m_versions; ///< of the histories in m_regionDomains
     RegionDomainMap m_regionDomains;
     std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
     // The methods of m_methods whose regions took in inlines since the last finalize: all that

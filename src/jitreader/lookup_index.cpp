@@ -111,7 +111,7 @@ LookupIndex::LookupIndex(const JitDataManager::JitRvaDomain& jitRvaDomain,
         for (const auto& process : host.second) {
             keySlots += paddedSlots<Key>(process.second.size());
             for (const auto& key : process.second)
-                timeCount += key.second->timeDomain.size();
+                timeCount += key.second.size();
         }
     m_keys = HugePageArray<Key>(keySlots);
     m_times = HugePageArray<TimeEntry>(timeCount);
@@ -135,15 +135,16 @@ LookupIndex::LookupIndex(const JitDataManager::JitRvaDomain& jitRvaDomain,
             fillGap(domain.root + 1);
             for (std::size_t slot = 1; slot <= keys.size(); ++slot, ++nextSlot) {
                 const auto& key = *sorted[order[slot]];
-                const JitDataManager::JitMethodContainer& container = *key.second;
                 m_keys[nextSlot] = {key.first.start, key.first.size, static_cast<unsigned int>(nextTime)};
-                for (const auto& time : container.timeDomain) {
-                    const Region& region = *time.second;
-                    const auto owner = container.regionIdDomain.find(region.startJitRva());
-                    m_times[nextTime] = {time.first, region.unloadTime(), region.startJitRva() - region.startAddress(),
-                                         owner == container.regionIdDomain.end() ? nullptr : owner->second};
-                    m_timeRegions[nextTime] = time.second;
-                    ++nextTime;
+                // The history runs from the newest version: its entries are filled from the end.
+                nextTime += key.second.size();
+                std::size_t at = nextTime;
+                for (const VersionHistory::Version* version = key.second.newest(); version != nullptr;
+                     version = version->older) {
+                    const Region& region = *version->region;
+                    m_times[--at] = {version->loadTime, region.unloadTime(),
+                                     region.startJitRva() - region.startAddress(), version->owner};
+                    m_timeRegions[at] = version->region;
                 }
             }
             fillGap(domain.root + paddedSlots<Key>(keys.size()));

@@ -11,8 +11,6 @@ namespace {
 
 constexpr auto kLogNumbers = logging::numbers_t::hex;
 
-typedef JitDataManager::JitMethodContainer Container;
-typedef JitDataManager::ContainerPtr ContainerPtr;
 
 /// The interval [a, b) as a key.
 Range piece(unsigned long long a, unsigned long long b)
@@ -28,7 +26,7 @@ struct piece_t {
 };
 
 /// The pieces that the key [os, oe) falls into as new code [ns, ne) enters it, in the order in
-/// which they are made. The old container always comes last, so that copies are taken before the
+/// which they are made. The old key's history always comes last, so that copies are taken before the
 /// new region enters it; fresh and old pieces take the new region.
 std::size_t piecesOf(unsigned long long ns, unsigned long long ne, unsigned long long os, unsigned long long oe,
                      piece_t (&pieces)[3])
@@ -51,7 +49,7 @@ std::size_t piecesOf(unsigned long long ns, unsigned long long ne, unsigned long
 velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>& region,
                                              const boost::intrusive_ptr<JitMethod>& method,
                                              const RegionDomain::iterator& lower, const RegionDomain::iterator& upper,
-                                             RegionDomain& splittedRegions)
+                                             RegionDomain& splittedRegions, Arena& arena)
 {
     VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::splitRegions(const "
                    "boost::intrusive_ptr<velmark_3_11::Region> &, const boost::intrusive_ptr<velmark_3_11::JitMethod> "
@@ -77,15 +75,14 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
         const std::size_t count = piecesOf(ns, ne, os, oe, actions);
         for (std::size_t i = 0; i < count; ++i) {
             const piece_t& action = actions[i];
-            ContainerPtr container;
-            switch (action.kind) {
-            case kind_t::copy: container = new Container(*it->second); break;
-            case kind_t::fresh: container = new Container; break;
-            case kind_t::old: container = it->second; break;
-            }
-            if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, container) != meSuccess)
+            // The old key takes the region where it is, as the search for the log reads it there.
+            VersionHistory fresh;
+            VersionHistory& history = action.kind == kind_t::old ? it->second : fresh;
+            if (action.kind == kind_t::copy)
+                history = it->second;
+            if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, history, arena) != meSuccess)
                 return meFail;
-            if (addSplittedRegion(piece(action.start, action.end), container, splittedRegions) != meSuccess)
+            if (addSplittedRegion(piece(action.start, action.end), history, splittedRegions) != meSuccess)
                 return meFail;
         }
 
@@ -104,15 +101,14 @@ bool RegionSplitter::fits(const Region& region, RegionDomain::const_iterator low
                           RegionDomain::const_iterator upper)
 {
     for (auto it = lower; it != upper; ++it)
-        if (it->second->timeDomain.count(region.loadTime()) != 0 ||
-            it->second->regionIdDomain.count(region.startJitRva()) != 0)
+        if (!it->second.accepts(region))
             return false;
     return true;
 }
 
 void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
                                   const boost::intrusive_ptr<JitMethod>& method, RegionDomain& domain,
-                                  RegionDomain::iterator lower, RegionDomain::iterator upper)
+                                  RegionDomain::iterator lower, RegionDomain::iterator upper, Arena& arena)
 {
     unsigned long long ns = region->startAddress();
     const unsigned long long ne = ns + region->length();
@@ -124,8 +120,8 @@ void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
         piece_t pieces[3];
         const std::size_t count = piecesOf(ns, ne, os, oe, pieces);
 
-        // Copies are taken before the region enters the old container.
-        std::pair<Range, ContainerPtr> added[2];
+        // Copies are taken before the region enters the old history.
+        std::pair<Range, VersionHistory> added[2];
         std::size_t addedCount = 0;
         Range oldPiece;
         for (std::size_t i = 0; i < count; ++i) {
@@ -135,15 +131,15 @@ void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
             if (p.start == oe && next != upper)
                 continue;
             switch (p.kind) {
-            case kind_t::copy: added[addedCount++] = {piece(p.start, p.end), new Container(*it->second)}; break;
+            case kind_t::copy: added[addedCount++] = {piece(p.start, p.end), it->second}; break;
             case kind_t::fresh:
-                added[addedCount] = {piece(p.start, p.end), new Container};
-                modifyRegionAssosiatedData(method, region, added[addedCount++].second);
+                added[addedCount] = {piece(p.start, p.end), VersionHistory()};
+                modifyRegionAssosiatedData(method, region, added[addedCount++].second, arena);
                 break;
             case kind_t::old: oldPiece = piece(p.start, p.end); break;
             }
         }
-        modifyRegionAssosiatedData(method, region, it->second);
+        modifyRegionAssosiatedData(method, region, it->second, arena);
 
         if (oldPiece != it->first) {
             auto node = domain.extract(it);
@@ -161,15 +157,15 @@ void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
 
 velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusive_ptr<JitMethod>& method,
                                                            const boost::intrusive_ptr<Region>& region,
-                                                           ContainerPtr& container)
+                                                           VersionHistory& history, Arena& arena)
 {
     VM_TRACE_SCOPE("velmark_error_t velmark_3_11::JitDataManager::modifyRegionAssosiatedData(const "
                    "boost::intrusive_ptr<velmark_3_11::JitMethod> &, const boost::intrusive_ptr<velmark_3_11::Region> "
                    "&, boost::shared_ptr<velmark_3_11::JitDataManager::JitMethodContainer> &) const");
     const unsigned long long loadTime = region->loadTime();
 
-    const auto inserted = container->timeDomain.emplace(loadTime, region.get());
-    if (!inserted.second) {
+    const VersionHistory::Placed placed = history.add(*region, method.get(), arena);
+    if (!placed.added) {
         VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
                                                                 << region->endAddress() << L", loadTime=" << loadTime
                                                                 << L") in the single time domain");
@@ -180,16 +176,14 @@ velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusiv
 
     // The predecessor's life ends with the newcomer's load. A load older than everything there
     // closes nothing, and an unload time once set stays.
-    if (inserted.first != container->timeDomain.begin()) {
-        Region& previous = *std::prev(inserted.first)->second;
-        if (previous.unloadTime() == 0) {
-            VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << previous.startAddress() << L"-"
-                                           << previous.endAddress() << L")");
-            previous.setUnloadTime(loadTime);
-        }
+    if (placed.predecessor != nullptr && placed.predecessor->unloadTime() == 0) {
+        Region& previous = *placed.predecessor;
+        VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << previous.startAddress() << L"-"
+                                       << previous.endAddress() << L")");
+        previous.setUnloadTime(loadTime);
     }
 
-    if (!container->regionIdDomain.emplace(region->startJitRva(), method.get()).second) {
+    if (placed.startJitRvaTaken) {
         VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"
                                                                 << region->endAddress() << L", jitRva="
                                                                 << region->startJitRva()
@@ -202,11 +196,10 @@ velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusiv
     return meSuccess;
 }
 
-velmark_error_t RegionSplitter::addSplittedRegion(const Range& range,
-                                                  const ContainerPtr& container,
+velmark_error_t RegionSplitter::addSplittedRegion(const Range& range, const VersionHistory& history,
                                                   RegionDomain& splittedRegions)
 {
-    if (!splittedRegions.insert(std::make_pair(range, container)).second) {
+    if (!splittedRegions.emplace(range, history).second) {
         VM_ERROR(L"Couldn't add a splitted region (ip range = " << range.start << L"-" << range.end() << L")");
         return meFail;
     }

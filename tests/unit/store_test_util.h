@@ -79,15 +79,16 @@ inline std::vector<std::string> describeDomain(const JitDataManager& store)
     if (const JitDataManager::RegionDomain* domain = store.getRegionDomain(7, 1))
         for (const auto& entry : *domain) {
             std::string text = hex(entry.first.start) + "-" + hex(entry.first.end()) + ":";
-            for (const auto& time : entry.second->timeDomain)
-                text += (text.back() == ':' ? "" : ",") + std::to_string(time.first);
+            for (const auto* version : entry.second.oldestFirst())
+                text += (text.back() == ':' ? "" : ",") + std::to_string(version->loadTime);
             keys.push_back(text);
         }
     return keys;
 }
 
-/// Keys of the jit rva domain and of every region domain disjoint and sorted, no empty container,
-/// every region and method of a container held by the jit rva domain (containers don't own them),
+/// Keys of the jit rva domain and of every region domain disjoint and sorted, no empty history,
+/// every history in load time order, its regions and methods held by the jit rva domain (histories
+/// don't own them),
 /// and in every region that a domain or a method reaches, parallel inline vectors without a loop.
 inline ::testing::AssertionResult storeIsConsistent(const JitDataManager& store)
 {
@@ -113,20 +114,24 @@ inline ::testing::AssertionResult storeIsConsistent(const JitDataManager& store)
     }
     const auto held = [&](const void* object, const velmark_3_11::Range& key) {
         if (fault.empty() && !owned.count(object))
-            fault = "container at " + hex(key.start) + " points at an object that the jit rva domain lacks";
+            fault = "history at " + hex(key.start) + " points at an object that the jit rva domain lacks";
     };
     for (const auto& host : store.regionDomains())
         for (const auto& process : host.second) {
             disjoint(process.second, "ip");
             for (const auto& key : process.second) {
-                if (!key.second || key.second->timeDomain.empty())
-                    return ::testing::AssertionFailure() << "empty container at " << hex(key.first.start);
-                for (const auto& time : key.second->timeDomain) {
-                    held(time.second, key.first);
-                    inlines(*time.second, 0);
+                if (key.second.empty())
+                    return ::testing::AssertionFailure() << "empty history at " << hex(key.first.start);
+                unsigned long long previous = 0;
+                for (const auto* version : key.second.oldestFirst()) {
+                    held(version->region, key.first);
+                    held(version->owner, key.first);
+                    inlines(*version->region, 0);
+                    if (fault.empty() && (version->loadTime != version->region->loadTime() ||
+                                          (version->older != nullptr && version->loadTime <= previous)))
+                        fault = "history at " + hex(key.first.start) + " out of load time order";
+                    previous = version->loadTime;
                 }
-                for (const auto& owner : key.second->regionIdDomain)
-                    held(owner.second, key.first);
             }
         }
     for (const auto& method : store.methodList())
