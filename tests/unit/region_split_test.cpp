@@ -1,6 +1,8 @@
 #include "jitreader/jit_data_manager.h"
 
+#include <algorithm>
 #include <random>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -123,4 +125,70 @@ TEST(RegionSplitTest, QuietAndLoggedCutsAgree)
     ASSERT_EQ(logged.methodList().size(), quiet.methodList().size());
     for (std::size_t i = 0; i < quiet.methodList().size(); ++i)
         EXPECT_EQ(logged.methodList()[i]->regions()[0]->unloadTime(), quiet.methodList()[i]->regions()[0]->unloadTime());
+}
+
+// Against a model: a key lies between two neighbouring ends of loaded regions and holds the load
+// times of all regions over it, whatever order they came in; a region's arrival ends the life of
+// the latest region loaded before it over each of its keys, unless that one's has ended already.
+// Histories that cut keys share are made again where an older region arrives in one of them.
+TEST(RegionSplitTest, KeysAndLivesFollowTheModel)
+{
+    std::mt19937 random(11);
+    const auto draw = [&random](unsigned int below) { return static_cast<unsigned int>(random() % below); };
+    std::vector<Placed> loads;
+    std::set<unsigned long long> times;
+    while (loads.size() < 300) {
+        const unsigned long long time = 10 * loads.size() + draw(40); // mostly rising, often not
+        if (!times.insert(time).second)
+            continue;
+        const unsigned long long start = 0x1000 + draw(0x400);
+        loads.push_back({start, start + 1 + draw(0x80), time});
+    }
+    JitDataManager store;
+    unsigned long long jitRva = 1;
+    for (std::size_t i = 0; i < loads.size(); ++i) {
+        const auto length = static_cast<unsigned int>(loads[i].end - loads[i].start);
+        ASSERT_EQ(meSuccess, load(store, makeMethod(unsigned(i + 1), loads[i].time, {{loads[i].start, length, jitRva}})));
+        jitRva += length;
+    }
+
+    std::set<unsigned long long> ends;
+    for (const Placed& p : loads)
+        ends.insert({p.start, p.end});
+    std::vector<std::string> keys;
+    std::vector<std::vector<std::size_t>> overs; // of each key, the loads over it by arrival
+    for (auto it = ends.begin(); std::next(it) != ends.end(); ++it) {
+        const unsigned long long a = *it, b = *std::next(it);
+        std::vector<std::size_t> over;
+        std::vector<unsigned long long> overTimes;
+        for (std::size_t i = 0; i < loads.size(); ++i)
+            if (loads[i].start <= a && loads[i].end >= b) {
+                over.push_back(i);
+                overTimes.push_back(loads[i].time);
+            }
+        if (over.empty())
+            continue;
+        std::sort(overTimes.begin(), overTimes.end());
+        std::string text = hex(a) + "-" + hex(b) + ":";
+        for (unsigned long long t : overTimes)
+            text += (text.back() == ':' ? "" : ",") + std::to_string(t);
+        keys.push_back(text);
+        overs.push_back(over);
+    }
+    std::vector<unsigned long long> unloads(loads.size(), 0);
+    for (std::size_t i = 0; i < loads.size(); ++i)
+        for (const auto& over : overs) {
+            if (std::find(over.begin(), over.end(), i) == over.end())
+                continue;
+            const std::size_t none = loads.size();
+            std::size_t latest = none; // loaded last before it, of those that came before it
+            for (std::size_t j : over)
+                if (j < i && loads[j].time < loads[i].time && (latest == none || loads[j].time > loads[latest].time))
+                    latest = j;
+            if (latest != none && unloads[latest] == 0)
+                unloads[latest] = loads[i].time;
+        }
+    EXPECT_EQ(keys, describeDomain(store));
+    for (std::size_t i = 0; i < loads.size(); ++i)
+        EXPECT_EQ(unloads[i], store.methodList()[i]->regions()[0]->unloadTime()) << i;
 }
