@@ -81,6 +81,8 @@ public:
     velmark_error_t searchRegion(unsigned long long address, unsigned long long timestamp, unsigned int processId,
                                  unsigned int hostId, boost::intrusive_ptr<Region>& region,
                                  boost::intrusive_ptr<JitMethod>& method) const override;
+    /// Fetches the slot of the method map where the record of `id` will look.
+    void expectMethod(const MethodId& id) const override { m_methods.prefetch(id); }
     /// Method and jit rva of a sample point.
     velmark_error_t resolveJitPoint(unsigned long long vaddr, unsigned long long timestamp, unsigned int pid,
                                     unsigned int hostId, boost::intrusive_ptr<JitMethod>& method,

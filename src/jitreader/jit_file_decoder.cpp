@@ -475,6 +475,10 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
                             arch);
     }
 
+    method.setMethodId(m_methodIdMaker.makeMethodId(form <= lfWideCounts ? 0 : rawMethodId, method));
+    if (m_searchRegionCallback != nullptr)
+        m_searchRegionCallback->expectMethod(method.getMethodId());
+
     // All tables of a record belong to its first non-empty range.
     static const unsigned int kTableKinds[] = {ltManagedToSource, ltNativeToManaged, ltNativeToSource};
     for (unsigned int table = 0; table < 3; ++table) {
@@ -492,7 +496,6 @@ bool JitFileDecoder::decodeLoadRecord(const Record& record, JitMethod& method, u
                                 Range(regions.front()->startJitRva(), regions.front()->length()));
     }
 
-    method.setMethodId(m_methodIdMaker.makeMethodId(form <= lfWideCounts ? 0 : rawMethodId, method));
     if (form != lfInlineFlag)
         return true;
     logRawMethod(method);

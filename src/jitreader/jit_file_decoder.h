@@ -64,6 +64,9 @@ public:
                                              unsigned int processId, unsigned int hostId,
                                              boost::intrusive_ptr<Region>& region,
                                              boost::intrusive_ptr<JitMethod>& method) const = 0;
+        /// Told a record's method id as soon as it is known, before the rest of the record is
+        /// decoded, so that what the record's arrival will look up can be fetched meanwhile.
+        virtual void expectMethod(const MethodId& /*id*/) const {}
 
     protected:
         ~SearchRegionCallback() = default;
