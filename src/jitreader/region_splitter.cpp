@@ -134,12 +134,12 @@ void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
             case kind_t::copy: added[addedCount++] = {piece(p.start, p.end), it->second}; break;
             case kind_t::fresh:
                 added[addedCount] = {piece(p.start, p.end), VersionHistory()};
-                modifyRegionAssosiatedData(method, region, added[addedCount++].second, arena);
+                added[addedCount++].second.add(*region, method.get(), arena);
                 break;
             case kind_t::old: oldPiece = piece(p.start, p.end); break;
             }
         }
-        modifyRegionAssosiatedData(method, region, it->second, arena);
+        it->second.add(*region, method.get(), arena);
 
         if (oldPiece != it->first) {
             auto node = domain.extract(it);
@@ -174,14 +174,9 @@ velmark_error_t RegionSplitter::modifyRegionAssosiatedData(const boost::intrusiv
     VM_INFO(L"Added a splitted region (ip range = " << region->startAddress() << L"-" << region->endAddress()
                                                     << L", loadTime=" << loadTime << L") in the single time domain");
 
-    // The predecessor's life ends with the newcomer's load. A load older than everything there
-    // closes nothing, and an unload time once set stays.
-    if (placed.predecessor != nullptr && placed.predecessor->unloadTime() == 0) {
-        Region& previous = *placed.predecessor;
-        VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << previous.startAddress() << L"-"
-                                       << previous.endAddress() << L")");
-        previous.setUnloadTime(loadTime);
-    }
+    if (placed.closed != nullptr)
+        VM_TRACE(L"Set unload time = " << loadTime << L" for region (" << placed.closed->startAddress() << L"-"
+                                       << placed.closed->endAddress() << L")");
 
     if (placed.startJitRvaTaken) {
         VM_ERROR(L"Couldn't add a splitted region (ip range = " << region->startAddress() << L"-"

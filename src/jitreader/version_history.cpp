@@ -85,7 +85,12 @@ VersionHistory::Placed VersionHistory::add(Region& region, JitMethod* method, Ar
         placed = arena.make({(*it)->loadTime, (*it)->region, (*it)->owner, placed, placed->depth + 1,
                              placed->holdsEmpty || (*it)->region->length() == 0});
     m_newest = placed;
-    return {true, below != nullptr ? below->region : nullptr, named != nullptr};
+
+    // A load older than everything here closes nothing, and an unload time once set stays.
+    Region* closed = below != nullptr && below->region->unloadTime() == 0 ? below->region : nullptr;
+    if (closed != nullptr)
+        closed->setUnloadTime(time);
+    return {true, closed, named != nullptr};
 }
 
 std::vector<const VersionHistory::Version*> VersionHistory::oldestFirst() const

@@ -46,9 +46,9 @@ public:
 
     /// What add did.
     struct Placed {
-        bool added;               ///< false when a version of the same load time was there
-        Region* predecessor;      ///< the region of the version loaded last before, or null
-        bool startJitRvaTaken;    ///< the region's start jit rva was named before, by an older owner
+        bool added;            ///< false when a version of the same load time was there
+        Region* closed;        ///< the region loaded last before, whose life this load ended
+        bool startJitRvaTaken; ///< the region's start jit rva was named before, by an older owner
     };
 
     bool empty() const { return m_newest == nullptr; }
@@ -63,7 +63,8 @@ public:
     /// its start jit rva is named by none.
     bool accepts(const Region& region) const;
 
-    /// Places `region` of `method` by its load time. Versions loaded later are made again above
+    /// Places `region` of `method` by its load time, and ends the life of the region loaded last
+    /// before it unless that one's has ended already. Versions loaded later are made again above
     /// it, as other histories may share them; a refused region changes nothing, and a region
     /// whose start jit rva was named before keeps the older owner.
     Placed add(Region& region, JitMethod* method, Arena& arena);

@@ -30,7 +30,8 @@ TEST(VersionHistoryTest, SharedStartsKeepTheFirstOwner)
     EXPECT_FALSE(history.accepts(full));
     const VersionHistory::Placed placed = history.add(full, fake(2), arena);
     EXPECT_TRUE(placed.added && placed.startJitRvaTaken);
-    EXPECT_EQ(&empty, placed.predecessor);
+    EXPECT_EQ(&empty, placed.closed);
+    EXPECT_EQ(200u, empty.unloadTime());
     EXPECT_EQ(fake(1), history.newest()->owner);
 
     EXPECT_FALSE(history.accepts(again));
