@@ -1,5 +1,6 @@
-// Windows PDB files through the symbol binder: every sequence point of the real files against
-// the dumps their origin project asserts, the binder's matching, damaged and cut files.
+// Windows PDB files through the symbol binder: every sequence point of the real files, and of their
+// Portable PDB twins, against the dumps their origin project asserts; the binder's matching,
+// damaged and cut files.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -78,19 +79,21 @@ std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader
     return text;
 }
 
-TEST(WindowsPdb, EverySequencePointDocumentAndHashAsTheExpectedDumps)
+// The Portable PDB builds of the same sources convert to the same dumps.
+TEST(WindowsPdb, EverySequencePointDocumentAndHashOfBothKindsAsTheExpectedDumps)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    for (const char* name : {"Documents", "Iterator"}) {
-        SCOPED_TRACE(name);
-        const std::string assembly = folder + "/symreader-converter/windows/" + name + ".dll";
-        ComPtr<ISymUnmanagedReader> reader;
-        ASSERT_EQ(S_OK, readerFor(assembly, reader));
-        const std::string expected =
-            expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
-        EXPECT_NE(std::string::npos, expected.find("hidden"));
-        EXPECT_EQ(expected, readMethods(assembly, *reader.get()));
-    }
+    for (const char* kind : {"windows", "portable"})
+        for (const char* name : {"Documents", "Iterator"}) {
+            SCOPED_TRACE(std::string(kind) + " " + name);
+            const std::string assembly = folder + "/symreader-converter/" + kind + "/" + name + ".dll";
+            ComPtr<ISymUnmanagedReader> reader;
+            ASSERT_EQ(S_OK, readerFor(assembly, reader));
+            const std::string expected =
+                expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
+            EXPECT_NE(std::string::npos, expected.find("hidden"));
+            EXPECT_EQ(expected, readMethods(assembly, *reader.get()));
+        }
 }
 
 /// The offset of the first `pattern` in `bytes`.
