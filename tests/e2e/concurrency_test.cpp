@@ -13,12 +13,7 @@ using namespace velmark_3_11;
 
 namespace {
 
-struct Point {
-    unsigned long long time;
-    unsigned long long address;
-    unsigned int pid;
-    unsigned int host;
-};
+struct Point { unsigned long long time; unsigned long long address; unsigned int pid; unsigned int host; };
 
 /// What an analyser would read of one sample point, as one text.
 std::string answer(IJitLoader& loader, ISymbolResolver& resolver, const Point& p)

@@ -81,11 +81,7 @@ inline std::vector<std::wstring> methodNames(velmark_3_11::ISymbolResolver& reso
     return names;
 }
 
-struct Frame {
-    std::wstring name;
-    unsigned int rawId;
-    unsigned int line;
-};
+struct Frame { std::wstring name; unsigned int rawId; unsigned int line; };
 
 /// The method at `jitRva` and the methods inlined there, outermost first, with their lines.
 inline std::vector<Frame> framesAt(velmark_3_11::ISymbolResolver& resolver, unsigned long long jitRva)

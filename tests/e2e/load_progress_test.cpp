@@ -35,10 +35,7 @@ TEST(LoadProgress, ReportsTheBytesOfEachFileAgainstTheTotalAndChangesNoAnswer)
     }
     const unsigned long long total = sizes[0] + sizes[1] + sizes[2] + sizes[3];
 
-    struct Case {
-        bool withCallback;
-        std::vector<std::pair<unsigned long long, unsigned long long>> expected;
-    };
+    struct Case { bool withCallback; std::vector<std::pair<unsigned long long, unsigned long long>> expected; };
     const Case cases[] = {
         {true, {{0, total}, {sizes[2], total}, {sizes[2] + sizes[1], total},
                 {sizes[2] + sizes[1] + sizes[0], total}, {total, total}}},

@@ -78,11 +78,7 @@ TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreReadOnce)
 
 TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothArchitectures)
 {
-    const struct {
-        bool profiler;
-        std::uint16_t firstArch;
-        std::vector<std::wstring> modules;
-    } cases[] = {
+    const struct { bool profiler; std::uint16_t firstArch; std::vector<std::wstring> modules; } cases[] = {
         {true, 0, {L"/opt/app/app.dll", L"/opt/app/app.dll (64)", L"[Dynamic code] (64)"}},
         {false, 0, {L"/opt/app/app.dll", L"/opt/app/app.dll", L"[Dynamic code]"}},
         {true, 1, {L"/opt/app/app.dll", L"/opt/app/app.dll", L"[Dynamic code]"}}, // architecture 0 never seen
@@ -126,11 +122,7 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
     ASSERT_TRUE(resolver && loader);
     // a/host.5.jit is registered first and owns the jit rvas from 1; b/host.5.jit follows it.
     const unsigned long long olderBase = 1 + second.size();
-    const struct {
-        unsigned long long time;
-        const wchar_t* name;
-        unsigned long long jitRva;
-    } points[] = {
+    const struct { unsigned long long time; const wchar_t* name; unsigned long long jitRva; } points[] = {
         {150, L"App::Main::older", olderBase + 0x10},
         {200, L"App::Main::newer", 1 + 0x10},
         {1000, L"App::Main::newer", 1 + 0x10},

@@ -41,10 +41,7 @@ std::vector<unsigned char> fileRows(const std::vector<LineNumberEntry>& rows)
 // what those hold takes the general form. A small table has six bytes of header.
 TEST(LineTable, EveryRowComesBackExactly)
 {
-    const struct {
-        std::vector<LineNumberEntry> rows;
-        std::size_t bytes;
-    } cases[] = {
+    const struct { std::vector<LineNumberEntry> rows; std::size_t bytes; } cases[] = {
         {{{0, 32, 10}, {32, 64, 11}, {64, 96, 11}, {96, 100, 9}}, 6 + 2 + 1 + 2 + 2},
         {{{0, 0, 0}}, 6 + 2},
         // The largest length and steps of the two-byte form, then the first ones past them.

@@ -263,10 +263,7 @@ TEST(MetadataImport, NamesAreCutToTheBufferAndBadTokensFail)
     EXPECT_EQ(S_OK, import->GetTypeRefProps(mdtTypeRef | 1, &scope, reference, 512, &length));
     EXPECT_NE(std::wstring::npos, std::wstring(reference).find(L"System.")) << toUtf8(reference);
 
-    struct Case {
-        mdToken token;
-        HRESULT method, typeDef, attribute;
-    };
+    struct Case { mdToken token; HRESULT method, typeDef, attribute; };
     const Case cases[] = {
         {mdtMethodDef | 0, CLDB_E_INDEX_NOTFOUND, E_INVALIDARG, E_INVALIDARG},
         {mdtMethodDef | 0xFFFFFF, CLDB_E_INDEX_NOTFOUND, E_INVALIDARG, E_INVALIDARG},
@@ -374,13 +371,7 @@ TEST(PeImage, DamagedHeadersFailAsNoImageOrAsCorrupt)
     ASSERT_EQ('#', foo[streams + 8]);
     ASSERT_EQ('~', foo[streams + 9]);
 
-    struct Case {
-        const char* what;
-        std::size_t at;
-        std::uint32_t value;
-        int size;
-        HRESULT result;
-    };
+    struct Case { const char* what; std::size_t at; std::uint32_t value; int size; HRESULT result; };
     const Case cases[] = {
         {"no MZ", 0, 0x5858, 2, COR_E_BADIMAGEFORMAT},
         {"PE header past the end", 0x3C, 0xFFFFFFF0, 4, COR_E_BADIMAGEFORMAT},
@@ -581,13 +572,7 @@ TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
     temp.write("stranger/foo.pdb", jrtest::readBytes(folder + "/symreader-converter/portable/Documents.pdb"));
     const std::wstring symbolic = toWide(folder + "/symbolic");
 
-    struct Case {
-        const char* what;
-        std::string assembly;
-        std::wstring searchPath;
-        ULONG32 policy;
-        HRESULT result;
-    };
+    struct Case { const char* what; std::string assembly; std::wstring searchPath; ULONG32 policy; HRESULT result; };
     const Case cases[] = {
         {"beside, not allowed", paired, L"", AllowOriginalPathAccess, HRESULT_FILE_NOT_FOUND},
         {"beside, allowed", paired, L"", AllowReferencePathAccess, S_OK},
