@@ -73,8 +73,7 @@ TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeChangesNoOtherFileAndKeepsIts
         root.write("d/host.3.jit", last.bytes());
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
         auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-        auto directories = e2e::dirs(root, {"d"});
-        auto loader = IJitLoader::create(directories);
+        auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
         ASSERT_TRUE(resolver && loader);
 
         std::vector<std::wstring> names{L"App::Main::a"};

@@ -54,10 +54,8 @@ TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFil
         for (const auto& file : layout.files)
             root.write(file.first, file.second->bytes());
         auto resolver = e2e::resolverOf(e2e::dirs(root, {"a", "b"}));
-        auto directories = e2e::dirs(root, {"a", "b"});
-        auto loader = IJitLoader::create(directories);
-        ASSERT_TRUE(resolver);
-        ASSERT_TRUE(loader);
+        auto loader = e2e::loaderOf(e2e::dirs(root, {"a", "b"}));
+        ASSERT_TRUE(resolver && loader);
         for (const auto& sample : samples) {
             unsigned long long jitRva = 0;
             boost::intrusive_ptr<IModule> module;

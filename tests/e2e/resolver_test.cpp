@@ -60,8 +60,7 @@ TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreReadOnce)
 
     jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
     auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-    auto directories = e2e::dirs(root, {"d"});
-    auto loader = IJitLoader::create(directories);
+    auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
     ASSERT_TRUE(resolver && loader);
     EXPECT_EQ((std::vector<std::wstring>{L"App::Main::one", L"App::Main::two", L"App::Main::three"}),
               e2e::methodNames(*resolver));
@@ -117,8 +116,7 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
     write(root, "a/host.5.jit", second);
 
     auto resolver = e2e::resolverOf(e2e::dirs(root, {"b", "a"}));
-    auto loaderDirectories = e2e::dirs(root, {"b", "a"});
-    auto loader = IJitLoader::create(loaderDirectories);
+    auto loader = e2e::loaderOf(e2e::dirs(root, {"b", "a"}));
     ASSERT_TRUE(resolver && loader);
     // a/host.5.jit is registered first and owns the jit rvas from 1; b/host.5.jit follows it.
     const unsigned long long olderBase = 1 + second.size();
@@ -175,8 +173,7 @@ TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
         .load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 300, "new"));
     const std::string path = write(root, "d/node.one.7.jit", trace);
     root.write("d/node.one.8.jit", {0xff, 0xff, 0xff, 0xff}); // never asked about, never read
-    auto directories = e2e::dirs(root, {"d"});
-    auto loader = IJitLoader::create(directories);
+    auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
     ASSERT_TRUE(loader);
     unsigned long long jitRva = 0;
     boost::intrusive_ptr<IModule> module;
