@@ -9,11 +9,6 @@ using namespace tracewriter;
 
 namespace {
 
-std::string write(const jrtest::TempDir& root, const std::string& file, const TraceWriter& trace)
-{
-    return root.write(file, trace.bytes());
-}
-
 TEST(SymbolResolver, BitnessFilterEndsTheReadingAtTheOtherGroup)
 {
     jrtest::TempDir root;
@@ -22,7 +17,7 @@ TEST(SymbolResolver, BitnessFilterEndsTheReadingAtTheOtherGroup)
         .load(kFunctionLoad32_v3, e2e::method(1, 0x1000, 0x40, 100, "first32"))
         .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 110, "then64"))
         .load(kFunctionLoad32_v3, e2e::method(3, 0x3000, 0x40, 120, "again32"));
-    write(root, "d/host.1.jit", trace);
+    root.write("d/host.1.jit", trace.bytes());
 
     const struct {
         int arch; // -1: the overload without architecture
@@ -54,9 +49,9 @@ TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreReadOnce)
         .frame(99, {1, 2, 3, 4})
         .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 100, "lost"));
     good3.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "three"));
-    write(root, "d/host.1.jit", good1);
-    const std::string corruptPath = write(root, "d/host.2.jit", corrupt);
-    write(root, "d/host.3.jit", good3);
+    root.write("d/host.1.jit", good1.bytes());
+    const std::string corruptPath = root.write("d/host.2.jit", corrupt.bytes());
+    root.write("d/host.3.jit", good3.bytes());
 
     jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
     auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
@@ -95,7 +90,7 @@ TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothA
         trace.load(kFunctionLoad64_v3, first)
             .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 100, "wide"))
             .load(kFunctionLoad64_v3, dynamic);
-        write(root, "d/host.1.jit", trace);
+        root.write("d/host.1.jit", trace.bytes());
 
         auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
         ASSERT_TRUE(resolver);
@@ -112,8 +107,8 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
     TraceWriter first, second;
     first.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "older"));
     second.magic().load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 200, "newer"));
-    write(root, "b/host.5.jit", first); // "a" sorts first, but time decides who answers
-    write(root, "a/host.5.jit", second);
+    root.write("b/host.5.jit", first.bytes()); // "a" sorts first, but time decides who answers
+    root.write("a/host.5.jit", second.bytes());
 
     auto resolver = e2e::resolverOf(e2e::dirs(root, {"b", "a"}));
     auto loader = e2e::loaderOf(e2e::dirs(root, {"b", "a"}));
@@ -171,7 +166,7 @@ TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
     trace.magic()
         .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "old"))
         .load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 300, "new"));
-    const std::string path = write(root, "d/node.one.7.jit", trace);
+    const std::string path = root.write("d/node.one.7.jit", trace.bytes());
     root.write("d/node.one.8.jit", {0xff, 0xff, 0xff, 0xff}); // never asked about, never read
     auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
     ASSERT_TRUE(loader);
