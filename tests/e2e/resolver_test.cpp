@@ -1,3 +1,9 @@
+// The exported factories over written result directories: the resolver, the loader and the
+// process list, inline frames across files, load progress, and files that keep to their own jit
+// rvas.
+#include <utility>
+#include <vector>
+
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
@@ -217,6 +223,213 @@ TEST(JitProcesses, ListsProcessesOfEveryHostWithoutReading)
         for (auto it = processes->getProcessIds(); !it.at_end(); it.next())
             ids.push_back(it.current());
         EXPECT_EQ((std::vector<unsigned int>{4, 30, 9}), ids); // host alpha first
+    }
+}
+
+InlineLoad inlined(std::uint32_t id, std::uint32_t parent, std::uint64_t address, std::uint32_t size,
+                   const std::string& name, std::uint32_t line)
+{
+    return InlineLoad{id,   parent, 100, 1, address, size, e2e::code(size), "", 1, name, "Lcom/example/Inner;",
+                      "Inner.java", 5, {{0, size, line}}};
+}
+
+TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFileOfTheStore)
+{
+    // J is inlined into I, and I into P; the records arrive as J, I, P. Another process's file
+    // follows, so that every file of process 7 is finalised more than once.
+    TraceWriter inlines, parent, other;
+    inlines.magic()
+        .collectorType(1)
+        .inlineLoad(kFunctionInlineLoad64, inlined(3, 2, 0x1020, 0x10, "size()I", 300))
+        .inlineLoad(kFunctionInlineLoad64, inlined(2, 1, 0x1010, 0x40, "get(I)Ljava/lang/Object;", 200));
+    parent.magic().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10));
+    other.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "other"));
+    TraceWriter oneFile = inlines;
+    oneFile.raw(TraceWriter().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10)).bytes());
+
+    const struct {
+        const char* name;
+        std::vector<std::pair<std::string, const TraceWriter*>> files;
+        unsigned long long parentBase; // the parent's first jit rva
+    } layouts[] = {
+        {"one file", {{"a/host.7.jit", &oneFile}, {"b/host.8.jit", &other}}, 1},
+        {"parent in a later file than its inlines",
+         {{"a/host.7.jit", &inlines}, {"b/host.7.jit", &parent}, {"b/host.8.jit", &other}},
+         1 + inlines.size()},
+    };
+    const struct {
+        unsigned long long address;
+        std::vector<std::pair<std::wstring, unsigned int>> frames; // name, line
+    } samples[] = {
+        {0x1004, {{L"App::Main::run", 10}}},
+        {0x1014, {{L"App::Main::run", 11}, {L"com::example::Inner::get", 200}}},
+        {0x1024, {{L"App::Main::run", 12}, {L"com::example::Inner::get", 200}, {L"com::example::Inner::size", 300}}},
+        {0x104f, {{L"App::Main::run", 14}, {L"com::example::Inner::get", 200}}},
+        {0x1050, {{L"App::Main::run", 15}}},
+    };
+    for (const auto& layout : layouts) {
+        SCOPED_TRACE(layout.name);
+        jrtest::TempDir root;
+        for (const auto& file : layout.files)
+            root.write(file.first, file.second->bytes());
+        auto resolver = e2e::resolverOf(e2e::dirs(root, {"a", "b"}));
+        auto loader = e2e::loaderOf(e2e::dirs(root, {"a", "b"}));
+        ASSERT_TRUE(resolver && loader);
+        for (const auto& sample : samples) {
+            unsigned long long jitRva = 0;
+            boost::intrusive_ptr<IModule> module;
+            ASSERT_EQ(meSuccess, loader->resolveModule(150, sample.address, 7, 1, &jitRva, module));
+            EXPECT_EQ(layout.parentBase + sample.address - 0x1000, jitRva);
+            std::vector<std::pair<std::wstring, unsigned int>> frames;
+            for (const e2e::Frame& frame : e2e::framesAt(*resolver, jitRva))
+                frames.emplace_back(frame.name, frame.line);
+            EXPECT_EQ(sample.frames, frames) << std::hex << sample.address;
+        }
+    }
+}
+
+void record(unsigned long long done, unsigned long long total, void* context)
+{
+    static_cast<std::vector<std::pair<unsigned long long, unsigned long long>>*>(context)->push_back({done, total});
+}
+
+TEST(LoadProgress, ReportsTheBytesOfEachFileAgainstTheTotalAndChangesNoAnswer)
+{
+    jrtest::TempDir root;
+    std::vector<unsigned long long> sizes;
+    // The files of a host's processes are read host by host, process by process: the order of
+    // the reports, whatever the order of the names.
+    const struct {
+        const char* path;
+        std::uint32_t methods;
+    } files[] = {{"d/b.7.jit", 1}, {"d/a.9.jit", 3}, {"d/a.2.jit", 2}, {"e/b.7-1.jit", 1}};
+    for (const auto& file : files) {
+        TraceWriter trace;
+        trace.magic();
+        for (std::uint32_t i = 0; i < file.methods; ++i)
+            trace.load(kFunctionLoad64_v3, e2e::method(i + 1, 0x1000 + i * 0x100, 0x40, 100, "m"));
+        root.write(file.path, trace.bytes());
+        sizes.push_back(trace.bytes().size());
+    }
+    const unsigned long long total = sizes[0] + sizes[1] + sizes[2] + sizes[3];
+
+    struct Case { bool withCallback; std::vector<std::pair<unsigned long long, unsigned long long>> expected; };
+    const Case cases[] = {
+        {true, {{0, total}, {sizes[2], total}, {sizes[2] + sizes[1], total},
+                {sizes[2] + sizes[1] + sizes[0], total}, {total, total}}},
+        {false, {}},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::pair<unsigned long long, unsigned long long>> reports;
+        LoadProgress progress;
+        if (c.withCallback) {
+            progress.callback = &record;
+            progress.context = &reports;
+        }
+        auto directories = e2e::dirs(root, {"d", "e"});
+        boost::intrusive_ptr<ISymbolFileLocator> locator;
+        const auto resolver = createSymbolResolver(directories, locator, progress);
+        ASSERT_TRUE(resolver);
+        EXPECT_EQ(c.expected, reports);
+        EXPECT_EQ(e2e::methodNames(*e2e::resolverOf(e2e::dirs(root, {"d", "e"}))), e2e::methodNames(*resolver));
+    }
+
+    auto missing = e2e::dirs(root, {"nowhere"});
+    boost::intrusive_ptr<ISymbolFileLocator> locator;
+    std::vector<std::pair<unsigned long long, unsigned long long>> reports;
+    EXPECT_FALSE(createSymbolResolver(missing, locator, LoadProgress{&record, &reports}));
+    EXPECT_TRUE(reports.empty());
+}
+
+// Every trace file numbers its code in a space of its own: what one file holds, damaged or
+// outgrowing its range, never changes the answers for another.
+constexpr unsigned long long kWindowBase = 1ull << 48;
+constexpr unsigned long long kWindowSize = 1ull << 32;
+
+/// A load record whose range claims `size` bytes while carrying `byteCount` of them.
+MethodLoad claiming(std::uint32_t rawId, std::uint64_t address, std::uint32_t size, std::uint32_t byteCount,
+                    std::uint64_t loadTime, const std::string& name)
+{
+    MethodLoad record = e2e::method(rawId, address, byteCount, loadTime, name);
+    record.ranges[0].size = size;
+    record.nativeToSource.clear();
+    return record;
+}
+
+UpdateV2 patch(std::uint64_t address, std::uint64_t loadTime)
+{
+    return UpdateV2{1, loadTime, 0, "patch", address, 0x10, e2e::code(0x10)};
+}
+
+TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeChangesNoOtherFileAndKeepsItsCode)
+{
+    TraceWriter first, last;
+    first.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "a"));
+    last.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "c"));
+    TraceWriter intact, flipped, patched, overrun;
+    intact.magic()
+        .load(kFunctionLoad64_v3, claiming(1, 0x1000, 0xA0, 0xA0, 100, "b"))
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x40, 100, "b2"));
+    // One flipped byte: the range size 0xA0 became 0x070000A0.
+    flipped.magic()
+        .load(kFunctionLoad64_v3, claiming(1, 0x1000, 0x070000A0, 0xA0, 100, "b"))
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x40, 100, "b2"));
+    // Each update takes the whole old region's length of jit rvas for a record of a few bytes.
+    patched.magic().load(kFunctionLoad64_v3, claiming(1, 0x1000, 0x400, 0x400, 100, "b"));
+    for (std::uint64_t time = 200; time <= 600; time += 100)
+        patched.updateV2(patch(0x1010, time));
+    patched.load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x40, 700, "b2"));
+    // The window holds 2^32 jit rvas: the second record is refused, the third still fits.
+    overrun.magic()
+        .load(kFunctionLoad64_v3, claiming(1, 0x1000, 0xFFFFFFF0u, 0x10, 100, "b"))
+        .load(kFunctionLoad64_v3, claiming(3, 0x7000, 0x100, 0x10, 100, "refused"))
+        .load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x8, 100, "b2"));
+
+    const struct {
+        const char* name;
+        const TraceWriter* middle;
+        std::vector<std::wstring> middleNames;
+        unsigned long long bTime;
+        bool bInWindow;
+        std::size_t refusals;
+    } cases[] = {
+        {"intact", &intact, {L"b", L"b2"}, 150, false, 0},
+        {"range size flipped", &flipped, {L"b", L"b2"}, 150, true, 0},
+        {"update copies", &patched, {L"b", L"", L"b2"}, 650, true, 0}, // an update's method has no name
+        {"window overrun", &overrun, {L"b", L"b2"}, 150, true, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        jrtest::TempDir root;
+        root.write("d/host.1.jit", first.bytes());
+        const std::string middlePath = root.write("d/host.2.jit", c.middle->bytes());
+        root.write("d/host.3.jit", last.bytes());
+        jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
+        auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
+        auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
+        ASSERT_TRUE(resolver && loader);
+
+        std::vector<std::wstring> names{L"App::Main::a"};
+        for (const std::wstring& name : c.middleNames)
+            names.push_back(name.empty() ? name : L"App::Main::" + name);
+        names.push_back(L"App::Main::c");
+        EXPECT_EQ(names, e2e::methodNames(*resolver));
+        const unsigned long long lastBase = 1 + first.size() + c.middle->size();
+        const e2e::Answer a = e2e::answer(*loader, *resolver, 150, 0x1010, 1);
+        const e2e::Answer cc = e2e::answer(*loader, *resolver, 150, 0x1010, 3);
+        EXPECT_TRUE(a.loader == meSuccess && a.jitRva == 0x11 && a.resolved && a.name == L"App::Main::a");
+        EXPECT_TRUE(cc.loader == meSuccess && cc.jitRva == lastBase + 0x10 && cc.resolved && cc.name == L"App::Main::c");
+
+        // The middle file's own code: all of it, in its window once its range is used up.
+        for (const auto& point : {std::make_pair(c.bTime, 0x1010ull), std::make_pair(800ull, 0x104ull)}) {
+            const e2e::Answer b = e2e::answer(*loader, *resolver, point.first, point.second, 2);
+            EXPECT_TRUE(b.loader == meSuccess && b.resolved) << point.second;
+            const bool inWindow = b.jitRva >= kWindowBase + kWindowSize && b.jitRva < kWindowBase + 2 * kWindowSize;
+            EXPECT_EQ(c.bInWindow, inWindow) << std::hex << b.jitRva;
+        }
+        // Once for the resolver and once for the loader, and nothing else.
+        EXPECT_EQ(2 * c.refusals, log.count(log4cplus::ERROR_LOG_LEVEL, "bytes in jit file " + middlePath));
+        EXPECT_EQ(2 * c.refusals, log.texts(log4cplus::ERROR_LOG_LEVEL).size()) << log.dump();
     }
 }
 
