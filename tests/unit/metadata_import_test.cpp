@@ -529,37 +529,6 @@ TEST(SymBinder, SequencePointsAndNearestPointLookupsOfRealMethods)
         EXPECT_EQ(lookup[2], lineAt(*reader.get(), mdtMethodDef | lookup[0], lookup[1])) << lookup[0];
 }
 
-TEST(SymBinder, DocumentsTellTheirHashAlgorithmAndHashSizeAndCutTheirUrl)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    ComPtr<ISymUnmanagedReader> reader;
-    ASSERT_EQ(S_OK, readerFor(folder + "/symreader-converter/portable/Documents.dll", reader));
-    ComPtr<ISymUnmanagedMethod> method;
-    ASSERT_EQ(S_OK, reader->GetMethod(0x06000001, method.put()));
-    ISymUnmanagedDocument* documents[2] = {};
-    ULONG32 count = 0;
-    ASSERT_EQ(S_OK, method->GetSequencePoints(2, &count, nullptr, documents, nullptr, nullptr, nullptr, nullptr));
-    ASSERT_EQ(2u, count);
-    // C:\Documents.cs with its SHA-1, then 1.cs, which has no hash; the dumps of the Windows PDB
-    // test hold their texts.
-    const GUID sha1 = {0xFF1816EC, 0xAA5E, 0x4D10, {0x87, 0xF7, 0x6F, 0x49, 0x63, 0x83, 0x34, 0x60}};
-    for (int i = 0; i < 2; ++i) {
-        GUID algorithm{};
-        EXPECT_EQ(S_OK, documents[i]->GetCheckSumAlgorithmId(&algorithm));
-        EXPECT_TRUE(algorithm == (i == 0 ? sha1 : GUID{}));
-        ULONG32 size = 99;
-        EXPECT_EQ(S_OK, documents[i]->GetCheckSum(0, &size, nullptr)); // the size alone
-        EXPECT_EQ(i == 0 ? 20u : 0u, size);
-    }
-    wchar_t cut[4];
-    ULONG32 length = 0;
-    EXPECT_EQ(S_OK, documents[0]->GetURL(4, &length, cut));
-    EXPECT_EQ(std::wstring(L"C:\\"), cut);
-    EXPECT_EQ(sizeof "C:\\Documents.cs", length);
-    documents[0]->Release();
-    documents[1]->Release();
-}
-
 TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);

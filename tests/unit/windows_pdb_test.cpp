@@ -48,7 +48,8 @@ std::string expectedMethods(const std::string& dumpPath)
             at[(*it)[1]] = (*it)[2];
         const auto number = [&](const char* name) { return static_cast<ULONG32>(std::stoul(at[name], nullptr, 0)); };
         if (line.find("<file ") != std::string::npos)
-            files.push_back(at["name"] + (at["checksum"].empty() ? "" : " " + at["checksum"]));
+            files.push_back(at["name"] +
+                            (at["checksum"].empty() ? "" : " " + at["checksumAlgorithm"] + " " + at["checksum"]));
         else if (line.find("<method ") != std::string::npos)
             method = at["name"] + "\n";
         else if (line.find("<entry ") != std::string::npos)
