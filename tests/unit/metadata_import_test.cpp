@@ -540,6 +540,16 @@ TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
     const std::string stranger = temp.write("stranger/foo.dll", foo);
     temp.write("stranger/foo.pdb", jrtest::readBytes(folder + "/symreader-converter/portable/Documents.pdb"));
     const std::wstring symbolic = toWide(folder + "/symbolic");
+    // Documents.dll beside its Windows PDB, once with another age in its CodeView entry and once
+    // with another signature in the debug file.
+    const std::string windows = folder + "/symreader-converter/windows/Documents";
+    std::vector<unsigned char> dll = jrtest::readBytes(windows + ".dll"), pdb = jrtest::readBytes(windows + ".pdb");
+    const std::string otherSignature = temp.write("signature/Documents.dll", dll);
+    jrtest::put(dll, jrtest::find(dll, {'R', 'S', 'D', 'S'}) + 20, 2);
+    const std::string olderAge = temp.write("age/Documents.dll", dll);
+    temp.write("age/Documents.pdb", pdb);
+    pdb[jrtest::find(pdb, {0x9A, 0x36, 0x63, 0x81})] ^= 1;
+    temp.write("signature/Documents.pdb", pdb);
 
     struct Case { const char* what; std::string assembly; std::wstring searchPath; ULONG32 policy; HRESULT result; };
     const Case cases[] = {
@@ -548,7 +558,9 @@ TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
         {"nowhere", alone, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
         {"in the search path", alone, L"/nonexistent;" + symbolic, 0, S_OK},
         {"another build's file", stranger, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"a Windows PDB", folder + "/symreader-converter/windows/Documents.dll", L"", kPolicy, S_OK},
+        {"a Windows PDB", windows + ".dll", L"", kPolicy, S_OK},
+        {"a Windows PDB of another age", olderAge, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"a Windows PDB of another signature", otherSignature, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
         {"no assembly", folder + "/symbolic/foo.pdb", L"", kPolicy, COR_E_BADIMAGEFORMAT},
         {"no file", temp.file("missing.dll"), L"", kPolicy, HRESULT_FILE_NOT_FOUND},
     };
