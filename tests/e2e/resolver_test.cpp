@@ -133,8 +133,9 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
     EXPECT_EQ(meFail, e2e::answer(*loader, *resolver, 99, 0x1010, 5).loader);
 }
 
-// The three factories refuse the same directories and take an empty one.
-TEST(SymbolResolver, CreationFailuresAndEmptyInputs)
+// The three factories refuse the same directories and take an empty one; the process list names
+// processes without reading their files.
+TEST(SymbolResolver, CreationFailuresEmptyInputsAndAProcessListThatReadsNothing)
 {
     jrtest::TempDir root;
     root.write("file.txt", {1});
@@ -163,6 +164,19 @@ TEST(SymbolResolver, CreationFailuresAndEmptyInputs)
     EXPECT_EQ(0x1234u, result);
     EXPECT_EQ(meFail, resolver->translateJitAddress(1, 0x1234, nullptr, &result));
     EXPECT_EQ(meFileNotRegistered, resolver->translateJitAddress(1, 0x1234, L"/nowhere/host.1.jit", &result));
+
+    // Not even valid traces: the process list reads none of them, and lists host alpha first.
+    for (const char* name : {"beta.9.jit", "alpha.30-0.jit", "alpha.30-1.jit", "alpha.30-2.jit", "alpha.4.jit"})
+        root.write(std::string("x/") + name, {1});
+    auto listed = e2e::dirs(root, {"x"});
+    auto processes = IJitProcesses::create(listed);
+    ASSERT_TRUE(processes);
+    for (int pass = 0; pass < 2; ++pass) {
+        std::vector<unsigned int> ids;
+        for (auto it = processes->getProcessIds(); !it.at_end(); it.next())
+            ids.push_back(it.current());
+        EXPECT_EQ((std::vector<unsigned int>{4, 30, 9}), ids);
+    }
 }
 
 TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
@@ -207,23 +221,6 @@ TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
     auto gac = loader->createModuleEvaluator(L"C:\\Windows\\assembly\\GAC_64\\x.dll");
     ASSERT_TRUE(gac);
     EXPECT_EQ(meSuccess, gac->isNativeImage());
-}
-
-TEST(JitProcesses, ListsProcessesOfEveryHostWithoutReading)
-{
-    jrtest::TempDir root;
-    // Not even valid traces: nothing is read.
-    for (const char* name : {"beta.9.jit", "alpha.30-0.jit", "alpha.30-1.jit", "alpha.30-2.jit", "alpha.4.jit"})
-        root.write(std::string("x/") + name, {1});
-    auto directories = e2e::dirs(root, {"x"});
-    auto processes = IJitProcesses::create(directories);
-    ASSERT_TRUE(processes);
-    for (int pass = 0; pass < 2; ++pass) {
-        std::vector<unsigned int> ids;
-        for (auto it = processes->getProcessIds(); !it.at_end(); it.next())
-            ids.push_back(it.current());
-        EXPECT_EQ((std::vector<unsigned int>{4, 30, 9}), ids); // host alpha first
-    }
 }
 
 InlineLoad inlined(std::uint32_t id, std::uint32_t parent, std::uint64_t address, std::uint32_t size,
