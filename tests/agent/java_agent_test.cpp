@@ -142,10 +142,7 @@ TEST(JavaAgent, TraceOfARealVirtualMachineResolvesToMethodsInlineFramesAndCode)
 
 TEST(JavaAgent, RefusesToStartWithoutATraceFileAndSaysWhy)
 {
-    const struct {
-        std::string options;
-        std::string message;
-    } cases[] = {
+    const struct { std::string options; std::string message; } cases[] = {
         {"", "jitagent: expected the option dir=DIRECTORY"},
         {"=dir=/nonexistent/traces", "jitagent: can't create /nonexistent/traces/"},
     };

@@ -13,12 +13,7 @@ using namespace velmark_3_11;
 
 namespace {
 
-struct Point {
-    unsigned long long time;
-    unsigned long long address;
-    unsigned int pid;
-    unsigned int host;
-};
+struct Point { unsigned long long time; unsigned long long address; unsigned int pid; unsigned int host; };
 
 /// What an analyser would read of one sample point, as one text.
 std::string answer(IJitLoader& loader, ISymbolResolver& resolver, const Point& p)
@@ -63,15 +58,13 @@ TEST(Concurrency, LookupsBesideLazyReadsAnswerAsOneThreadDoes)
         }
     ASSERT_GT(points.size(), 1000u);
 
-    auto singleDirs = e2e::dirs(root, dirs);
-    auto single = IJitLoader::create(singleDirs);
+    auto single = e2e::loaderOf(e2e::dirs(root, dirs));
     std::vector<std::string> expected;
     for (const Point& p : points)
         expected.push_back(answer(*single, *resolver, p));
     const std::size_t methodCount = e2e::methodNames(*resolver).size();
 
-    auto sharedDirs = e2e::dirs(root, dirs);
-    auto loader = IJitLoader::create(sharedDirs);
+    auto loader = e2e::loaderOf(e2e::dirs(root, dirs));
     ASSERT_TRUE(loader);
     constexpr std::size_t kThreads = 8;
     std::vector<std::size_t> mismatches(kThreads, 0);

@@ -72,6 +72,12 @@ inline boost::intrusive_ptr<velmark_3_11::ISymbolResolver> resolverOf(
     return velmark_3_11::ISymbolResolver::create(directories, locator);
 }
 
+inline boost::intrusive_ptr<velmark_3_11::IJitLoader> loaderOf(
+    basekit2::generic_iterator_t<const wchar_t*> directories)
+{
+    return velmark_3_11::IJitLoader::create(directories);
+}
+
 /// Names of all methods of a resolver, in order.
 inline std::vector<std::wstring> methodNames(velmark_3_11::ISymbolResolver& resolver)
 {
@@ -81,11 +87,7 @@ inline std::vector<std::wstring> methodNames(velmark_3_11::ISymbolResolver& reso
     return names;
 }
 
-struct Frame {
-    std::wstring name;
-    unsigned int rawId;
-    unsigned int line;
-};
+struct Frame { std::wstring name; unsigned int rawId; unsigned int line; };
 
 /// The method at `jitRva` and the methods inlined there, outermost first, with their lines.
 inline std::vector<Frame> framesAt(velmark_3_11::ISymbolResolver& resolver, unsigned long long jitRva)

@@ -33,8 +33,7 @@ TEST(NodeJitdump, AProfiledRunResolvesToItsFunctions)
     ASSERT_EQ(0, std::system(convert.c_str())) << convert;
 
     const auto resolver = e2e::resolverOf(e2e::dirs(root, {"traces"}));
-    auto directories = e2e::dirs(root, {"traces"});
-    const auto loader = IJitLoader::create(directories);
+    const auto loader = e2e::loaderOf(e2e::dirs(root, {"traces"}));
     ASSERT_TRUE(resolver && loader);
     unsigned int host = 0;
     ASSERT_EQ(meSuccess, loader->getHostId(L"node", &host));

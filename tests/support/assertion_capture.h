@@ -8,11 +8,7 @@
 
 namespace jrtest {
 
-struct AssertionReport {
-    std::string expression;
-    std::string message;
-    std::string function;
-};
+struct AssertionReport { std::string expression; std::string message; std::string function; };
 
 class AssertionCapture {
 public:

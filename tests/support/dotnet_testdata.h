@@ -1,6 +1,7 @@
 // The real .NET assemblies and debug files beside the project, for the metadata tests.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
 
 namespace jrtest {
 
@@ -38,6 +40,14 @@ inline std::uint32_t get32(const std::vector<unsigned char>& bytes, std::size_t 
 {
     return std::uint32_t(bytes[at]) | std::uint32_t(bytes[at + 1]) << 8 | std::uint32_t(bytes[at + 2]) << 16 |
            std::uint32_t(bytes[at + 3]) << 24;
+}
+
+/// The offset of the first `pattern` in `bytes`.
+inline std::size_t find(const std::vector<unsigned char>& bytes, const std::vector<unsigned char>& pattern)
+{
+    const auto found = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
+    EXPECT_NE(bytes.end(), found);
+    return static_cast<std::size_t>(found - bytes.begin());
 }
 
 /// Writes the low `size` bytes of `value` at `at`, little-endian.

@@ -11,10 +11,7 @@
 
 namespace jrtest {
 
-struct LogLine {
-    log4cplus::LogLevel level;
-    std::string text;
-};
+struct LogLine { log4cplus::LogLevel level; std::string text; };
 
 /// Replaces the logger's appenders by a recording one and sets its level; restores both when
 /// destroyed.

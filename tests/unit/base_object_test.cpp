@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "jitreader/exception.h"
-
 namespace velmark_3_11 {
 namespace {
 
@@ -61,14 +59,6 @@ TEST(BaseObject, CopyStartsAtZeroAndAssignmentCopiesTheCount)
     Probe assigned;
     assigned = *shared;
     EXPECT_EQ(2u, assigned.count());
-}
-
-TEST(Exception, WhatIsNullAndMessageIsKept)
-{
-    const Exception error(14, L"bad trace");
-    EXPECT_EQ(nullptr, error.what());
-    EXPECT_EQ(L"bad trace", error.getMessage());
-    EXPECT_EQ(14u, error.getCode());
 }
 
 } // namespace

@@ -116,15 +116,20 @@ std::string lines(CoreCLRSymbolReader& reader, int row, std::initializer_list<un
 
 TEST(ClrSymReader, ReadsHandBuiltFilesByItsOwnRules)
 {
-    Layout typeRefs, smallCoded, wideCoded, beyond64K;
+    Layout typeRefs, smallCoded, wideCoded, beyond64K, cut;
     typeRefs.leading = {{1, 10}}, typeRefs.leadingRows.resize(10 * 6);
     // Module refs (2 bytes a row) and one custom attribute, whose parent index has 5 tag bits.
     smallCoded.leading = {{12, 1}, {26, 2048}}, smallCoded.leadingRows.resize(6 + 2 * 2048);
     wideCoded.leading = {{12, 1}, {26, 2049}}, wideCoded.leadingRows.resize(8 + 2 * 2049);
     beyond64K.heapBeyond64K = true;
-    for (const Layout* layout : {&typeRefs, &smallCoded, &wideCoded, &beyond64K, &typeRefs}) {
+    cut.documents[0] = 46;
+    const std::pair<const Layout*, const char*> layouts[] = {
+        {&typeRefs, "/src/a.cs"}, {&smallCoded, "/src/a.cs"}, {&wideCoded, "/src/a.cs"}, {&beyond64K, "/src/a.cs"},
+        {&typeRefs, "/src/a.cs"}, {&cut, "/"}, // the part ends with the file
+    };
+    for (const auto& layout : layouts) {
         const jrtest::TempDir dir;
-        const std::wstring path = toWide(dir.write("a.pdb", build(*layout)));
+        const std::wstring path = toWide(dir.write("a.pdb", build(*layout.first)));
         jrtest::LogCapture log;
         CoreCLRSymbolReader reader(path.c_str());
         ASSERT_EQ(meSuccess, reader.load()) << log.dump();
@@ -133,17 +138,10 @@ TEST(ClrSymReader, ReadsHandBuiltFilesByItsOwnRules)
         EXPECT_EQ("0 - ", lines(reader, 2, {0, 1}));
         EXPECT_EQ("- ", lines(reader, 4, {0}));
         EXPECT_EQ("- ", lines(reader, 0, {0}));
-        EXPECT_EQ("/src/a.cs", documentName(reader, 1));
+        EXPECT_EQ(layout.second, documentName(reader, 1));
         EXPECT_EQ("\\src\\a.cs", documentName(reader, 2)); // the first part, "C:", is dropped
         EXPECT_EQ("untouched", documentName(reader, 4));
     }
-    Layout cut;
-    cut.documents[0] = 46;
-    const jrtest::TempDir dir;
-    const std::wstring path = toWide(dir.write("a.pdb", build(cut)));
-    CoreCLRSymbolReader reader(path.c_str());
-    ASSERT_EQ(meSuccess, reader.load());
-    EXPECT_EQ("/", documentName(reader, 1)); // the part ends with the file
 }
 
 struct Fault {

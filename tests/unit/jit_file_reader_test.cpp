@@ -30,11 +30,7 @@ MethodLoad load(std::uint32_t rawId, std::uint64_t address, std::uint32_t size, 
     return record;
 }
 
-struct ReadResult {
-    velmark_error_t result;
-    std::vector<std::wstring> names;
-    bool finalized;
-};
+struct ReadResult { velmark_error_t result; std::vector<std::wstring> names; bool finalized; };
 
 class Reader {
 public:

@@ -200,11 +200,7 @@ TEST(JitdumpImport, RecordsThatAreNotWholeAreReportedAndLeftOut)
     hugeHeader[9] = 0x03;
     Bytes loadPast = Dump().load(1, 0x1000, 0, "f", 8).bytes();
     loadPast[16 + 40 + 24] = 0x09; // code size 9 in a record with 8 code bytes
-    const struct {
-        Bytes bytes;
-        const char* message;
-        std::size_t loads;
-    } cases[] = {
+    const struct { Bytes bytes; const char* message; std::size_t loads; } cases[] = {
         {{}, "Could not convert jitdump file f: not a jitdump file (no JiTD magic number)", 0},
         {prefix(Dump().bytes(), 20), "f: the file header is not whole", 0},
         {hugeHeader, "f: the file header's size does not fit the file", 0},

@@ -18,11 +18,7 @@
 namespace jitreader_tool {
 namespace {
 
-struct CommandRun {
-    int code;
-    std::string out;
-    std::string err;
-};
+struct CommandRun { int code; std::string out; std::string err; };
 
 CommandRun run(int (*command)(const std::vector<std::string>&, std::ostream&, std::ostream&),
         const std::vector<std::string>& args)
@@ -42,12 +38,7 @@ std::size_t countOf(const std::string& text, const std::string& fragment)
 
 TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
 {
-    const struct {
-        std::string text;
-        bool good;
-        std::size_t count;
-        std::string error;
-    } cases[] = {
+    const struct { std::string text; bool good; std::size_t count; std::string error; } cases[] = {
         {"# comment\n\n100 0x1000 7 host\n0x10 4096 8 other.host\n", true, 2, ""},
         {"100 0x1000 7\n", false, 0, "line 1: expected TIME ADDRESS PID HOST"},
         {"1 2 3 h\n100 0x1000 seven host\n", false, 1, "line 2: not a number"},
@@ -129,10 +120,7 @@ TEST(JitreaderTool, BadDirectoriesNamesAndUnreadTraceFilesGiveClearErrorsAndStri
 
 TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnly)
 {
-    const struct {
-        unsigned long long done, total;
-        const char* text;
-    } cases[] = {
+    const struct { unsigned long long done, total; const char* text; } cases[] = {
         {0, 200ull << 20, "reading traces: 0% (0.0 of 200.0 MB)"},
         {90ull << 20, 200ull << 20, "reading traces: 45% (90.0 of 200.0 MB)"},
         {200ull << 20, 200ull << 20, "reading traces: 100% (200.0 of 200.0 MB)"},

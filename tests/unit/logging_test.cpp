@@ -14,9 +14,7 @@ namespace {
 constexpr auto kLogNumbers = logging::numbers_t::hex;
 
 // Counts how often it is written, to show that a disabled line builds no text.
-struct Costly {
-    int* writes;
-};
+struct Costly { int* writes; };
 std::wostream& operator<<(std::wostream& stream, const Costly& costly)
 {
     ++*costly.writes;

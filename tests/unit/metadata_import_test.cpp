@@ -263,10 +263,7 @@ TEST(MetadataImport, NamesAreCutToTheBufferAndBadTokensFail)
     EXPECT_EQ(S_OK, import->GetTypeRefProps(mdtTypeRef | 1, &scope, reference, 512, &length));
     EXPECT_NE(std::wstring::npos, std::wstring(reference).find(L"System.")) << toUtf8(reference);
 
-    struct Case {
-        mdToken token;
-        HRESULT method, typeDef, attribute;
-    };
+    struct Case { mdToken token; HRESULT method, typeDef, attribute; };
     const Case cases[] = {
         {mdtMethodDef | 0, CLDB_E_INDEX_NOTFOUND, E_INVALIDARG, E_INVALIDARG},
         {mdtMethodDef | 0xFFFFFF, CLDB_E_INDEX_NOTFOUND, E_INVALIDARG, E_INVALIDARG},
@@ -374,13 +371,7 @@ TEST(PeImage, DamagedHeadersFailAsNoImageOrAsCorrupt)
     ASSERT_EQ('#', foo[streams + 8]);
     ASSERT_EQ('~', foo[streams + 9]);
 
-    struct Case {
-        const char* what;
-        std::size_t at;
-        std::uint32_t value;
-        int size;
-        HRESULT result;
-    };
+    struct Case { const char* what; std::size_t at; std::uint32_t value; int size; HRESULT result; };
     const Case cases[] = {
         {"no MZ", 0, 0x5858, 2, COR_E_BADIMAGEFORMAT},
         {"PE header past the end", 0x3C, 0xFFFFFFF0, 4, COR_E_BADIMAGEFORMAT},
@@ -498,24 +489,6 @@ ULONG32 lineAt(ISymUnmanagedReader& reader, mdMethodDef token, ULONG32 offset)
     return line;
 }
 
-const char kDocumentsM[] = R"(0 7:7 5:6 C:\Documents.cs
-1 10:10 9:30 C:\a\b\c\d\1.cs
-8 20:20 9:30 C:\a\b\c\D\2.cs
-f 30:30 9:30 C:\a\b\C\d\3.cs
-16 40:40 9:30 C:\a\b\C\d\3.cs
-1d hidden C:\a\b\C\d\3.cs
-23 50:50 9:30 C:\a\b\c\d\x.cs
-2a 60:60 9:30 C:\A\b\c\x.cs
-31 70:70 9:30 C:\a\b\x.cs
-38 80:80 9:30 C:\a\B\3.cs
-3f 90:90 9:30 C:\a\B\c\4.cs
-46 100:100 9:30 C:\*\5.cs
-4d 110:110 9:30 :6.cs
-54 120:120 9:30 C:\a\b\X.cs
-5b 130:130 9:30 C:\a\B\x.cs
-62 131:131 5:6 C:\a\B\x.cs
-)";
-
 const char kPdbTargetMain[] = R"(0 21:21 3:4 C:\sources\PdbTarget\Program.cs
 1 22:22 4:11 C:\sources\PdbTarget\Program.cs
 2 22:22 24:28 C:\sources\PdbTarget\Program.cs
@@ -528,80 +501,32 @@ c 23:23 5:20 C:\sources\PdbTarget\Program.cs
 25 26:26 3:4 C:\sources\PdbTarget\Program.cs
 )";
 
-TEST(SymBinder, SequencePointsOfRealMethods)
+TEST(SymBinder, SequencePointsAndNearestPointLookupsOfRealMethods)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    struct Case {
-        const char* assembly;
-        mdMethodDef token;
-        const char* points;
-    };
-    const Case cases[] = {
-        {"symreader-converter/portable/Documents.dll", 0x06000001, kDocumentsM},
+    const struct { const char* assembly; mdMethodDef token; const char* points; } cases[] = {
         {"symreader-converter/portable/Documents.dll", 0x06000002, "no method"},
         {"cecil/PdbTarget.exe", 0x06000002, kPdbTargetMain},
         {"symreader-converter/portable/Iterator.dll", 0x06000099, "no method"},
         {"symreader-converter/portable/Iterator.dll", 0x02000002, "no method"},
     };
-    for (const Case& c : cases) {
+    ComPtr<ISymUnmanagedReader> reader;
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.assembly);
-        ComPtr<ISymUnmanagedReader> reader;
         ASSERT_EQ(S_OK, readerFor(folder + "/" + c.assembly, reader));
         EXPECT_EQ(c.points, pointsOf(*reader.get(), c.token));
     }
-}
-
-TEST(SymBinder, MethodsThatChangeDocumentsAndNearestPointLookups)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    ComPtr<ISymUnmanagedReader> reader;
-    ASSERT_EQ(S_OK, readerFor(folder + "/cecil/PdbTarget.exe", reader));
     // B's constructor runs field initialisers written in Program.cs between lines of B.cs.
+    ASSERT_EQ(S_OK, readerFor(folder + "/cecil/PdbTarget.exe", reader));
     const std::string b = pointsOf(*reader.get(), 0x06000001);
-    const char* expected[] = {"0 7:", "B.cs", "b 110:", "Program.cs", "12 111:", "Program.cs", "19 9:", "B.cs"};
     std::size_t at = 0;
-    for (const char* piece : expected) {
-        at = b.find(piece, at);
-        ASSERT_NE(std::string::npos, at) << piece << " in\n" << b;
-    }
+    for (const char* piece : {"0 7:", "B.cs", "b 110:", "Program.cs", "12 111:", "Program.cs", "19 9:", "B.cs"})
+        ASSERT_NE(std::string::npos, at = b.find(piece, at)) << piece << " in\n" << b;
 
     ASSERT_EQ(S_OK, readerFor(folder + "/symbolic/foo.dll", reader));
     const ULONG32 lookups[][3] = {{7, 10, 81}, {5, 6, 37}, {3, 0, 30}, {2, 0, 25}, {1, 45, 20}};
     for (const auto& lookup : lookups)
         EXPECT_EQ(lookup[2], lineAt(*reader.get(), mdtMethodDef | lookup[0], lookup[1])) << lookup[0];
-}
-
-TEST(SymBinder, DocumentsCarryLanguageHashAlgorithmAndHash)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    ComPtr<ISymUnmanagedReader> reader;
-    ASSERT_EQ(S_OK, readerFor(folder + "/symreader-converter/portable/Documents.dll", reader));
-    ComPtr<ISymUnmanagedMethod> method;
-    ASSERT_EQ(S_OK, reader->GetMethod(0x06000001, method.put()));
-    ISymUnmanagedDocument* documents[2] = {};
-    ULONG32 count = 0;
-    ASSERT_EQ(S_OK, method->GetSequencePoints(2, &count, nullptr, documents, nullptr, nullptr, nullptr, nullptr));
-    ASSERT_EQ(2u, count);
-    // C:\Documents.cs with its SHA-1, then 1.cs, which has no hash.
-    EXPECT_EQ("C:\\Documents.cs DB-EB-2A-06-7B-2F-0E-0D-67-8A-00-2C-58-7A-28-06-05-6C-3D-CE",
-              jrtest::documentText(*documents[0]));
-    EXPECT_EQ("C:\\a\\b\\c\\d\\1.cs", jrtest::documentText(*documents[1]));
-    const GUID sha1 = {0xFF1816EC, 0xAA5E, 0x4D10, {0x87, 0xF7, 0x6F, 0x49, 0x63, 0x83, 0x34, 0x60}};
-    for (int i = 0; i < 2; ++i) {
-        GUID algorithm{};
-        EXPECT_EQ(S_OK, documents[i]->GetCheckSumAlgorithmId(&algorithm));
-        EXPECT_TRUE(algorithm == (i == 0 ? sha1 : GUID{}));
-        ULONG32 size = 99;
-        EXPECT_EQ(S_OK, documents[i]->GetCheckSum(0, &size, nullptr)); // the size alone
-        EXPECT_EQ(i == 0 ? 20u : 0u, size);
-    }
-    wchar_t cut[4];
-    ULONG32 length = 0;
-    EXPECT_EQ(S_OK, documents[0]->GetURL(4, &length, cut));
-    EXPECT_EQ(std::wstring(L"C:\\"), cut);
-    EXPECT_EQ(sizeof "C:\\Documents.cs", length);
-    documents[0]->Release();
-    documents[1]->Release();
 }
 
 TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
@@ -615,21 +540,27 @@ TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
     const std::string stranger = temp.write("stranger/foo.dll", foo);
     temp.write("stranger/foo.pdb", jrtest::readBytes(folder + "/symreader-converter/portable/Documents.pdb"));
     const std::wstring symbolic = toWide(folder + "/symbolic");
+    // Documents.dll beside its Windows PDB, once with another age in its CodeView entry and once
+    // with another signature in the debug file.
+    const std::string windows = folder + "/symreader-converter/windows/Documents";
+    std::vector<unsigned char> dll = jrtest::readBytes(windows + ".dll"), pdb = jrtest::readBytes(windows + ".pdb");
+    const std::string otherSignature = temp.write("signature/Documents.dll", dll);
+    jrtest::put(dll, jrtest::find(dll, {'R', 'S', 'D', 'S'}) + 20, 2);
+    const std::string olderAge = temp.write("age/Documents.dll", dll);
+    temp.write("age/Documents.pdb", pdb);
+    pdb[jrtest::find(pdb, {0x9A, 0x36, 0x63, 0x81})] ^= 1;
+    temp.write("signature/Documents.pdb", pdb);
 
-    struct Case {
-        const char* what;
-        std::string assembly;
-        std::wstring searchPath;
-        ULONG32 policy;
-        HRESULT result;
-    };
+    struct Case { const char* what; std::string assembly; std::wstring searchPath; ULONG32 policy; HRESULT result; };
     const Case cases[] = {
         {"beside, not allowed", paired, L"", AllowOriginalPathAccess, HRESULT_FILE_NOT_FOUND},
         {"beside, allowed", paired, L"", AllowReferencePathAccess, S_OK},
         {"nowhere", alone, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
         {"in the search path", alone, L"/nonexistent;" + symbolic, 0, S_OK},
         {"another build's file", stranger, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"a Windows PDB", folder + "/symreader-converter/windows/Documents.dll", L"", kPolicy, S_OK},
+        {"a Windows PDB", windows + ".dll", L"", kPolicy, S_OK},
+        {"a Windows PDB of another age", olderAge, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"a Windows PDB of another signature", otherSignature, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
         {"no assembly", folder + "/symbolic/foo.pdb", L"", kPolicy, COR_E_BADIMAGEFORMAT},
         {"no file", temp.file("missing.dll"), L"", kPolicy, HRESULT_FILE_NOT_FOUND},
     };

@@ -61,7 +61,8 @@ boost::intrusive_ptr<JitMethod> makeMethod(unsigned int arch, unsigned int rawId
 
 TEST(MethodDump, GoldenTexts)
 {
-    const struct { const char* golden; unsigned int arch; void (*build)(JitMethod&); } cases[] = {
+    // The lines above "Module arch:" are the same in every text: the other texts begin there.
+    const struct { const char* golden; unsigned int arch; void (*build)(JitMethod&); bool whole = false; } cases[] = {
         {"two_regions_x64", 2,
          [](JitMethod& m) {
              addRegion(m, 0x5000, 0x7f0000001000, 5, {0x55, 0x48, 0x89, 0xE5, 0xC3});
@@ -70,7 +71,7 @@ TEST(MethodDump, GoldenTexts)
              m.addLineNumberInfo(ltNativeToManaged, {{0, 1, 0}, {1, 5, 2}}, Range(0x5000, 5));
              m.addLineNumberInfo(ltNativeToSource, {{0, 1, 10}, {1, 5, 11}}, Range(0x5000, 5));
              m.addLineNumberInfo(ltNativeToSource, {{0, 8, 12}}, Range(0x6000, 8));
-         }},
+         }, true},
         {"x86_32", 0, [](JitMethod& m) { addRegion(m, 0x100, 0x401000, 4, {0x55, 0x89, 0xE5, 0xC3}); }},
         {"undecodable", 1, [](JitMethod& m) { addRegion(m, 0x100, 0x1000, 3, {0x90, 0x06, 0x90}); }},
         {"wrong_arch", 3, [](JitMethod& m) { addRegion(m, 0x100, 0x1000, 1, {0x90}); }},
@@ -85,7 +86,8 @@ TEST(MethodDump, GoldenTexts)
         stream << std::showbase << std::uppercase << std::hex << L"Raw JIT file data:\n" << MethodDump(*method);
         EXPECT_EQ(stream.flags(), std::ios_base::showbase | std::ios_base::uppercase | std::ios_base::hex |
                                       std::ios_base::skipws);
-        expectGolden(c.golden, stream.str());
+        const std::wstring text = stream.str();
+        expectGolden(c.golden, c.whole ? text : text.substr(text.find(L"Module arch:")));
     }
 }
 

@@ -7,10 +7,7 @@ namespace {
 
 TEST(ModuleEvaluator, MatchesTheFourPatternsCaseAndSlashSensitively)
 {
-    const struct {
-        const wchar_t* path;
-        velmark_error_t result;
-    } cases[] = {
+    const struct { const wchar_t* path; velmark_error_t result; } cases[] = {
         {L"C:\\Windows\\assembly\\GAC_MSIL\\System\\System.dll", meSuccess},
         {L"C:\\Windows\\assembly\\NativeImages_v4.0_64\\mscorlib.ni.dll", meSuccess},
         {L"/dev/ashmem/dalvik-jit-code-cache (deleted)", meSuccess},

@@ -13,11 +13,7 @@ using namespace velmark_3_11;
 
 namespace {
 
-struct Block {
-    unsigned char* at;
-    std::size_t size;
-    unsigned char mark;
-};
+struct Block { unsigned char* at; std::size_t size; unsigned char mark; };
 
 Block take(std::size_t size, unsigned char mark)
 {

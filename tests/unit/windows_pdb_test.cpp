@@ -1,5 +1,6 @@
-// Windows PDB files through the symbol binder: every sequence point of the real files against
-// the dumps their origin project asserts, the binder's matching, damaged and cut files.
+// Windows PDB files through the symbol binder: every sequence point of the real files, and of their
+// Portable PDB twins, against the dumps their origin project asserts; damaged and cut files. The
+// binder's matching of a Windows PDB to its assembly is among the metadata tests' binder cases.
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -18,7 +19,6 @@
 #include "platform/text.h"
 #include "support/dotnet_testdata.h"
 #include "support/sequence_points.h"
-#include "support/temp_dir.h"
 
 namespace {
 
@@ -47,7 +47,8 @@ std::string expectedMethods(const std::string& dumpPath)
             at[(*it)[1]] = (*it)[2];
         const auto number = [&](const char* name) { return static_cast<ULONG32>(std::stoul(at[name], nullptr, 0)); };
         if (line.find("<file ") != std::string::npos)
-            files.push_back(at["name"] + (at["checksum"].empty() ? "" : " " + at["checksum"]));
+            files.push_back(at["name"] +
+                            (at["checksum"].empty() ? "" : " " + at["checksumAlgorithm"] + " " + at["checksum"]));
         else if (line.find("<method ") != std::string::npos)
             method = at["name"] + "\n";
         else if (line.find("<entry ") != std::string::npos)
@@ -78,44 +79,33 @@ std::string readMethods(const std::string& assembly, ISymUnmanagedReader& reader
     return text;
 }
 
-TEST(WindowsPdb, EverySequencePointDocumentAndHashAsTheExpectedDumps)
+// The Portable PDB builds of the same sources convert to the same dumps.
+TEST(WindowsPdb, EverySequencePointDocumentAndHashOfBothKindsAsTheExpectedDumps)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    for (const char* name : {"Documents", "Iterator"}) {
-        SCOPED_TRACE(name);
-        const std::string assembly = folder + "/symreader-converter/windows/" + name + ".dll";
-        ComPtr<ISymUnmanagedReader> reader;
-        ASSERT_EQ(S_OK, readerFor(assembly, reader));
-        const std::string expected =
-            expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
-        EXPECT_NE(std::string::npos, expected.find("hidden"));
-        EXPECT_EQ(expected, readMethods(assembly, *reader.get()));
-    }
-}
-
-/// The offset of the first `pattern` in `bytes`.
-std::size_t find(const std::vector<unsigned char>& bytes, const std::vector<unsigned char>& pattern)
-{
-    const auto found = std::search(bytes.begin(), bytes.end(), pattern.begin(), pattern.end());
-    EXPECT_NE(bytes.end(), found);
-    return static_cast<std::size_t>(found - bytes.begin());
+    for (const char* kind : {"windows", "portable"})
+        for (const char* name : {"Documents", "Iterator"}) {
+            SCOPED_TRACE(std::string(kind) + " " + name);
+            const std::string assembly = folder + "/symreader-converter/" + kind + "/" + name + ".dll";
+            ComPtr<ISymUnmanagedReader> reader;
+            ASSERT_EQ(S_OK, readerFor(assembly, reader));
+            const std::string expected =
+                expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
+            EXPECT_NE(std::string::npos, expected.find("hidden"));
+            EXPECT_EQ(expected, readMethods(assembly, *reader.get()));
+        }
 }
 
 TEST(WindowsPdb, DamagedFilesFailAsNoContainerOrAsCorrupt)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
     const std::vector<unsigned char> real = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.pdb");
-    const std::size_t names = find(real, {0xFE, 0xEF, 0xFE, 0xEF});
-    const std::size_t lines = find(real, {0xF2, 0, 0, 0, 0x68, 1, 0, 0});
-    const std::size_t checksums = find(real, {0xF4, 0, 0, 0, 0x68, 0, 0, 0});
-    const std::size_t lastPoint = find(real, {0x62, 0, 0, 0, 0x83, 0, 0, 0x80});
+    const std::size_t names = jrtest::find(real, {0xFE, 0xEF, 0xFE, 0xEF});
+    const std::size_t lines = jrtest::find(real, {0xF2, 0, 0, 0, 0x68, 1, 0, 0});
+    const std::size_t checksums = jrtest::find(real, {0xF4, 0, 0, 0, 0x68, 0, 0, 0});
+    const std::size_t lastPoint = jrtest::find(real, {0x62, 0, 0, 0, 0x83, 0, 0, 0x80});
     const std::size_t directory = 512 * jrtest::get32(real, 512 * jrtest::get32(real, 52));
-    const struct {
-        const char* what;
-        std::size_t at;
-        std::uint32_t value;
-        HRESULT result;
-    } cases[] = {
+    const struct { const char* what; std::size_t at; std::uint32_t value; HRESULT result; } cases[] = {
         {"intact", 0, 'M', S_OK},
         {"no magic", 0, 'm', COR_E_BADIMAGEFORMAT},
         {"odd block size", 32, 500, CLDB_E_FILE_CORRUPT},
@@ -149,36 +139,6 @@ TEST(WindowsPdb, EveryPrefixOfTheRealFilesFailsCleanly)
             ASSERT_FALSE(WindowsPdb::create(std::vector<unsigned char>(bytes.begin(), bytes.begin() + length), result));
             ASSERT_EQ(length < 32 ? COR_E_BADIMAGEFORMAT : CLDB_E_FILE_CORRUPT, result) << name << " " << length;
         }
-    }
-}
-
-TEST(WindowsPdb, BinderTakesOnlyTheFileOfThisBuild)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const jrtest::TempDir temp;
-    const std::vector<unsigned char> dll = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.dll");
-    const std::vector<unsigned char> pdb = jrtest::readBytes(folder + "/symreader-converter/windows/Documents.pdb");
-    std::vector<unsigned char> olderDll = dll, otherPdb = pdb;
-    jrtest::put(olderDll, find(dll, {'R', 'S', 'D', 'S'}) + 20, 2); // the CodeView age
-    otherPdb[find(pdb, {0x9A, 0x36, 0x63, 0x81})] ^= 1;             // the signature
-    const struct {
-        const char* what;
-        const std::vector<unsigned char>& assembly;
-        const std::vector<unsigned char>& debugFile;
-        HRESULT result;
-    } cases[] = {
-        {"same build", dll, pdb, S_OK},
-        {"another age", olderDll, pdb, HRESULT_FILE_NOT_FOUND},
-        {"another signature", dll, otherPdb, HRESULT_FILE_NOT_FOUND},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        // The CodeView path names no file here; the one beside the assembly is found.
-        const std::string assembly = temp.write(std::string(c.what) + "/Documents.dll", c.assembly);
-        temp.write(std::string(c.what) + "/Documents.pdb", c.debugFile);
-        ComPtr<ISymUnmanagedReader> reader;
-        EXPECT_EQ(c.result, readerFor(assembly, reader));
-        EXPECT_EQ(c.result == S_OK, static_cast<bool>(reader));
     }
 }
 
