@@ -21,7 +21,6 @@ constexpr auto kLogNumbers = logging::numbers_t::hex;
 constexpr unsigned long long kPreJittedLoadTime = 1;
 constexpr std::size_t kMaxInlineDepth = 1 << 20;
 
-
 } // namespace
 
 JitDataManager::JitDataManager()
@@ -89,8 +88,9 @@ velmark_error_t JitDataManager::processMethodLoadRecord(unsigned int processId, 
     invalidateLookupIndex();
     BASEKIT2_ASSERT_TEXT(rawMethod->regionCount(), "rawMethod->regionCount()");
 
-    // Pointers are copied in place rather than through temporary pairs: each copy of a counted
-    // pointer is an atomic operation, and a load makes millions of them.
+    // The method map files plain pointers, as the method list holds the references, and the jit
+    // rva map's entry is built in place: each copy of a counted pointer is an atomic operation,
+    // and a load makes millions of them.
     JitMethod* const filed = m_methods.insert(rawMethod->getMethodId(), rawMethod.get());
     const bool alreadyCached = filed != rawMethod.get();
     const boost::intrusive_ptr<JitMethod> cached(alreadyCached ? filed : nullptr);
@@ -658,6 +658,10 @@ velmark_error_t JitDataManager::findSample(unsigned long long address, unsigned 
                                       << found.loadTime() << L"-" << found.unloadTime()
                                       << L") was out of memory when a sample with tsc = " << timestamp
                                       << L" occurred");
+        return meFail;
+    }
+    if (version->owner == nullptr) {
+        VM_TRACE(L"Couldn't find a method by code's jitrva = " << found.startJitRva());
         return meFail;
     }
     hit = {version->owner, found.startJitRva() - found.startAddress(), &found};

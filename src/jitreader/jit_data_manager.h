@@ -71,8 +71,6 @@ public:
 
     /// Where the decoders of this store keep code bytes; used under the load's exclusive access.
     CodeArena& codeArena() { return m_codeArena; }
-    /// Where the versions of the ip keys' histories are made; used under the same access.
-    VersionHistory::Arena& versionArena() { return m_versions; }
 
     unsigned int getCollectorType() const { return m_collectorType; }
     void setCollectorType(unsigned int collectorType) { m_collectorType = collectorType; }

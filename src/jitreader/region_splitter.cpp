@@ -26,8 +26,8 @@ struct piece_t {
 };
 
 /// The pieces that the key [os, oe) falls into as new code [ns, ne) enters it, in the order in
-/// which they are made. The old key's history always comes last, so that copies are taken before the
-/// new region enters it; fresh and old pieces take the new region.
+/// which they are made. The old key always comes last, so that copies are taken before the new
+/// region enters it; fresh and old pieces take the new region.
 std::size_t piecesOf(unsigned long long ns, unsigned long long ne, unsigned long long os, unsigned long long oe,
                      piece_t (&pieces)[3])
 {
@@ -120,7 +120,8 @@ void RegionSplitter::splitInPlace(const boost::intrusive_ptr<Region>& region,
         piece_t pieces[3];
         const std::size_t count = piecesOf(ns, ne, os, oe, pieces);
 
-        // Copies are taken before the region enters the old history.
+        // A copy shares the history as it is; the region entering the old key's history makes
+        // versions of its own and leaves the copy as it was.
         std::pair<Range, VersionHistory> added[2];
         std::size_t addedCount = 0;
         Range oldPiece;

@@ -124,7 +124,8 @@ TEST(RegionSplitTest, QuietAndLoggedCutsAgree)
     EXPECT_GT(refused, 5u);
     ASSERT_EQ(logged.methodList().size(), quiet.methodList().size());
     for (std::size_t i = 0; i < quiet.methodList().size(); ++i)
-        EXPECT_EQ(logged.methodList()[i]->regions()[0]->unloadTime(), quiet.methodList()[i]->regions()[0]->unloadTime());
+        EXPECT_EQ(logged.methodList()[i]->regions()[0]->unloadTime(),
+                  quiet.methodList()[i]->regions()[0]->unloadTime());
 }
 
 // Against a model: a key lies between two neighbouring ends of loaded regions and holds the load
@@ -148,7 +149,8 @@ TEST(RegionSplitTest, KeysAndLivesFollowTheModel)
     unsigned long long jitRva = 1;
     for (std::size_t i = 0; i < loads.size(); ++i) {
         const auto length = static_cast<unsigned int>(loads[i].end - loads[i].start);
-        ASSERT_EQ(meSuccess, load(store, makeMethod(unsigned(i + 1), loads[i].time, {{loads[i].start, length, jitRva}})));
+        const CodeRange range = {loads[i].start, length, jitRva};
+        ASSERT_EQ(meSuccess, load(store, makeMethod(unsigned(i + 1), loads[i].time, {range})));
         jitRva += length;
     }
 
