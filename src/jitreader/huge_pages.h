@@ -15,6 +15,9 @@ namespace velmark_3_11 {
 void* mapHugePages(std::size_t size);
 void unmapHugePages(void* memory, std::size_t size);
 
+/// Half a huge page: a smaller block wouldn't fill the page that it takes.
+constexpr std::size_t kHugePageWorthy = 1024 * 1024;
+
 /// A fixed number of trivial elements, on huge pages when there are enough of them to fill
 /// one, else (or when the mapping fails) on the heap, 64-byte aligned either way. Left
 /// uninitialised: the owner writes every element.
@@ -28,7 +31,7 @@ public:
     explicit HugePageArray(std::size_t count) : m_count(count)
     {
         const std::size_t bytes = count * sizeof(T);
-        if (bytes >= kHugePageThreshold)
+        if (bytes >= kHugePageWorthy)
             m_data = static_cast<T*>(mapHugePages(bytes));
         if (m_data != nullptr) {
             m_mapped = bytes;
@@ -53,9 +56,6 @@ public:
     const T& operator[](std::size_t i) const { return m_data[i]; }
 
 private:
-    // Half a huge page: a smaller array wouldn't fill the page that it takes.
-    static constexpr std::size_t kHugePageThreshold = 1024 * 1024;
-
     void swap(HugePageArray& other) noexcept
     {
         std::swap(m_data, other.m_data);
@@ -74,6 +74,42 @@ private:
     T* m_data = nullptr;
     std::size_t m_count = 0;
     std::size_t m_mapped = 0; ///< bytes mapped; 0 when on the heap
+};
+
+/// An allocator for containers that grow large, such as a store's list of every method: blocks of
+/// half a huge page or more are mapped on huge pages, where each fresh 4 KB page would cost a
+/// fault of its own; smaller ones come from the heap.
+template <class T>
+struct HugePageAllocator {
+    typedef T value_type;
+
+    HugePageAllocator() = default;
+    template <class U>
+    HugePageAllocator(const HugePageAllocator<U>&) noexcept
+    {
+    }
+
+    T* allocate(std::size_t count)
+    {
+        const std::size_t bytes = count * sizeof(T);
+        if (bytes >= kHugePageWorthy) {
+            if (void* mapped = mapHugePages(bytes))
+                return static_cast<T*>(mapped);
+            throw std::bad_alloc();
+        }
+        return static_cast<T*>(::operator new(bytes));
+    }
+    void deallocate(T* memory, std::size_t count) noexcept
+    {
+        const std::size_t bytes = count * sizeof(T);
+        if (bytes >= kHugePageWorthy)
+            unmapHugePages(memory, bytes);
+        else
+            ::operator delete(memory);
+    }
+
+    friend bool operator==(const HugePageAllocator&, const HugePageAllocator&) { return true; }
+    friend bool operator!=(const HugePageAllocator&, const HugePageAllocator&) { return false; }
 };
 
 } // namespace velmark_3_11

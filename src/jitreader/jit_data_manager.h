@@ -14,6 +14,7 @@
 
 #include "basekit2/generic_iterator.h"
 #include "jitreader/error.h"
+#include "jitreader/huge_pages.h"
 #include "jitreader/inline_cache.h"
 #include "jitreader/jit_file_decoder.h"
 #include "jitreader/jit_method.h"
@@ -115,7 +116,8 @@ public:
     // Read access for tools and tests.
     const JitRvaDomain& jitRvaDomain() const { return m_jitRvaDomain; }
     const MethodIdMap& methods() const { return m_methods; }
-    const std::vector<boost::intrusive_ptr<JitMethod>>& methodList() const { return m_methodList; }
+    typedef std::vector<boost::intrusive_ptr<JitMethod>, HugePageAllocator<boost::intrusive_ptr<JitMethod>>> MethodList;
+    const MethodList& methodList() const { return m_methodList; }
     /// Region domains by host id, then process id.
     const RegionDomainMap& regionDomains() const { return m_regionDomains; }
 
@@ -148,7 +150,7 @@ private:
     InlineCache m_inlineCache;
     VersionHistory::Arena m_versions; ///< of the histories in m_regionDomains
     RegionDomainMap m_regionDomains;
-    std::vector<boost::intrusive_ptr<JitMethod>> m_methodList;
+    MethodList m_methodList;
     // The methods of m_methods whose regions took in inlines since the last finalize: all that
     // it has to place, as placing is the same again for every other method.
     std::vector<JitMethod*> m_inlinesToPlace;
