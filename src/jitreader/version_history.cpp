@@ -48,8 +48,6 @@ const VersionHistory::Version* VersionHistory::after(unsigned long long time) co
 
 const VersionHistory::Version* VersionHistory::ownerOf(unsigned long long startJitRva) const
 {
-    // Only regions of no bytes share a start jit rva with another: for any others, the store's
-    // jit rva map has refused the second before it came here.
     // The owner is the same in every version with that start: any of them tells it.
     for (const Version* version = m_newest; version != nullptr; version = version->older)
         if (version->region->startJitRva() == startJitRva)
@@ -57,13 +55,17 @@ const VersionHistory::Version* VersionHistory::ownerOf(unsigned long long startJ
     return nullptr;
 }
 
+bool VersionHistory::mayShareStart(const Region& region) const
+{
+    return region.length() == 0 || (m_newest != nullptr && m_newest->holdsEmpty);
+}
+
 bool VersionHistory::accepts(const Region& region) const
 {
     const Version* below = at(region.loadTime());
     if (below != nullptr && below->loadTime == region.loadTime())
         return false;
-    const bool mayShare = region.length() == 0 || (m_newest != nullptr && m_newest->holdsEmpty);
-    return !mayShare || ownerOf(region.startJitRva()) == nullptr;
+    return !mayShareStart(region) || ownerOf(region.startJitRva()) == nullptr;
 }
 
 VersionHistory::Placed VersionHistory::add(Region& region, JitMethod* method, Arena& arena)
@@ -76,8 +78,7 @@ VersionHistory::Placed VersionHistory::add(Region& region, JitMethod* method, Ar
     if (below != nullptr && below->loadTime == time)
         return {false, nullptr, false};
 
-    const bool mayShare = region.length() == 0 || (m_newest != nullptr && m_newest->holdsEmpty);
-    const Version* named = mayShare ? ownerOf(region.startJitRva()) : nullptr;
+    const Version* named = mayShareStart(region) ? ownerOf(region.startJitRva()) : nullptr;
     const Version* placed = arena.make({time, &region, named != nullptr ? named->owner : method, below,
                                         (below != nullptr ? below->depth : 0) + 1,
                                         region.length() == 0 || (below != nullptr && below->holdsEmpty)});

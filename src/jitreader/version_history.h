@@ -73,7 +73,10 @@ public:
     std::vector<const Version*> oldestFirst() const;
 
 private:
-    /// The version owning `startJitRva`, or null; only walked where an empty region is involved.
+    /// Whether `region` may start where a version's region does: only where one of them has no
+    /// bytes, as the store's jit rva map refuses any other.
+    bool mayShareStart(const Region& region) const;
+    /// A version whose region starts at `startJitRva`, or null.
     const Version* ownerOf(unsigned long long startJitRva) const;
 
     const Version* m_newest = nullptr;
