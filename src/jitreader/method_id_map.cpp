@@ -19,36 +19,31 @@ std::size_t MethodIdMap::home(const MethodId& id) const
     return static_cast<std::size_t>(mixed >> m_shift);
 }
 
+std::size_t MethodIdMap::probe(const MethodId& id) const
+{
+    const std::size_t mask = m_slots.size() - 1;
+    std::size_t at = home(id);
+    while (m_slots[at].method != nullptr && !(m_slots[at].id == id))
+        at = (at + 1) & mask;
+    return at;
+}
+
 JitMethod* MethodIdMap::find(const MethodId& id) const
 {
-    if (m_slots.size() == 0)
-        return nullptr;
-    const std::size_t mask = m_slots.size() - 1;
-    for (std::size_t at = home(id);; at = (at + 1) & mask) {
-        const Slot& slot = m_slots[at];
-        if (slot.method == nullptr)
-            return nullptr;
-        if (slot.id == id)
-            return slot.method;
-    }
+    return m_slots.size() == 0 ? nullptr : m_slots[probe(id)].method;
 }
 
 JitMethod* MethodIdMap::insert(const MethodId& id, JitMethod* method)
 {
     if (3 * (m_size + 1) > 2 * m_slots.size())
         grow();
-    const std::size_t mask = m_slots.size() - 1;
-    for (std::size_t at = home(id);; at = (at + 1) & mask) {
-        Slot& slot = m_slots[at];
-        if (slot.method == nullptr) {
-            slot.id = id;
-            slot.method = method;
-            ++m_size;
-            return method;
-        }
-        if (slot.id == id)
-            return slot.method;
+    Slot& slot = m_slots[probe(id)];
+    if (slot.method == nullptr) {
+        slot.id = id;
+        slot.method = method;
+        ++m_size;
     }
+    return slot.method;
 }
 
 void MethodIdMap::grow()

@@ -45,6 +45,8 @@ private:
     };
 
     std::size_t home(const MethodId& id) const;
+    /// The slot that holds `id`, or the free slot where it would go; the table has room.
+    std::size_t probe(const MethodId& id) const;
     void grow();
 
     // On huge pages once large: with 4 KB pages, lookups at random would miss the TLB as well.

@@ -76,10 +76,8 @@ velmark_error_t RegionSplitter::splitRegions(const boost::intrusive_ptr<Region>&
         for (std::size_t i = 0; i < count; ++i) {
             const piece_t& action = actions[i];
             // The old key takes the region where it is, as the search for the log reads it there.
-            VersionHistory fresh;
-            VersionHistory& history = action.kind == kind_t::old ? it->second : fresh;
-            if (action.kind == kind_t::copy)
-                history = it->second;
+            VersionHistory own = action.kind == kind_t::copy ? it->second : VersionHistory();
+            VersionHistory& history = action.kind == kind_t::old ? it->second : own;
             if (action.kind != kind_t::copy && modifyRegionAssosiatedData(method, region, history, arena) != meSuccess)
                 return meFail;
             if (addSplittedRegion(piece(action.start, action.end), history, splittedRegions) != meSuccess)
