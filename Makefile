@@ -37,8 +37,9 @@ check-sanitize: deps
 # The concurrency stress test under ThreadSanitizer.
 check-tsan: deps
 	cmake -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJITREADER_TSAN=ON -DJITREADER_BENCH=OFF $(CMAKE_FLAGS)
-	cmake --build $(TSAN_DIR) -j $(JOBS) --target e2e_tests
+	cmake --build $(TSAN_DIR) -j $(JOBS) --target e2e_tests jit_file_reader_test
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(TSAN_DIR)/tests/e2e_tests --gtest_filter='Concurrency.*'
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(TSAN_DIR)/tests/jit_file_reader_test --gtest_filter='*Ahead*' --gtest_repeat=20
 
 demo: build
 	@[ -d $(DEMO_DIR)/dotnet ] || $(BUILD_DIR)/tools/jitreader-sample-gen $(DEMO_DIR)

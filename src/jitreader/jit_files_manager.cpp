@@ -195,29 +195,39 @@ JitFilesManager::JitProcessEntry* JitFilesManager::findProcess(unsigned int proc
     return process == host->second.end() ? nullptr : &process->second;
 }
 
-void JitFilesManager::readProcess(unsigned int processId, unsigned int hostId, const JitProcessEntry& process,
-                                  decoding_mode_t mode, JitDataManager& dataManager, ReadCount* count) const
+void JitFilesManager::readProcesses(const std::vector<std::pair<unsigned int, unsigned int>>& processes,
+                                    decoding_mode_t mode, JitDataManager& dataManager, ReadCount* count) const
 {
-    // Lookups share the store; a read has it to itself.
-    std::unique_lock<std::shared_mutex> storeLock(dataManager.accessMutex());
-    for (const JitFileEntry& file : process.files) {
-        if (file.path.empty()) {
-            VM_ERROR_AT(L"Skip reading jit file because path is empty");
-            continue;
-        }
-        JitFileDecoder decoder(file.path, processId, hostId, file.firstJitRva, mode);
-        decoder.setSearchRegionCallback(&dataManager);
-        decoder.setCodeArena(&dataManager.codeArena());
-        // The last file's range is open, as in a store of one file.
-        if (file.index + 1 != m_fileCount)
-            decoder.setOverflowWindow(file.firstJitRva + file.size, file.index);
-        if (readJitFile(decoder, m_bitnessFilter, dataManager) != meSuccess)
-            VM_ERROR_AT(L"Could not read jit file " << file.path);
-        if (count && count->progress->callback) {
-            count->done += file.size;
-            count->progress->callback(count->done, count->total, count->progress->context);
+    std::vector<JitFileRead> files;
+    std::vector<unsigned long long> sizes;
+    for (const auto& id : processes) {
+        const auto& process = m_hosts.at(id.second).at(id.first);
+        for (const JitFileEntry& entry : process.files) {
+            JitFileRead file;
+            file.path = entry.path;
+            file.processId = id.first;
+            file.hostId = id.second;
+            file.firstJitRva = entry.firstJitRva;
+            // The last file's range is open, as in a store of one file.
+            file.closedRange = entry.index + 1 != m_fileCount;
+            file.rangeEnd = entry.firstJitRva + entry.size;
+            file.fileIndex = entry.index;
+            files.push_back(std::move(file));
+            sizes.push_back(entry.size);
         }
     }
+    readJitFiles(files, mode, m_bitnessFilter, dataManager, [&](std::size_t i, velmark_error_t result) {
+        if (files[i].path.empty()) {
+            VM_ERROR_AT(L"Skip reading jit file because path is empty");
+            return;
+        }
+        if (result != meSuccess)
+            VM_ERROR_AT(L"Could not read jit file " << files[i].path);
+        if (count && count->progress->callback) {
+            count->done += sizes[i];
+            count->progress->callback(count->done, count->total, count->progress->context);
+        }
+    });
 }
 
 velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManager& dataManager,
@@ -237,15 +247,17 @@ velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManag
     if (progress.callback)
         progress.callback(0, count.total, progress.context);
 
+    std::vector<std::pair<unsigned int, unsigned int>> unread;
     for (auto& host : m_hosts) {
         for (auto& process : host.second) {
             if (process.second.read)
                 continue;
             // A file that fails is not retried: the process counts as read all the same.
             process.second.read = true;
-            readProcess(process.first, host.first, process.second, mode, dataManager, &count);
+            unread.emplace_back(process.first, host.first);
         }
     }
+    readProcesses(unread, mode, dataManager, &count);
     m_allRead = true;
     return meSuccess;
 }
@@ -264,7 +276,7 @@ velmark_error_t JitFilesManager::readProcessFiles(unsigned int processId, unsign
         return meSuccess;
     // Read once: reading again would feed the same records into the store a second time, where
     // they collide with their own jit rvas. What the files gave answers; failures are logged.
-    readProcess(processId, hostId, *process, mode, dataManager);
+    readProcesses({{processId, hostId}}, mode, dataManager);
     process->read = true;
     return meSuccess;
 }

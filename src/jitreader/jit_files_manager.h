@@ -81,9 +81,10 @@ private:
         unsigned long long done = 0;
         unsigned long long total = 0;
     };
-    /// Reads all files of a process into `dataManager`, logging each that fails.
-    void readProcess(unsigned int processId, unsigned int hostId, const JitProcessEntry& process, decoding_mode_t mode,
-                     JitDataManager& dataManager, ReadCount* count = nullptr) const;
+    /// Reads all files of `processes` (process and host ids) into `dataManager`, in that order,
+    /// logging each file that fails.
+    void readProcesses(const std::vector<std::pair<unsigned int, unsigned int>>& processes, decoding_mode_t mode,
+                       JitDataManager& dataManager, ReadCount* count = nullptr) const;
 
     std::vector<const wchar_t*> m_hostNames;
     std::map<std::wstring, unsigned int> m_hostIds;

@@ -21,6 +21,10 @@ std::atomic<assertion_handler_t> s_handler{&logAssertion};
 
 void report_assertion(const assertion_report_t& report)
 {
+    if (::velmark_3_11::logging::DeferredLog* deferred = ::velmark_3_11::logging::DeferredLog::current()) {
+        deferred->add(report);
+        return;
+    }
     s_handler.load()(report);
 }
 

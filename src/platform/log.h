@@ -6,15 +6,15 @@
 // and then writes VM_INFO(L"Added " << count << L" regions"), VM_ERROR_AT(...) and so on.
 #pragma once
 
-#include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <log4cplus/logger.h>
 #include <log4cplus/loglevel.h>
-#include <log4cplus/tracelogger.h>
 
 #include "platform/component_logger.h"
+#include "platform/deferred_log.h"
 #include "platform/text.h"
 
 namespace velmark_3_11 {
@@ -29,26 +29,49 @@ inline void prepare(std::wostringstream& stream, numbers_t numbers)
         stream << std::showbase << std::hex;
 }
 
+/// Writes a line, or holds it back while this thread's lines are deferred. `function` is the
+/// caller's, as log4cplus records it.
+inline void write(const log4cplus::Logger& logger, log4cplus::LogLevel level, std::string text, const char* file,
+                  int line, const char* function = LOG4CPLUS_CALLER_FUNCTION())
+{
+    if (DeferredLog* deferred = DeferredLog::current())
+        deferred->add(logger, level, std::move(text), file, line, function);
+    else
+        logger.forcedLog(level, text, file, line, function);
+}
+
 inline void emit(log4cplus::Logger& logger, log4cplus::LogLevel level, const std::wostringstream& stream,
                  const char* file, int line)
 {
-    logger.forcedLog(level, toUtf8(stream.str()), file, line);
+    write(logger, level, toUtf8(stream.str()), file, line);
 }
 
-/// Logs "ENTER: " and "EXIT:  " with a function's signature at TRACE. The trace logger (a copy
-/// of the logger and of the text) is made only while TRACE is enabled: on the lookup paths it
-/// would cost more than the lookup.
+/// Logs "ENTER: " and "EXIT:  " with a function's signature at TRACE. Nothing is copied while
+/// TRACE is off: on the lookup paths even that would cost more than the lookup.
 class TraceScope {
 public:
     TraceScope(const char* signature, const char* file, int line)
     {
-        log4cplus::Logger& logger = componentLogger();
-        if (logger.isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
-            m_scope.emplace(logger, signature, file, line);
+        if (componentLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL)) {
+            m_signature = signature;
+            m_file = file;
+            m_line = line;
+            write(componentLogger(), log4cplus::TRACE_LOG_LEVEL, std::string("ENTER: ") + signature, file, line);
+        }
     }
+    ~TraceScope()
+    {
+        if (m_signature != nullptr && componentLogger().isEnabledFor(log4cplus::TRACE_LOG_LEVEL))
+            write(componentLogger(), log4cplus::TRACE_LOG_LEVEL, std::string("EXIT:  ") + m_signature, m_file,
+                  m_line);
+    }
+    TraceScope(const TraceScope&) = delete;
+    TraceScope& operator=(const TraceScope&) = delete;
 
 private:
-    std::optional<log4cplus::TraceLogger> m_scope;
+    const char* m_signature = nullptr;
+    const char* m_file = nullptr;
+    int m_line = 0;
 };
 
 } // namespace logging

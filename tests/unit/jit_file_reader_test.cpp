@@ -1,10 +1,14 @@
 // The read loop over whole trace files, into a real store.
 #include "jitreader/jit_file_reader.h"
 
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 #include "jitreader/jit_data_manager.h"
 #include "jitreader/jit_file_decoder.h"
+#include "jitreader/module.h"
+#include "platform/text.h"
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -145,6 +149,111 @@ TEST(JitFileReader, UpdatesGoToTheStoreOnlyInFullMode)
     ASSERT_EQ(meSuccess, modules.read(trace, bfAll, decoding_mode_modules).result);
     EXPECT_EQ(0u, modules.log.count(log4cplus::INFO_LOG_LEVEL, "Updated code region (ip range = "));
     EXPECT_EQ(0u, modules.log.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't accept update"));
+}
+
+/// Every method of the store as "name raw-id jit-rva module: region start+length@jit-rva ...".
+std::string describe(const JitDataManager& store)
+{
+    std::ostringstream text;
+    text << std::hex;
+    for (const auto& method : store.methodList()) {
+        text << toUtf8(method->getName()) << ' ' << method->getRawMethodId() << ' ' << method->getStartJitRva() << ' '
+             << (method->module() ? toUtf8(method->module()->getName()) : "-") << ':';
+        for (const auto& region : method->regions())
+            text << ' ' << region->startAddress() << '+' << region->length() << '@' << region->startJitRva() << '/'
+                 << region->inlinedMethods().size();
+        text << '\n';
+    }
+    return text.str();
+}
+
+// Files decoded ahead, on either thread, must leave what reading them in turn leaves: the same
+// store, results, and log lines at every level in the same order.
+TEST(JitFileReader, ReadingManyFilesAheadChangesNothing)
+{
+    jrtest::TempDir root;
+    const MethodLoad after = load(5, 0x3100, 16, 20, "after the update"); // the store refuses it twice
+    MethodLoad wide = load(2, 0x2000, 32, 10, "wide");
+    wide.moduleArch = 0;
+    const InlineLoad inlined{3, 1, 10, 1, 0x1004, 4, {1, 2, 3, 4}, "/opt/app.dll", 1, "inlined", "", "", 0, {}};
+    InlineLoad timeless = inlined; // refused while decoding, and the reading goes on
+    timeless.loadTime = 0;
+    const UpdateV2 patch{1, 20, 1, "patch", 0x1000, 4, {0xAA, 0xBB, 0xCC, 0xDD}}; // over "a" of the first file
+    const UpdateV2 nowhere{1, 20, 1, "", 0x9000, 4, {1, 2, 3, 4}};
+    const struct {
+        const char* name;
+        unsigned int pid;
+        TraceWriter trace;
+    } files[] = {
+        {"host.7-1.jit", 7,
+         TraceWriter().magic().collectorType(1).load(kFunctionLoad64_v3, load(1, 0x1000, 64, 10, "a"))
+             .inlineLoad(kFunctionInlineLoad64, timeless).inlineLoad(kFunctionInlineLoad64, inlined)
+             .load(kFunctionLoad64_v3, wide)},
+        {"host.7-2.jit", 7,
+         TraceWriter().magic().collectorType(1).load(kFunctionLoad64_v3, load(4, 0x3000, 16, 20, "b"))
+             .updateV2(patch).updateV2(nowhere).load(kFunctionLoad64_v3, after)
+             .load(kFunctionLoad64_v3, after).load(kFunctionLoad64_v3, load(10, 0x3200, 16, 20, "never"))},
+        {"host.7-3.jit", 7,
+         TraceWriter().magic().load(kFunctionLoad64_v3, load(6, 0x4000, 16, 30, "c")).frame(15, {0})
+             .load(kFunctionLoad64_v3, load(7, 0x4100, 16, 30, "beyond the damage"))},
+        {"", 7, TraceWriter()},
+        {"host.8-1.jit", 8,
+         TraceWriter().magic().load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "d"))
+             .load(kFunctionLoad64_v3, load(1, 0x1000, 16, 10, "d")).inlineLoad(kFunctionInlineLoad64, timeless)},
+        {"host.8-2.jit", 8, TraceWriter().magic().load(kFunctionLoad64_v3, load(8, 0x6000, 16, 40, "e"))},
+        {"host.8-3.jit", 8, TraceWriter()}, // never written: it can't be opened
+    };
+    std::vector<JitFileRead> reads;
+    unsigned long long firstJitRva = 1;
+    for (const auto& file : files) {
+        JitFileRead read;
+        read.processId = file.pid;
+        read.hostId = 1;
+        read.firstJitRva = firstJitRva;
+        read.closedRange = true;
+        read.rangeEnd = firstJitRva += 0x10000;
+        read.fileIndex = static_cast<unsigned int>(reads.size());
+        if (*file.name) {
+            read.path = root.wide(file.name);
+            if (&file != &files[6])
+                root.write(file.name, file.trace.bytes());
+        }
+        reads.push_back(read);
+    }
+
+    struct Outcome {
+        std::string store;
+        std::vector<velmark_error_t> results;
+        std::string log;
+    };
+    const auto readAll = [&](read_ahead_t ahead) {
+        jrtest::LogCapture log;
+        JitDataManager store;
+        Outcome out;
+        readJitFiles(reads, decoding_mode_full, bfAll, store,
+                     [&](std::size_t, velmark_error_t result) { out.results.push_back(result); }, ahead);
+        out.store = describe(store);
+        out.log = log.dump();
+        return out;
+    };
+    const Outcome inTurn = readAll(read_ahead_t::none);
+    const Outcome ahead = readAll(read_ahead_t::everyFile);
+    const Outcome shared = readAll(read_ahead_t::helper); // as the threads happen to go
+    EXPECT_EQ((std::vector<velmark_error_t>{meSuccess, meBadTrace, meBadTrace, meInvalidArgument, meBadTrace, meSuccess,
+                                            meOpenFailed}),
+              inTurn.results);
+    for (const Outcome* other : {&ahead, &shared}) {
+        EXPECT_EQ(inTurn.results, other->results);
+        EXPECT_EQ(inTurn.store, other->store);
+        EXPECT_EQ(inTurn.log, other->log);
+    }
+    // What the cases are there for: lines logged while decoding, once each, as a refusal by the
+    // store drops what its file logged after it; and what follows a range update.
+    for (const char* line : {"Invalid load time: 0", "Couldn't recognize type of the jit trace"})
+        EXPECT_EQ(ahead.log.find(line), ahead.log.rfind(line)) << line;
+    EXPECT_NE(std::string::npos, ahead.log.find("Couldn't find a range to be updated"));
+    EXPECT_NE(std::string::npos, ahead.store.find("after the update"));
+    EXPECT_EQ(std::string::npos, ahead.store.find("never"));
 }
 
 } // namespace
