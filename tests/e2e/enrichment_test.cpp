@@ -111,6 +111,24 @@ struct Traces {
     jrtest::TempDir root;
 };
 
+/// What `describe` gives of each method of the traces, in the order of their jit rvas.
+const std::wstring kDescribed[] = {
+    // Classic runtime: the symbol reader's table without the hidden points at 6 and 19, and
+    // the source file of the first document.
+    L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0-1:21 1-2:22 2-8:22 8-12:22 "
+    L"12-23:23 23-29:22 29-37:25 37-37:26",
+    // .NET Core: a row per native range at its IL offset; "Dynamic Code" gives way.
+    L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0-0:81 "
+    L"11-11:83",
+    // A name from the trace stays, and "Dynamic Code" stays under the classic runtime.
+    L"Keep | Dynamic Code | 0-1:103 1-10:104 10-10:105",
+    // Found by the locator under another directory.
+    L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0-1:92 1-9:93 9-17:94 17-51:95 "
+    L"51-96:96 96-104:97 104-192:99 192-192:100",
+    // A missing assembly leaves the method as the trace gave it.
+    L" | Trace.cs |",
+};
+
 TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssemblies)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
@@ -121,25 +139,9 @@ TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssembli
     ASSERT_TRUE(resolver);
     const std::vector<unsigned long long> starts = traces.jitRvas(*resolver);
     ASSERT_EQ(5u, starts.size());
-    const std::wstring cases[] = {
-        // Classic runtime: the symbol reader's table without the hidden points at 6 and 19, and
-        // the source file of the first document.
-        L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0-1:21 1-2:22 2-8:22 8-12:22 "
-        L"12-23:23 23-29:22 29-37:25 37-37:26",
-        // .NET Core: a row per native range at its IL offset; "Dynamic Code" gives way.
-        L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0-0:81 "
-        L"11-11:83",
-        // A name from the trace stays, and "Dynamic Code" stays under the classic runtime.
-        L"Keep | Dynamic Code | 0-1:103 1-10:104 10-10:105",
-        // Found by the locator under another directory.
-        L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0-1:92 1-9:93 9-17:94 17-51:95 "
-        L"51-96:96 96-104:97 104-192:99 192-192:100",
-        // A missing assembly leaves the method as the trace gave it.
-        L" | Trace.cs |",
-    };
     for (std::size_t i = 0; i < starts.size(); ++i) {
-        EXPECT_EQ(cases[i], describe(*resolver, starts[i] + 4)) << i;
-        EXPECT_EQ(cases[i], describe(*resolver, starts[i])) << i; // the second request changes nothing
+        EXPECT_EQ(kDescribed[i], describe(*resolver, starts[i] + 4)) << i;
+        EXPECT_EQ(kDescribed[i], describe(*resolver, starts[i])) << i; // the second request changes nothing
     }
     // The missing assembly is looked for again on every request.
     const int calls = locator->calls;
@@ -153,12 +155,6 @@ TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
     const Assemblies assemblies(folder);
     const Traces traces(assemblies);
     const boost::intrusive_ptr<ISymbolFileLocator> locator(new Locator(assemblies.dir.path()));
-    const auto single = traces.resolver(locator);
-    ASSERT_TRUE(single);
-    std::vector<std::wstring> expected;
-    for (unsigned long long jitRva : traces.jitRvas(*single))
-        expected.push_back(describe(*single, jitRva));
-
     for (int round = 0; round < 8; ++round) {
         const auto shared = traces.resolver(locator);
         const std::vector<unsigned long long> starts = traces.jitRvas(*shared);
@@ -173,7 +169,7 @@ TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
                     std::this_thread::yield();
                 for (std::size_t i = 0; i < starts.size() * 4; ++i) {
                     const std::size_t k = (i + t) % starts.size();
-                    mismatches[t] += describe(*shared, starts[k]) != expected[k];
+                    mismatches[t] += describe(*shared, starts[k]) != kDescribed[k];
                 }
             });
         for (std::thread& thread : threads)

@@ -19,13 +19,6 @@ boost::intrusive_ptr<DotNetMethod> methodOf(const std::string& assembly, unsigne
     return reader ? reader->getMethod(token) : nullptr;
 }
 
-std::string coreCopy(const jrtest::TempDir& dir, const std::string& folder, bool withPdb)
-{
-    if (withPdb)
-        dir.write("foo.pdb", jrtest::readBytes(folder + "/symbolic/foo.pdb"));
-    return dir.write("foo.dll", jrtest::fooAsCore(folder));
-}
-
 TEST(AssemblyReader, MethodNamesClassesSignaturesAndDumpsOfRealAssemblies)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
@@ -104,8 +97,9 @@ TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReade
 TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    jrtest::TempDir dir;
-    const std::string assembly = coreCopy(dir, folder, true);
+    jrtest::TempDir dir, bare;
+    dir.write("foo.pdb", jrtest::readBytes(folder + "/symbolic/foo.pdb"));
+    const std::string assembly = dir.write("foo.dll", jrtest::fooAsCore(folder));
     EXPECT_TRUE(isDotNetCore(toWide(assembly)));
     const boost::intrusive_ptr<DotNetMethod> throws = methodOf(assembly, 0x06000007);
     ASSERT_TRUE(throws);
@@ -117,8 +111,7 @@ TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
     EXPECT_EQ(meFail, throws->getLineTable(nullptr, &count)); // the classic table needs a symbol method
 
     // Without its debug file the reader still opens; its methods have no reader of either kind.
-    jrtest::TempDir bare;
-    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(coreCopy(bare, folder, false), 0x06000007);
+    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(bare.write("foo.dll", jrtest::fooAsCore(folder)), 0x06000007);
     ASSERT_TRUE(alone);
     EXPECT_EQ(1, alone->getReaderKind());
     EXPECT_EQ(meFail, alone->getSourceFile(file));
