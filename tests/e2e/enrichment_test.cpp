@@ -41,18 +41,6 @@ struct Locator : ISymbolFileLocator {
     std::atomic<int> calls{0};
 };
 
-/// Copies of the test assemblies: PdbTarget (classic runtime) and a foo.dll whose first custom
-/// attribute belongs to the assembly, so that it reads as .NET Core.
-struct Assemblies {
-    explicit Assemblies(const std::string& folder)
-    {
-        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb"})
-            dir.write(boost::filesystem::path(name).filename().string(), jrtest::readBytes(folder + "/" + name));
-        dir.write("foo.dll", jrtest::fooAsCore(folder));
-    }
-    jrtest::TempDir dir;
-};
-
 MethodLoad byToken(std::uint32_t rawId, std::uint64_t address, const std::string& module, std::uint32_t token,
                    const std::string& sourceFile = "", const std::string& name = "")
 {
@@ -83,15 +71,20 @@ std::wstring describe(ISymbolResolver& resolver, unsigned long long jitRva)
     return text;
 }
 
+/// Copies of the test assemblies: PdbTarget (classic runtime) and a foo.dll whose first custom
+/// attribute belongs to the assembly, so that it reads as .NET Core; a trace of methods in them.
 struct Traces {
-    explicit Traces(const Assemblies& assemblies)
+    explicit Traces(const std::string& folder)
     {
+        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb"})
+            assemblies.write(boost::filesystem::path(name).filename().string(), jrtest::readBytes(folder + "/" + name));
+        assemblies.write("foo.dll", jrtest::fooAsCore(folder));
         TraceWriter trace;
         trace.magic()
-            .load(kFunctionLoad32_v3, byToken(1, 0x1000, assemblies.dir.file("PdbTarget.exe"), 0x06000002))
-            .load(kFunctionLoad32_v3, byToken(2, 0x2000, assemblies.dir.file("foo.dll"), 0x06000007, "Dynamic Code"))
+            .load(kFunctionLoad32_v3, byToken(1, 0x1000, assemblies.file("PdbTarget.exe"), 0x06000002))
+            .load(kFunctionLoad32_v3, byToken(2, 0x2000, assemblies.file("foo.dll"), 0x06000007, "Dynamic Code"))
             .load(kFunctionLoad32_v3,
-                  byToken(3, 0x3000, assemblies.dir.file("PdbTarget.exe"), 0x06000008, "Dynamic Code", "Keep"))
+                  byToken(3, 0x3000, assemblies.file("PdbTarget.exe"), 0x06000008, "Dynamic Code", "Keep"))
             .load(kFunctionLoad32_v3, byToken(4, 0x4000, "/elsewhere/PdbTarget.exe", 0x06000007))
             .load(kFunctionLoad32_v3, byToken(5, 0x5000, "/nowhere/missing.dll", 0x06000001, "Trace.cs"));
         root.write("d/host.1.jit", trace.bytes());
@@ -108,7 +101,7 @@ struct Traces {
             starts.push_back(it.current()->getStartJitRva());
         return starts;
     }
-    jrtest::TempDir root;
+    jrtest::TempDir assemblies, root;
 };
 
 /// What `describe` gives of each method of the traces, in the order of their jit rvas.
@@ -132,9 +125,8 @@ const std::wstring kDescribed[] = {
 TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssemblies)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const Assemblies assemblies(folder);
-    const Traces traces(assemblies);
-    const boost::intrusive_ptr<Locator> locator(new Locator(assemblies.dir.path()));
+    const Traces traces(folder);
+    const boost::intrusive_ptr<Locator> locator(new Locator(traces.assemblies.path()));
     const auto resolver = traces.resolver(locator);
     ASSERT_TRUE(resolver);
     const std::vector<unsigned long long> starts = traces.jitRvas(*resolver);
@@ -152,9 +144,8 @@ TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssembli
 TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const Assemblies assemblies(folder);
-    const Traces traces(assemblies);
-    const boost::intrusive_ptr<ISymbolFileLocator> locator(new Locator(assemblies.dir.path()));
+    const Traces traces(folder);
+    const boost::intrusive_ptr<ISymbolFileLocator> locator(new Locator(traces.assemblies.path()));
     for (int round = 0; round < 8; ++round) {
         const auto shared = traces.resolver(locator);
         const std::vector<unsigned long long> starts = traces.jitRvas(*shared);
