@@ -221,9 +221,8 @@ TEST(ClrSymReader, ReadsRealDebugFiles)
         const std::wstring path = toWide(folder + "/" + c.file);
         CoreCLRSymbolReader reader(path.c_str());
         ASSERT_EQ(meSuccess, reader.load()) << c.file;
-        EXPECT_EQ(c.lines + std::string("| ") + c.document,
-                  lines(reader, c.methodRow, c.offsets) + "| " + documentName(reader, c.methodRow))
-            << c.file << " row " << c.methodRow;
+        EXPECT_EQ(c.lines, lines(reader, c.methodRow, c.offsets)) << c.file << " row " << c.methodRow;
+        EXPECT_EQ(c.document, documentName(reader, c.methodRow)) << c.file << " row " << c.methodRow;
     }
 }
 

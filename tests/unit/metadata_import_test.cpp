@@ -59,8 +59,10 @@ std::string describeMethods(IMetaDataImport2& import)
         char hex[16];
         std::snprintf(hex, sizeof hex, "%08x ", token);
         text += hex + toUtf8(type) + "::" + toUtf8(name.data());
-        for (ULONG i = 0; i < signatureSize; ++i)
-            text += (std::snprintf(hex, sizeof hex, " %02x", signature[i]), hex);
+        for (ULONG i = 0; i < signatureSize; ++i) {
+            std::snprintf(hex, sizeof hex, " %02x", signature[i]);
+            text += hex;
+        }
         text += "\n";
     }
 }
