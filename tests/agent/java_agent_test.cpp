@@ -1,15 +1,13 @@
 // The agent inside a real Java virtual machine: a small program is compiled and run under it,
 // and its trace is read back through the exported resolver.
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
 
 #include "e2e/e2e_util.h"
 
@@ -42,7 +40,6 @@ int run(const std::string& command, const std::string& log)
     return std::system((command + " >'" + log + "' 2>&1").c_str());
 }
 
-/// Whether the bytes of a region decode as instructions from its start to its end.
 /// Empty when the region's bytes decode as x86-64 to their end; else where they stop.
 std::string undecodable(const ICodeRegion& region)
 {
@@ -91,18 +88,13 @@ TEST(JavaAgent, TraceOfARealVirtualMachineResolvesToMethodsInlineFramesAndCode)
         const bool stub = std::wstring(method->getModule()->getName()) == L"[Dynamic code]";
         stubs += stub;
         for (auto region = method->getCodeRegions(); !region.at_end(); region.next()) {
+            const std::string problem = undecodable(*region.current());
             // The virtual machine announces its constant tables and the interpreter with its
             // data as generated code too: those bytes are no instructions.
-            if (stub) {
-                stubsWithData += !undecodable(*region.current()).empty();
-                continue;
-            }
-            const std::string problem = undecodable(*region.current());
-            const auto seen = undecodedCompiles.find(name);
-            if (seen == undecodedCompiles.end())
+            if (stub)
+                stubsWithData += !problem.empty();
+            else if (!undecodedCompiles.count(name) || problem.empty())
                 undecodedCompiles[name] = problem;
-            else if (problem.empty())
-                seen->second.clear();
         }
         if (name != L"jitdemo::InlineDemo::hot")
             continue;

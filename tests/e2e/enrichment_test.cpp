@@ -41,18 +41,6 @@ struct Locator : ISymbolFileLocator {
     std::atomic<int> calls{0};
 };
 
-/// Copies of the test assemblies: PdbTarget (classic runtime) and a foo.dll whose first custom
-/// attribute belongs to the assembly, so that it reads as .NET Core.
-struct Assemblies {
-    explicit Assemblies(const std::string& folder)
-    {
-        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb"})
-            dir.write(boost::filesystem::path(name).filename().string(), jrtest::readBytes(folder + "/" + name));
-        dir.write("foo.dll", jrtest::fooAsCore(folder));
-    }
-    jrtest::TempDir dir;
-};
-
 MethodLoad byToken(std::uint32_t rawId, std::uint64_t address, const std::string& module, std::uint32_t token,
                    const std::string& sourceFile = "", const std::string& name = "")
 {
@@ -83,15 +71,20 @@ std::wstring describe(ISymbolResolver& resolver, unsigned long long jitRva)
     return text;
 }
 
+/// Copies of the test assemblies: PdbTarget (classic runtime) and a foo.dll whose first custom
+/// attribute belongs to the assembly, so that it reads as .NET Core; a trace of methods in them.
 struct Traces {
-    explicit Traces(const Assemblies& assemblies)
+    explicit Traces(const std::string& folder)
     {
+        for (const char* name : {"cecil/PdbTarget.exe", "cecil/PdbTarget.pdb", "symbolic/foo.pdb"})
+            assemblies.write(boost::filesystem::path(name).filename().string(), jrtest::readBytes(folder + "/" + name));
+        assemblies.write("foo.dll", jrtest::fooAsCore(folder));
         TraceWriter trace;
         trace.magic()
-            .load(kFunctionLoad32_v3, byToken(1, 0x1000, assemblies.dir.file("PdbTarget.exe"), 0x06000002))
-            .load(kFunctionLoad32_v3, byToken(2, 0x2000, assemblies.dir.file("foo.dll"), 0x06000007, "Dynamic Code"))
+            .load(kFunctionLoad32_v3, byToken(1, 0x1000, assemblies.file("PdbTarget.exe"), 0x06000002))
+            .load(kFunctionLoad32_v3, byToken(2, 0x2000, assemblies.file("foo.dll"), 0x06000007, "Dynamic Code"))
             .load(kFunctionLoad32_v3,
-                  byToken(3, 0x3000, assemblies.dir.file("PdbTarget.exe"), 0x06000008, "Dynamic Code", "Keep"))
+                  byToken(3, 0x3000, assemblies.file("PdbTarget.exe"), 0x06000008, "Dynamic Code", "Keep"))
             .load(kFunctionLoad32_v3, byToken(4, 0x4000, "/elsewhere/PdbTarget.exe", 0x06000007))
             .load(kFunctionLoad32_v3, byToken(5, 0x5000, "/nowhere/missing.dll", 0x06000001, "Trace.cs"));
         root.write("d/host.1.jit", trace.bytes());
@@ -108,38 +101,39 @@ struct Traces {
             starts.push_back(it.current()->getStartJitRva());
         return starts;
     }
-    jrtest::TempDir root;
+    jrtest::TempDir assemblies, root;
+};
+
+/// What `describe` gives of each method of the traces, in the order of their jit rvas.
+const std::wstring kDescribed[] = {
+    // Classic runtime: the symbol reader's table without the hidden points at 6 and 19, and
+    // the source file of the first document.
+    L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0-1:21 1-2:22 2-8:22 8-12:22 "
+    L"12-23:23 23-29:22 29-37:25 37-37:26",
+    // .NET Core: a row per native range at its IL offset; "Dynamic Code" gives way.
+    L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0-0:81 "
+    L"11-11:83",
+    // A name from the trace stays, and "Dynamic Code" stays under the classic runtime.
+    L"Keep | Dynamic Code | 0-1:103 1-10:104 10-10:105",
+    // Found by the locator under another directory.
+    L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0-1:92 1-9:93 9-17:94 17-51:95 "
+    L"51-96:96 96-104:97 104-192:99 192-192:100",
+    // A missing assembly leaves the method as the trace gave it.
+    L" | Trace.cs |",
 };
 
 TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssemblies)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const Assemblies assemblies(folder);
-    const Traces traces(assemblies);
-    const boost::intrusive_ptr<Locator> locator(new Locator(assemblies.dir.path()));
+    const Traces traces(folder);
+    const boost::intrusive_ptr<Locator> locator(new Locator(traces.assemblies.path()));
     const auto resolver = traces.resolver(locator);
     ASSERT_TRUE(resolver);
     const std::vector<unsigned long long> starts = traces.jitRvas(*resolver);
     ASSERT_EQ(5u, starts.size());
-    const std::wstring cases[] = {
-        // Classic runtime: the symbol reader's table without the hidden points at 6 and 19, and
-        // the source file of the first document.
-        L"PdbTarget::Program::Main(string[]) | C:\\sources\\PdbTarget\\Program.cs | 0-1:21 1-2:22 2-8:22 8-12:22 "
-        L"12-23:23 23-29:22 29-37:25 37-37:26",
-        // .NET Core: a row per native range at its IL offset; "Dynamic Code" gives way.
-        L"MyInternalClass::ThrowsException() | /Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs | 0-0:81 "
-        L"11-11:83",
-        // A name from the trace stays, and "Dynamic Code" stays under the classic runtime.
-        L"Keep | Dynamic Code | 0-1:103 1-10:104 10-10:105",
-        // Found by the locator under another directory.
-        L"PdbTarget::Program::Gazonk() | C:\\sources\\PdbTarget\\Program.cs | 0-1:92 1-9:93 9-17:94 17-51:95 "
-        L"51-96:96 96-104:97 104-192:99 192-192:100",
-        // A missing assembly leaves the method as the trace gave it.
-        L" | Trace.cs |",
-    };
     for (std::size_t i = 0; i < starts.size(); ++i) {
-        EXPECT_EQ(cases[i], describe(*resolver, starts[i] + 4)) << i;
-        EXPECT_EQ(cases[i], describe(*resolver, starts[i])) << i; // the second request changes nothing
+        EXPECT_EQ(kDescribed[i], describe(*resolver, starts[i] + 4)) << i;
+        EXPECT_EQ(kDescribed[i], describe(*resolver, starts[i])) << i; // the second request changes nothing
     }
     // The missing assembly is looked for again on every request.
     const int calls = locator->calls;
@@ -150,15 +144,8 @@ TEST(Enrichment, MethodsNamedByTokenResolveToNamesSourcesAndLinesOfTheirAssembli
 TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const Assemblies assemblies(folder);
-    const Traces traces(assemblies);
-    const boost::intrusive_ptr<ISymbolFileLocator> locator(new Locator(assemblies.dir.path()));
-    const auto single = traces.resolver(locator);
-    ASSERT_TRUE(single);
-    std::vector<std::wstring> expected;
-    for (unsigned long long jitRva : traces.jitRvas(*single))
-        expected.push_back(describe(*single, jitRva));
-
+    const Traces traces(folder);
+    const boost::intrusive_ptr<ISymbolFileLocator> locator(new Locator(traces.assemblies.path()));
     for (int round = 0; round < 8; ++round) {
         const auto shared = traces.resolver(locator);
         const std::vector<unsigned long long> starts = traces.jitRvas(*shared);
@@ -173,7 +160,7 @@ TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
                     std::this_thread::yield();
                 for (std::size_t i = 0; i < starts.size() * 4; ++i) {
                     const std::size_t k = (i + t) % starts.size();
-                    mismatches[t] += describe(*shared, starts[k]) != expected[k];
+                    mismatches[t] += describe(*shared, starts[k]) != kDescribed[k];
                 }
             });
         for (std::thread& thread : threads)

@@ -19,7 +19,7 @@ def fleet_samples(fleet):
     return samples
 
 
-def test_a_local_cluster_gives_the_single_process_answer(fleet, fleet_samples):
+def test_a_local_cluster_and_one_resolver_over_the_fleet_give_the_per_host_answer(fleet, fleet_samples):
     single = jitreader.dask.resolve_partition(fleet_samples, fleet)
     with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=":0") as cluster, \
             Client(cluster):
@@ -27,11 +27,7 @@ def test_a_local_cluster_gives_the_single_process_answer(fleet, fleet_samples):
     pd.testing.assert_frame_equal(single, distributed.sort_index())
     assert set(single["status"]) == {"resolved", "no-code", "unknown-process", "unknown-host"}
 
-
-def test_per_host_resolvers_name_what_one_resolver_over_the_whole_fleet_names(fleet, fleet_samples):
-    single = jitreader.dask.resolve_partition(fleet_samples, fleet)
-    hosts = sorted(path for path in fleet.iterdir() if path.is_dir())
-    whole = jitreader.Resolver(hosts).resolve(fleet_samples)
+    whole = jitreader.Resolver(sorted(path for path in fleet.iterdir() if path.is_dir())).resolve(fleet_samples)
     columns = ["status", "method", "class", "module", "source", "line", "inlined"]
     pd.testing.assert_frame_equal(whole[columns], single[columns])
     # jit rvas number each resolver's own files; a host alone starts at the bottom.

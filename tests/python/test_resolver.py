@@ -16,10 +16,6 @@ DOTNET_SAMPLES = os.path.join(SOURCE_DIR, "samples", "dotnet.samples")
 SYMBOLS = os.path.join(SOURCE_DIR, "samples", "dotnet")
 
 
-def none_if_nan(value):
-    return None if value is pd.NA or value is None else value
-
-
 @pytest.mark.parametrize("folders, samples, lazy, symbols", [
     (["alpha", "beta"], DEMO_SAMPLES, False, None),
     (["alpha", "beta"], DEMO_SAMPLES, True, None),
@@ -36,7 +32,8 @@ def test_every_sample_resolves_as_the_tool_resolves_it(demo, folders, samples, l
     assert len(frame) == len(expected)
     texts, numbers = ("status", "module", "method", "source"), ("jit_rva", "line")
     for point, (_, row) in zip(expected, frame.iterrows()):
-        assert [row[k] for k in texts] + [none_if_nan(row[k]) for k in numbers] == [point[k] for k in texts + numbers]
+        assert [row[k] for k in texts] + [None if row[k] is pd.NA else row[k] for k in numbers] == \
+            [point[k] for k in texts + numbers]
         assert row["inlined"] == (point["inlined"] or [])
 
 

@@ -28,30 +28,25 @@ class ToolOutput(unittest.TestCase):
     def tool(self, command, *args, code=0):
         return run(command, *self.dirs, "--samples", SAMPLES, *args, code=code).stdout
 
-    def test_json_and_json_lines_give_typed_points(self):
+    def test_json_lines_and_csv_give_a_typed_point_each_with_its_inline_chain(self):
         points = json.loads(self.tool("resolve", "--format", "json"))
         self.assertEqual(points, [json.loads(line) for line in self.tool("resolve", "--format", "jsonl").splitlines()])
-        self.assertEqual(STATUSES, {s: sum(p["status"] == s for p in points) for s in STATUSES})
+        rows = list(csv.DictReader(io.StringIO(self.tool("resolve", "--format", "csv"))))
+        for listed in (points, rows):
+            self.assertEqual(STATUSES, {s: sum(p["status"] == s for p in listed) for s in STATUSES})
         for p in points:
-            self.assertEqual(hex(p["address"]), p["address_hex"])
-            self.assertIsInstance(p["time"], int)
-            self.assertIsInstance(p["pid"], int)
             resolved = p["status"] == "resolved"
+            self.assertEqual((hex(p["address"]), int, int), (p["address_hex"], type(p["time"]), type(p["pid"])))
             self.assertEqual(resolved, isinstance(p["jit_rva"], int))
             self.assertEqual(resolved, isinstance(p["method"], str) and p["reason"] is None)
             if resolved:
                 self.assertEqual(hex(p["jit_rva"]), p["jit_rva_hex"])
         inlined = {p["jit_rva_hex"]: p["inlined"] for p in points if p["inlined"]}
+        chains = {r["jit rva"]: r["inlined"] for r in rows if r["inlined"]}
         self.assertEqual([{"method": "java::util::ArrayList::size", "module": "[Compiled Java code]",
                            "source": "ArrayList.java", "line": 693}], inlined["0x21213"])
-        self.assertEqual(3, len(inlined))
-
-    def test_csv_keeps_one_row_per_point_with_the_inline_chain_in_one_field(self):
-        rows = list(csv.DictReader(io.StringIO(self.tool("resolve", "--format", "csv"))))
-        self.assertEqual(STATUSES, {s: sum(r["status"] == s for r in rows) for s in STATUSES})
-        chains = {r["jit rva"]: r["inlined"] for r in rows if r["inlined"]}
         self.assertEqual("java::util::ArrayList::size (ArrayList.java:693)", chains["0x21213"])
-        self.assertEqual(3, len(chains))
+        self.assertEqual((3, 3), (len(inlined), len(chains)))
 
     def test_folded_stacks_add_up_to_the_samples(self):
         folded = self.tool("report", "--folded")
@@ -72,11 +67,9 @@ class ToolOutput(unittest.TestCase):
         self.assertEqual(26, sum(m["samples"] for m in report["modules"]))
         self.assertEqual(30, sum(p["samples"] for p in report["processes"]))
         self.assertEqual(26, sum(line["samples"] for line in report["lines"]))  # every demo method has lines
-        methods = {m["method"]: m for m in report["methods"]}
-        self.assertEqual((1, 2), (methods["org::example::report::Column::width"]["self"],
-                                  methods["org::example::report::Column::width"]["inclusive"]))
-        self.assertEqual((2, 2), (methods["java::util::ArrayList::size"]["self"],
-                                  methods["java::util::ArrayList::size"]["inclusive"]))
+        methods = {m["method"]: (m["self"], m["inclusive"]) for m in report["methods"]}
+        self.assertEqual((1, 2), methods["org::example::report::Column::width"])
+        self.assertEqual((2, 2), methods["java::util::ArrayList::size"])
         self.assertEqual(3, report["methods"][0]["self"])
         top = json.loads(self.tool("report", "--format", "json", "--top", "2"))
         self.assertEqual([report[k][:2] for k in ("methods", "lines")], [top[k] for k in ("methods", "lines")])

@@ -19,14 +19,7 @@ boost::intrusive_ptr<DotNetMethod> methodOf(const std::string& assembly, unsigne
     return reader ? reader->getMethod(token) : nullptr;
 }
 
-std::string coreCopy(const jrtest::TempDir& dir, const std::string& folder, bool withPdb)
-{
-    if (withPdb)
-        dir.write("foo.pdb", jrtest::readBytes(folder + "/symbolic/foo.pdb"));
-    return dir.write("foo.dll", jrtest::fooAsCore(folder));
-}
-
-TEST(AssemblyReader, MethodNamesClassesSignaturesAndDumpsOfRealAssemblies)
+TEST(AssemblyReader, NamesSignaturesClassicRuntimeSourcesLineTablesAndDumpsOfRealAssemblies)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
     const struct {
@@ -34,8 +27,13 @@ TEST(AssemblyReader, MethodNamesClassesSignaturesAndDumpsOfRealAssemblies)
         unsigned int token;
         const wchar_t* className;
         const wchar_t* nameAndSignature;
+        const wchar_t* source = nullptr; // through the symbol reader; null: not looked at
     } cases[] = {
-        {"cecil/PdbTarget.exe", 0x06000001, L"PdbTarget.B", L".ctor()"},
+        // Two documents: the source file is the first.
+        {"cecil/PdbTarget.exe", 0x06000001, L"PdbTarget.B", L".ctor()", L"C:\\sources\\PdbTarget\\B.cs"},
+        {"cecil/PdbTarget.exe", 0x06000002, L"PdbTarget.Program", L"Main(string[])",
+         L"C:\\sources\\PdbTarget\\Program.cs"},
+        {"symreader-converter/windows/Iterator.dll", 0x06000007, L"<M>d__0`1", L"MoveNext()", L"C:\\Iterator.cs"},
         {"cecil/PdbTarget.exe", 0x06000005, L"PdbTarget.Program", L"Bar(int32)"},
         {"cecil/PdbTarget.exe", 0x06000003, L"PdbTarget.Program",
          L"Where(System.Collections.Generic.IEnumerable`1<>, System.Func`2<, bool>)"},
@@ -51,6 +49,14 @@ TEST(AssemblyReader, MethodNamesClassesSignaturesAndDumpsOfRealAssemblies)
         EXPECT_EQ(c.className, method->getClassName());
         const std::wstring name = method->getMethodName();
         EXPECT_EQ(c.nameAndSignature, name.empty() ? name : name + method->getSignature());
+        if (c.source == nullptr)
+            continue;
+        EXPECT_EQ(1, method->getReaderKind());
+        SourceFile file;
+        ASSERT_EQ(meSuccess, method->getSourceFile(file));
+        EXPECT_EQ(c.source, file.name());
+        EXPECT_EQ(3u, file.getLanguageType()); // C#
+        EXPECT_EQ(2u, file.getChecksumType()); // SHA-1
     }
     // A dump leaves the stream's number format as it found it.
     std::wostringstream dump;
@@ -59,31 +65,7 @@ TEST(AssemblyReader, MethodNamesClassesSignaturesAndDumpsOfRealAssemblies)
               L"     MethodName:      Bar\n     TypeDefName:     PdbTarget.Program\n"
               L"     MethodSignature: (int32)\n\n12",
               dump.str());
-}
 
-TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReader)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const struct {
-        const char* file;
-        unsigned int token;
-        const wchar_t* source; // null: the enrichment test's
-    } cases[] = {
-        {"cecil/PdbTarget.exe", 0x06000002, nullptr},
-        {"cecil/PdbTarget.exe", 0x06000001, L"C:\\sources\\PdbTarget\\B.cs"}, // two documents: the first
-        {"symreader-converter/windows/Iterator.dll", 0x06000007, L"C:\\Iterator.cs"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.token);
-        const boost::intrusive_ptr<DotNetMethod> method = methodOf(folder + "/" + c.file, c.token);
-        ASSERT_TRUE(method);
-        EXPECT_EQ(1, method->getReaderKind());
-        SourceFile file;
-        ASSERT_EQ(meSuccess, method->getSourceFile(file));
-        EXPECT_TRUE(c.source == nullptr || file.name() == c.source) << toUtf8(file.name());
-        EXPECT_EQ(3u, file.getLanguageType()); // C#
-        EXPECT_EQ(2u, file.getChecksumType()); // SHA-1
-    }
     // From the Windows PDB: hidden points make no row; a row runs to the next visible point.
     LineRow rows[16];
     unsigned int count = 16;
@@ -104,8 +86,9 @@ TEST(AssemblyReader, ClassicRuntimeLineTablesAndSourceFilesThroughTheSymbolReade
 TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    jrtest::TempDir dir;
-    const std::string assembly = coreCopy(dir, folder, true);
+    jrtest::TempDir dir, bare;
+    dir.write("foo.pdb", jrtest::readBytes(folder + "/symbolic/foo.pdb"));
+    const std::string assembly = dir.write("foo.dll", jrtest::fooAsCore(folder));
     EXPECT_TRUE(isDotNetCore(toWide(assembly)));
     const boost::intrusive_ptr<DotNetMethod> throws = methodOf(assembly, 0x06000007);
     ASSERT_TRUE(throws);
@@ -117,8 +100,7 @@ TEST(AssemblyReader, CoreRuntimeReadsThePortableDebugFileBesideTheAssembly)
     EXPECT_EQ(meFail, throws->getLineTable(nullptr, &count)); // the classic table needs a symbol method
 
     // Without its debug file the reader still opens; its methods have no reader of either kind.
-    jrtest::TempDir bare;
-    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(coreCopy(bare, folder, false), 0x06000007);
+    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(bare.write("foo.dll", jrtest::fooAsCore(folder)), 0x06000007);
     ASSERT_TRUE(alone);
     EXPECT_EQ(1, alone->getReaderKind());
     EXPECT_EQ(meFail, alone->getSourceFile(file));

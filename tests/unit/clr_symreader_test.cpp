@@ -125,7 +125,7 @@ TEST(ClrSymReader, ReadsHandBuiltFilesByItsOwnRules)
     cut.documents[0] = 46;
     const std::pair<const Layout*, const char*> layouts[] = {
         {&typeRefs, "/src/a.cs"}, {&smallCoded, "/src/a.cs"}, {&wideCoded, "/src/a.cs"}, {&beyond64K, "/src/a.cs"},
-        {&typeRefs, "/src/a.cs"}, {&cut, "/"}, // the part ends with the file
+        {&cut, "/"}, // the part ends with the file
     };
     for (const auto& layout : layouts) {
         const jrtest::TempDir dir;
@@ -134,25 +134,21 @@ TEST(ClrSymReader, ReadsHandBuiltFilesByItsOwnRules)
         CoreCLRSymbolReader reader(path.c_str());
         ASSERT_EQ(meSuccess, reader.load()) << log.dump();
         EXPECT_TRUE(log.contains(log4cplus::ERROR_LOG_LEVEL, "Located PDB file %s" + dir.file("a.pdb") + ", at file: "));
-        EXPECT_EQ("10 0 12 - - ", lines(reader, 1, {0, 5, 9, 7, 10}));
-        EXPECT_EQ("0 - ", lines(reader, 2, {0, 1}));
-        EXPECT_EQ("- ", lines(reader, 4, {0}));
-        EXPECT_EQ("- ", lines(reader, 0, {0}));
-        EXPECT_EQ(layout.second, documentName(reader, 1));
-        EXPECT_EQ("\\src\\a.cs", documentName(reader, 2)); // the first part, "C:", is dropped
-        EXPECT_EQ("untouched", documentName(reader, 4));
+        // Lines of rows 1, 2, 4 and 0, then document names of rows 1, 2 (its first part, "C:", is dropped) and 4.
+        EXPECT_EQ("10 0 12 - - |0 - |- |- |" + std::string(layout.second) + "|\\src\\a.cs|untouched",
+                  lines(reader, 1, {0, 5, 9, 7, 10}) + "|" + lines(reader, 2, {0, 1}) + "|" + lines(reader, 4, {0}) +
+                      "|" + lines(reader, 0, {0}) + "|" + documentName(reader, 1) + "|" + documentName(reader, 2) +
+                      "|" + documentName(reader, 4));
     }
 }
 
-struct Fault {
-    std::function<void(Layout&)> damage;
-    int methodRow; // 0: the load fails; else getDocumentName of this row fails
-    std::string message;
-};
-
 TEST(ClrSymReader, EachFaultHasItsMessage)
 {
-    const Fault faults[] = {
+    const struct {
+        std::function<void(Layout&)> damage;
+        int methodRow; // 0: the load fails; else getDocumentName of this row fails
+        std::string message;
+    } faults[] = {
         {[](Layout& l) { l.keep = 0; }, 0, "Corrupted PDB file %s"},
         {[](Layout& l) { l.keep = 10; }, 0, "PDB error: MetadataHeader too small"},
         {[](Layout& l) { l.patches[0] = 'X'; }, 0, "PDB error: Invalid Metadata Signature"},
@@ -176,7 +172,7 @@ TEST(ClrSymReader, EachFaultHasItsMessage)
         {[](Layout& l) { l.documents[0] = 42; }, 1, "PDB error: Document Name Bytecount not found in Blob Heap"},
         {[](Layout& l) { l.documents[0] = 38; }, 1, "PDB error: Compressed integer encoding error"},
     };
-    for (const Fault& fault : faults) {
+    for (const auto& fault : faults) {
         Layout layout;
         fault.damage(layout);
         const jrtest::TempDir dir;
@@ -197,18 +193,16 @@ TEST(ClrSymReader, EachFaultHasItsMessage)
     EXPECT_TRUE(log.contains(log4cplus::ERROR_LOG_LEVEL, "Failed to find PDB file %s/nonexistent/a.pdb, at file: "));
 }
 
-struct RealCase {
-    const char* file;
-    int methodRow;
-    std::initializer_list<unsigned int> offsets;
-    const char* lines;
-    const char* document;
-};
-
 TEST(ClrSymReader, ReadsRealDebugFiles)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const RealCase cases[] = {
+    const struct {
+        const char* file;
+        int methodRow;
+        std::initializer_list<unsigned int> offsets;
+        const char* lines;
+        const char* document;
+    } cases[] = {
         // Main: exact offsets only, hidden points on line 0, misses between points.
         {"cecil/PdbTarget.pdb", 2, {0x00, 0x01, 0x02, 0x06, 0x0c, 0x25, 0x07, 0x26}, "21 22 22 0 23 26 - - ",
          "\\sources\\PdbTarget\\Program.cs"},
@@ -223,7 +217,7 @@ TEST(ClrSymReader, ReadsRealDebugFiles)
         {"symreader-converter/portable/Documents.pdb", 7, {0}, "- ", "untouched"},
     };
     jrtest::LogCapture log;
-    for (const RealCase& c : cases) {
+    for (const auto& c : cases) {
         const std::wstring path = toWide(folder + "/" + c.file);
         CoreCLRSymbolReader reader(path.c_str());
         ASSERT_EQ(meSuccess, reader.load()) << c.file;

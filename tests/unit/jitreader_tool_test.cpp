@@ -1,5 +1,4 @@
 // The command-line tool, run in process on written result directories.
-#include <fstream>
 #include <sstream>
 
 #include <sys/stat.h>
@@ -140,8 +139,9 @@ TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnly)
     std::fclose(file);
 }
 
-// The machine formats and help texts on the demo are tests/tool/tool_output_test.py's.
-TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndQuietIsAccepted)
+// The machine formats and help texts on the demo are tests/tool/tool_output_test.py's. The .NET
+// process of the demo names its methods by token only: they are found in symbol directories.
+TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndTheAssembliesOfTokenOnlyMethods)
 {
     jrtest::TempDir root;
     jitreader_demo::writeDemoResults(root.path(), "");
@@ -164,6 +164,18 @@ TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndQuietIsAccepted)
     const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv", "--quiet"});
     ASSERT_EQ(0, methods.code);
     EXPECT_EQ(1u + 360u, countOf(methods.out, "\n")) << methods.out.substr(0, 400);
+
+    const std::string symbols = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet";
+    const CommandRun resolved = run(runResolve, {root.file("dotnet"), "--samples", symbols + ".samples", "--symbols",
+                                                 "/nowhere", "--symbols", symbols, "--full-names"});
+    ASSERT_EQ(0, resolved.code) << resolved.err;
+    EXPECT_NE(std::string::npos, resolved.out.find("MyInternalClass::GetPdbId(System::Reflection::Module)"))
+        << resolved.out;
+    EXPECT_NE(std::string::npos, resolved.out.find("/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs:88"))
+        << resolved.out;
+    const CommandRun dotnet = run(runMethods, {root.file("dotnet"), "--symbols", symbols, "--format", "csv"});
+    ASSERT_EQ(0, dotnet.code) << dotnet.err;
+    EXPECT_NE(std::string::npos, dotnet.out.find("StackTraceSample::Main,/Users/swatinem/")) << dotnet.out;
 }
 
 TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
@@ -190,24 +202,6 @@ TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
     for (const char* token : {"0x06000999", "x"})
         EXPECT_EQ(1, run(runAssembly, {folder + "/cecil/PdbTarget.exe", "--token", token}).code) << token;
     EXPECT_EQ(1, run(runAssembly, {folder + "/symbolic/Program.cs"}).code);
-}
-
-TEST(AssemblyTool, ResolveFindsTheAssembliesOfTokenOnlyMethodsInSymbolDirectories)
-{
-    jrtest::TempDir dir;
-    jitreader_demo::writeDemoResults(dir.path(), "");
-    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet.samples";
-    const std::string symbols = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet";
-    const CommandRun resolved = run(runResolve, {dir.file("dotnet"), "--samples", samples, "--symbols", "/nowhere",
-                                                 "--symbols", symbols, "--full-names"});
-    ASSERT_EQ(0, resolved.code) << resolved.err;
-    EXPECT_NE(std::string::npos, resolved.out.find("MyInternalClass::GetPdbId(System::Reflection::Module)"))
-        << resolved.out;
-    EXPECT_NE(std::string::npos, resolved.out.find("/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs:88"))
-        << resolved.out;
-    const CommandRun methods = run(runMethods, {dir.file("dotnet"), "--symbols", symbols, "--format", "csv"});
-    ASSERT_EQ(0, methods.code) << methods.err;
-    EXPECT_NE(std::string::npos, methods.out.find("StackTraceSample::Main,/Users/swatinem/")) << methods.out;
 }
 
 } // namespace

@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <numeric>
 
 #include <gtest/gtest.h>
 
@@ -46,28 +44,24 @@ std::string describeMethods(IMetaDataImport2& import)
 {
     std::string text;
     for (mdMethodDef token = mdtMethodDef | 1;; ++token) {
-        ULONG length = 0;
-        const HRESULT found = import.GetMethodProps(token, nullptr, nullptr, 0, &length, nullptr, nullptr, nullptr,
-                                                    nullptr, nullptr);
-        if (found == CLDB_E_INDEX_NOTFOUND)
+        ULONG length = 0, signatureSize = 0, written = 0, typeLength = 0;
+        if (import.GetMethodProps(token, nullptr, nullptr, 0, &length, nullptr, nullptr, nullptr, nullptr, nullptr) ==
+            CLDB_E_INDEX_NOTFOUND)
             return text;
         std::vector<wchar_t> name(length);
         mdTypeDef owner = 0;
         PCCOR_SIGNATURE signature = nullptr;
-        ULONG signatureSize = 0, written = 0;
         EXPECT_EQ(S_OK, import.GetMethodProps(token, &owner, name.data(), length, &written, nullptr, &signature,
                                               &signatureSize, nullptr, nullptr));
         EXPECT_EQ(length, written);
         wchar_t type[512];
-        ULONG typeLength = 0;
         EXPECT_EQ(S_OK, import.GetTypeDefProps(owner, type, 512, &typeLength, nullptr, nullptr));
-        char tokenText[16];
-        std::snprintf(tokenText, sizeof tokenText, "%08x ", token);
-        text += tokenText + toUtf8(type) + "::" + toUtf8(name.data());
+        char hex[16];
+        std::snprintf(hex, sizeof hex, "%08x ", token);
+        text += hex + toUtf8(type) + "::" + toUtf8(name.data());
         for (ULONG i = 0; i < signatureSize; ++i) {
-            char byte[4];
-            std::snprintf(byte, sizeof byte, " %02x", signature[i]);
-            text += byte;
+            std::snprintf(hex, sizeof hex, " %02x", signature[i]);
+            text += hex;
         }
         text += "\n";
     }
@@ -143,28 +137,45 @@ const char kIteratorMethods[] = R"(06000001 C`1::.ctor 20 00 01
 
 struct Assembly {
     const char* path;
-    const char* methods;
+    const std::string methods;
     const char* framework; // text in the TargetFrameworkAttribute, or null when it has none
+    const char* debugFile; // as the debug directory names it, with its kind, age and PdbChecksum entry
 };
 
 const Assembly kAssemblies[] = {
-    {"symbolic/foo.dll", kFooMethods, ".NETCoreApp,Version=v6.0"},
-    {"cecil/PdbTarget.exe", kPdbTargetMethods, ".NETFramework,Version=v4.5.2"},
-    {"symreader-converter/portable/Documents.dll", kDocumentsMethods, nullptr},
-    {"symreader-converter/windows/Documents.dll", kDocumentsMethods, nullptr},
-    {"symreader-converter/portable/Iterator.dll", kIteratorMethods, nullptr},
-    {"symreader-converter/windows/Iterator.dll", kIteratorMethods, nullptr},
+    {"symbolic/foo.dll", kFooMethods, ".NETCoreApp,Version=v6.0",
+     "/Users/swatinem/Coding/sentry-dotnet/samples/foo/obj/Debug/net6.0/foo.pdb portable 1 SHA256 32"},
+    {"cecil/PdbTarget.exe", kPdbTargetMethods, ".NETFramework,Version=v4.5.2",
+     "C:\\sources\\PdbTarget\\obj\\Debug_ppdb\\PdbTarget.pdb portable 1"},
+    {"symreader-converter/portable/Documents.dll", kDocumentsMethods, nullptr, "/Documents.pdb portable 1 SHA256 32"},
+    {"symreader-converter/windows/Documents.dll", kDocumentsMethods, nullptr, "/Documents.pdb windows 1"},
+    {"symreader-converter/portable/Iterator.dll", kIteratorMethods, nullptr,
+     "D:\\symreader-converter\\src\\PdbTestResources\\Resources\\Iterator.pdb portable 1"},
+    {"symreader-converter/windows/Iterator.dll", kIteratorMethods, nullptr,
+     "D:\\symreader-converter\\src\\PdbTestResources\\Resources\\Iterator.pdb windows 1"},
 };
 
-TEST(MetadataImport, EachMethodTokenItsEnumerationAndTheFrameworkAttribute)
+TEST(MetadataImport, EachMethodTokenItsEnumerationTheFrameworkAttributeAndTheDebugDirectory)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
     const mdToken assemblyToken = 0x20000001;
     for (const Assembly& assembly : kAssemblies) {
         SCOPED_TRACE(assembly.path);
+        HRESULT result = E_FAIL;
+        const std::unique_ptr<PeImage> image = PeImage::create(jrtest::readBytes(folder + "/" + assembly.path), result);
+        ASSERT_EQ(S_OK, result);
+        CodeViewRecord codeView{};
+        ASSERT_TRUE(image->codeView(codeView));
+        const std::vector<PdbChecksum> checksums = image->pdbChecksums();
+        EXPECT_EQ(assembly.debugFile, codeView.path + (codeView.portable ? " portable " : " windows ") +
+                                          std::to_string(codeView.age) +
+                                          (checksums.empty() ? "" : " " + checksums[0].algorithm + " " +
+                                                                        std::to_string(checksums[0].checksum.size())));
+        std::vector<std::uint8_t> embedded;
+        EXPECT_FALSE(image->embeddedPdb(embedded));
+
         const ComPtr<IMetaDataImport2> import = openScope(folder + "/" + assembly.path);
         ASSERT_TRUE(import);
-        // Every method def token gives its name, type and signature.
         EXPECT_EQ(assembly.methods, describeMethods(*import.get()));
 
         // The enumerators page through every method once, with its owner.
@@ -196,12 +207,10 @@ TEST(MetadataImport, EachMethodTokenItsEnumerationAndTheFrameworkAttribute)
             import->CloseEnum(methods);
         }
         std::sort(seen.begin(), seen.end());
-        const std::size_t lines = static_cast<std::size_t>(std::count(assembly.methods, assembly.methods + std::strlen(assembly.methods), '\n'));
-        ASSERT_EQ(lines, seen.size());
-        for (std::size_t i = 0; i < seen.size(); ++i)
-            EXPECT_EQ(mdtMethodDef | (i + 1), seen[i]);
+        std::vector<mdMethodDef> all(std::count(assembly.methods.begin(), assembly.methods.end(), '\n'));
+        std::iota(all.begin(), all.end(), mdtMethodDef | 1);
+        EXPECT_EQ(all, seen);
 
-        // The TargetFrameworkAttribute of the assembly, where it has one.
         const void* blob = nullptr;
         ULONG size = 0;
         const HRESULT found = import->GetCustomAttributeByName(
@@ -229,23 +238,6 @@ TEST(MetadataImport, EachMethodTokenItsEnumerationAndTheFrameworkAttribute)
                    owner == assemblyToken && value == blob;
         }));
     }
-}
-
-TEST(MetadataImport, UncompressedTableStreamReadsAsTheCompressedOne)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    std::vector<unsigned char> image = jrtest::readBytes(folder + "/symbolic/foo.dll");
-    const unsigned char compressed[] = {'#', '~', 0, 0};
-    const auto name = std::search(image.begin(), image.end(), compressed, compressed + 4);
-    ASSERT_NE(image.end(), name);
-    name[1] = '-';
-    ComPtr<IMetaDataDispenser> dispenser;
-    ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorMetaDataDispenser, nullptr, CLSCTX_INPROC_SERVER,
-                                     IID_IMetaDataDispenser, reinterpret_cast<void**>(dispenser.put())));
-    ComPtr<IMetaDataImport2> import;
-    ASSERT_EQ(S_OK, dispenser->OpenScopeOnMemory(image.data(), static_cast<ULONG>(image.size()), ofRead,
-                                                 IID_IMetaDataImport2, reinterpret_cast<IUnknown**>(import.put())));
-    EXPECT_EQ(kFooMethods, describeMethods(*import.get()));
 }
 
 TEST(MetadataImport, NamesAreCutToTheBufferAndBadTokensFail)
@@ -280,7 +272,7 @@ TEST(MetadataImport, NamesAreCutToTheBufferAndBadTokensFail)
     }
 }
 
-TEST(MetadataImport, SystemServicesLeadOnlyToTheStandIns)
+TEST(MetadataImport, SystemServicesLeadOnlyToTheStandInsAndAnUncompressedTableStreamReadsAsTheCompressedOne)
 {
     OSVERSIONINFOEXA version{};
     version.dwMajorVersion = 6;
@@ -305,52 +297,16 @@ TEST(MetadataImport, SystemServicesLeadOnlyToTheStandIns)
     EXPECT_EQ(HRESULT_FILE_NOT_FOUND, dispenser->OpenScope(L"/nonexistent/a.dll", ofRead, IID_IMetaDataImport2, &scope));
     EXPECT_EQ(E_INVALIDARG, dispenser->OpenScope(L"/nonexistent/a.dll", 1, IID_IMetaDataImport2, &scope));
     EXPECT_EQ(nullptr, scope);
-}
-
-
-TEST(PeImage, DebugDirectoriesOfRealImages)
-{
     JR_REQUIRE_DOTNET_TESTDATA(folder);
-    struct Case {
-        const char* path;
-        const char* codeView;
-        bool portable;
-        const char* checksum; // PdbChecksum algorithm, or ""
-    };
-    const Case cases[] = {
-        {"symbolic/foo.dll", "/Users/swatinem/Coding/sentry-dotnet/samples/foo/obj/Debug/net6.0/foo.pdb", true, "SHA256"},
-        {"cecil/PdbTarget.exe", "C:\\sources\\PdbTarget\\obj\\Debug_ppdb\\PdbTarget.pdb", true, ""},
-        {"symreader-converter/portable/Documents.dll", "/Documents.pdb", true, "SHA256"},
-        {"symreader-converter/windows/Documents.dll", "/Documents.pdb", false, ""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        HRESULT result = E_FAIL;
-        const std::unique_ptr<PeImage> image = PeImage::create(jrtest::readBytes(folder + "/" + c.path), result);
-        ASSERT_EQ(S_OK, result);
-        CodeViewRecord codeView{};
-        ASSERT_TRUE(image->codeView(codeView));
-        EXPECT_EQ(c.codeView, codeView.path);
-        EXPECT_EQ(c.portable, codeView.portable);
-        EXPECT_EQ(1u, codeView.age);
-        const std::vector<PdbChecksum> checksums = image->pdbChecksums();
-        EXPECT_EQ(c.checksum, checksums.empty() ? "" : checksums[0].algorithm);
-        EXPECT_EQ(checksums.empty() ? 0u : 32u, checksums.empty() ? 0u : checksums[0].checksum.size());
-        std::vector<std::uint8_t> embedded;
-        EXPECT_FALSE(image->embeddedPdb(embedded));
-    }
+    std::vector<unsigned char> image = jrtest::readBytes(folder + "/symbolic/foo.dll");
+    image.at(jrtest::find(image, {'#', '~', 0, 0}) + 1) = '-';
+    ComPtr<IMetaDataImport2> import;
+    ASSERT_EQ(S_OK, dispenser->OpenScopeOnMemory(image.data(), static_cast<ULONG>(image.size()), ofRead,
+                                                 IID_IMetaDataImport2, reinterpret_cast<IUnknown**>(import.put())));
+    EXPECT_EQ(kFooMethods, describeMethods(*import.get()));
 }
 
 using jrtest::get32;
-
-HRESULT open(std::vector<unsigned char> bytes)
-{
-    MetadataImport* import = nullptr;
-    const HRESULT result = MetadataImport::open(std::move(bytes), &import);
-    if (import)
-        import->Release();
-    return result;
-}
 
 TEST(PeImage, DamagedHeadersFailAsNoImageOrAsCorrupt)
 {
@@ -394,7 +350,8 @@ TEST(PeImage, DamagedHeadersFailAsNoImageOrAsCorrupt)
         SCOPED_TRACE(c.what);
         std::vector<unsigned char> damaged = foo;
         jrtest::put(damaged, c.at, c.value, c.size);
-        EXPECT_EQ(c.result, open(damaged));
+        ComPtr<MetadataImport> import;
+        EXPECT_EQ(c.result, MetadataImport::open(damaged, import.put()));
     }
 }
 
@@ -406,10 +363,9 @@ TEST(PeImage, EveryPrefixOfARealFileLoadsOrFailsCleanly)
         const std::vector<unsigned char> bytes = jrtest::readBytes(folder + "/" + assembly.path);
         std::size_t opens = 0;
         for (std::size_t length = 0; length <= bytes.size(); ++length) {
-            MetadataImport* opened = nullptr;
+            ComPtr<MetadataImport> import;
             const HRESULT result =
-                MetadataImport::open(std::vector<unsigned char>(bytes.begin(), bytes.begin() + length), &opened);
-            const ComPtr<MetadataImport> import(opened);
+                MetadataImport::open(std::vector<unsigned char>(bytes.begin(), bytes.begin() + length), import.put());
             ASSERT_TRUE(result == S_OK || result == COR_E_BADIMAGEFORMAT || result == CLDB_E_FILE_CORRUPT)
                 << length << ": " << std::hex << result;
             if (!import)
@@ -446,18 +402,13 @@ TEST(PeImage, EveryPrefixOfARealFileLoadsOrFailsCleanly)
 
 constexpr ULONG32 kPolicy = AllowOriginalPathAccess | AllowReferencePathAccess;
 
-ComPtr<ISymUnmanagedBinder2> binder()
-{
-    ComPtr<ISymUnmanagedBinder2> made;
-    EXPECT_EQ(S_OK, CoCreateInstance(CLSID_CorSymBinder_SxS, nullptr, CLSCTX_INPROC_SERVER, IID_ISymUnmanagedBinder2,
-                                     reinterpret_cast<void**>(made.put())));
-    return made;
-}
-
 HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& reader, const std::wstring& searchPath = L"",
                   ULONG32 policy = kPolicy)
 {
-    return binder()->GetReaderForFile2(nullptr, toWide(assembly).c_str(), searchPath.c_str(), policy, reader.put());
+    ComPtr<ISymUnmanagedBinder2> binder;
+    EXPECT_EQ(S_OK, CoCreateInstance(CLSID_CorSymBinder_SxS, nullptr, CLSCTX_INPROC_SERVER, IID_ISymUnmanagedBinder2,
+                                     reinterpret_cast<void**>(binder.put())));
+    return binder->GetReaderForFile2(nullptr, toWide(assembly).c_str(), searchPath.c_str(), policy, reader.put());
 }
 
 /// Each point of the method at `token` with its document's URL, or "no method".
@@ -529,57 +480,6 @@ TEST(SymBinder, SequencePointsAndNearestPointLookupsOfRealMethods)
         EXPECT_EQ(lookup[2], lineAt(*reader.get(), mdtMethodDef | lookup[0], lookup[1])) << lookup[0];
 }
 
-TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTaken)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    const jrtest::TempDir temp;
-    const std::vector<unsigned char> foo = jrtest::readBytes(folder + "/symbolic/foo.dll");
-    const std::string alone = temp.write("alone/foo.dll", foo);
-    const std::string paired = temp.write("paired/foo.dll", foo);
-    temp.write("paired/foo.pdb", jrtest::readBytes(folder + "/symbolic/foo.pdb"));
-    const std::string stranger = temp.write("stranger/foo.dll", foo);
-    temp.write("stranger/foo.pdb", jrtest::readBytes(folder + "/symreader-converter/portable/Documents.pdb"));
-    const std::wstring symbolic = toWide(folder + "/symbolic");
-    // Documents.dll beside its Windows PDB, once with another age in its CodeView entry and once
-    // with another signature in the debug file.
-    const std::string windows = folder + "/symreader-converter/windows/Documents";
-    std::vector<unsigned char> dll = jrtest::readBytes(windows + ".dll"), pdb = jrtest::readBytes(windows + ".pdb");
-    const std::string otherSignature = temp.write("signature/Documents.dll", dll);
-    jrtest::put(dll, jrtest::find(dll, {'R', 'S', 'D', 'S'}) + 20, 2);
-    const std::string olderAge = temp.write("age/Documents.dll", dll);
-    temp.write("age/Documents.pdb", pdb);
-    pdb[jrtest::find(pdb, {0x9A, 0x36, 0x63, 0x81})] ^= 1;
-    temp.write("signature/Documents.pdb", pdb);
-
-    struct Case { const char* what; std::string assembly; std::wstring searchPath; ULONG32 policy; HRESULT result; };
-    const Case cases[] = {
-        {"beside, not allowed", paired, L"", AllowOriginalPathAccess, HRESULT_FILE_NOT_FOUND},
-        {"beside, allowed", paired, L"", AllowReferencePathAccess, S_OK},
-        {"nowhere", alone, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"in the search path", alone, L"/nonexistent;" + symbolic, 0, S_OK},
-        {"another build's file", stranger, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"a Windows PDB", windows + ".dll", L"", kPolicy, S_OK},
-        {"a Windows PDB of another age", olderAge, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"a Windows PDB of another signature", otherSignature, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-        {"no assembly", folder + "/symbolic/foo.pdb", L"", kPolicy, COR_E_BADIMAGEFORMAT},
-        {"no file", temp.file("missing.dll"), L"", kPolicy, HRESULT_FILE_NOT_FOUND},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        ComPtr<ISymUnmanagedReader> reader;
-        EXPECT_EQ(c.result, readerFor(c.assembly, reader, c.searchPath, c.policy));
-        EXPECT_EQ(c.result == S_OK, static_cast<bool>(reader));
-    }
-
-    // The older binder class answers through the same operation.
-    ComPtr<ISymUnmanagedBinder> older;
-    ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorSymBinder_deprecated, nullptr, CLSCTX_INPROC_SERVER,
-                                     IID_ISymUnmanagedBinder, reinterpret_cast<void**>(older.put())));
-    ComPtr<ISymUnmanagedReader> reader;
-    EXPECT_EQ(S_OK, static_cast<ISymUnmanagedBinder2*>(older.get())
-                        ->GetReaderForFile2(nullptr, toWide(paired).c_str(), nullptr, kPolicy, reader.put()));
-}
-
 /// foo.dll with its empty Reproducible debug entry turned into an embedded Portable PDB: the
 /// "MPDB" signature, the size, and `pdb` deflated, appended to the file.
 std::vector<unsigned char> withEmbeddedPdb(std::vector<unsigned char> image, const std::vector<unsigned char>& pdb,
@@ -616,18 +516,65 @@ std::vector<unsigned char> withEmbeddedPdb(std::vector<unsigned char> image, con
     return image;
 }
 
-TEST(SymBinder, EmbeddedDebugFileIsReadWhenNoFileMatches)
+TEST(SymBinder, OnlyTheDebugFileOfThisBuildIsTakenBesideInTheSearchPathOrEmbedded)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
     const jrtest::TempDir temp;
     const std::vector<unsigned char> foo = jrtest::readBytes(folder + "/symbolic/foo.dll");
-    const std::vector<unsigned char> pdb = jrtest::readBytes(folder + "/symbolic/foo.pdb");
+    const std::vector<unsigned char> fooPdb = jrtest::readBytes(folder + "/symbolic/foo.pdb");
+    const std::string alone = temp.write("alone/foo.dll", foo);
+    const std::string paired = temp.write("paired/foo.dll", foo);
+    temp.write("paired/foo.pdb", fooPdb);
+    const std::string stranger = temp.write("stranger/foo.dll", foo);
+    temp.write("stranger/foo.pdb", jrtest::readBytes(folder + "/symreader-converter/portable/Documents.pdb"));
+    const std::wstring symbolic = toWide(folder + "/symbolic");
+    // Documents.dll beside its Windows PDB, once with another age in its CodeView entry and once
+    // with another signature in the debug file.
+    const std::string windows = folder + "/symreader-converter/windows/Documents";
+    std::vector<unsigned char> dll = jrtest::readBytes(windows + ".dll"), pdb = jrtest::readBytes(windows + ".pdb");
+    const std::string otherSignature = temp.write("signature/Documents.dll", dll);
+    jrtest::put(dll, jrtest::find(dll, {'R', 'S', 'D', 'S'}) + 20, 2);
+    const std::string olderAge = temp.write("age/Documents.dll", dll);
+    temp.write("age/Documents.pdb", pdb);
+    pdb[jrtest::find(pdb, {0x9A, 0x36, 0x63, 0x81})] ^= 1;
+    temp.write("signature/Documents.pdb", pdb);
+
+    struct Case { const char* what; std::string assembly; std::wstring searchPath; ULONG32 policy; HRESULT result; };
+    const Case cases[] = {
+        {"beside, not allowed", paired, L"", AllowOriginalPathAccess, HRESULT_FILE_NOT_FOUND},
+        {"beside, allowed", paired, L"", AllowReferencePathAccess, S_OK},
+        {"nowhere", alone, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"in the search path", alone, L"/nonexistent;" + symbolic, 0, S_OK},
+        {"another build's file", stranger, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"a Windows PDB", windows + ".dll", L"", kPolicy, S_OK},
+        {"a Windows PDB of another age", olderAge, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"a Windows PDB of another signature", otherSignature, L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"no assembly", folder + "/symbolic/foo.pdb", L"", kPolicy, COR_E_BADIMAGEFORMAT},
+        {"no file", temp.file("missing.dll"), L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+        {"embedded", temp.write("embedded/foo.dll", withEmbeddedPdb(foo, fooPdb, SIZE_MAX)), L"", kPolicy, S_OK},
+        {"embedded, cut short", temp.write("cut/foo.dll", withEmbeddedPdb(foo, fooPdb, 500)), L"", kPolicy,
+         HRESULT_FILE_NOT_FOUND},
+        {"embedded, of another build",
+         temp.write("other/foo.dll", withEmbeddedPdb(foo, jrtest::readBytes(folder + "/cecil/PdbTarget.pdb"), SIZE_MAX)),
+         L"", kPolicy, HRESULT_FILE_NOT_FOUND},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        ComPtr<ISymUnmanagedReader> reader;
+        EXPECT_EQ(c.result, readerFor(c.assembly, reader, c.searchPath, c.policy));
+        EXPECT_EQ(c.result == S_OK, static_cast<bool>(reader));
+        if (reader && c.assembly.find("/foo.dll") != std::string::npos) {
+            EXPECT_EQ(81u, lineAt(*reader.get(), 0x06000007, 10)); // foo.pdb it is
+        }
+    }
+
+    // The older binder class answers through the same operation.
+    ComPtr<ISymUnmanagedBinder> older;
+    ASSERT_EQ(S_OK, CoCreateInstance(CLSID_CorSymBinder_deprecated, nullptr, CLSCTX_INPROC_SERVER,
+                                     IID_ISymUnmanagedBinder, reinterpret_cast<void**>(older.put())));
     ComPtr<ISymUnmanagedReader> reader;
-    ASSERT_EQ(S_OK, readerFor(temp.write("whole/foo.dll", withEmbeddedPdb(foo, pdb, SIZE_MAX)), reader));
-    EXPECT_EQ(81u, lineAt(*reader.get(), 0x06000007, 10));
-    EXPECT_EQ(HRESULT_FILE_NOT_FOUND, readerFor(temp.write("cut/foo.dll", withEmbeddedPdb(foo, pdb, 500)), reader));
-    const std::vector<unsigned char> other = jrtest::readBytes(folder + "/cecil/PdbTarget.pdb");
-    EXPECT_EQ(HRESULT_FILE_NOT_FOUND, readerFor(temp.write("other/foo.dll", withEmbeddedPdb(foo, other, SIZE_MAX)), reader));
+    EXPECT_EQ(S_OK, static_cast<ISymUnmanagedBinder2*>(older.get())
+                        ->GetReaderForFile2(nullptr, toWide(paired).c_str(), nullptr, kPolicy, reader.put()));
 }
 
 } // namespace
