@@ -1,11 +1,11 @@
+// How loads over the same addresses cut keys and end lives, and the version history of one key.
 #include "jitreader/jit_data_manager.h"
 
-#include <algorithm>
 #include <random>
-#include <set>
 
 #include <gtest/gtest.h>
 
+#include "jitreader/version_history.h"
 #include "support/log_capture.h"
 #include "unit/store_test_util.h"
 
@@ -13,9 +13,7 @@ using namespace velmark_3_11;
 using namespace jrtest;
 
 namespace {
-
 struct Placed { unsigned long long start, end, time; };
-
 } // namespace
 
 // Each key of the domain as "start-end:load times": pieces under the newcomer hold the old
@@ -193,4 +191,32 @@ TEST(RegionSplitTest, KeysAndLivesFollowTheModel)
     EXPECT_EQ(keys, describeDomain(store));
     for (std::size_t i = 0; i < loads.size(); ++i)
         EXPECT_EQ(unloads[i], store.methodList()[i]->regions()[0]->unloadTime()) << i;
+}
+
+// Only a region of no bytes can share its start jit rva with another (the jit rva map refuses
+// any other): the later one is placed, but keeps the first owner and is reported; a load time
+// already there is refused and changes nothing.
+TEST(VersionHistoryTest, SharedStartsKeepTheFirstOwner)
+{
+    const auto fake = [](std::size_t i) { return reinterpret_cast<JitMethod*>(0x1000 + 8 * i); }; // never read
+    const auto regionAt = [](unsigned long long loadTime, unsigned long long startJitRva, unsigned int length) {
+        return Region(7, 1, loadTime, startJitRva, 0x1000, length, nullptr);
+    };
+    VersionHistory::Arena arena;
+    Region empty = regionAt(100, 0x50, 0), full = regionAt(200, 0x50, 16), again = regionAt(100, 0x60, 16);
+    VersionHistory history;
+    EXPECT_TRUE(history.accepts(empty));
+    EXPECT_FALSE(history.add(empty, fake(1), arena).startJitRvaTaken);
+    EXPECT_FALSE(history.accepts(full));
+    const VersionHistory::Placed placed = history.add(full, fake(2), arena);
+    EXPECT_TRUE(placed.added && placed.startJitRvaTaken);
+    EXPECT_EQ(&empty, placed.closed);
+    EXPECT_EQ(200u, empty.unloadTime());
+    EXPECT_EQ(fake(1), history.newest()->owner);
+
+    EXPECT_FALSE(history.accepts(again));
+    EXPECT_FALSE(history.add(again, fake(3), arena).added);
+    EXPECT_EQ(2u, history.size());
+    EXPECT_TRUE(history.at(150)->region == &empty && history.after(150)->region == &full);
+    EXPECT_TRUE(history.at(99) == nullptr && history.after(200) == nullptr);
 }
