@@ -99,14 +99,13 @@ struct InlineStore {
             return load(store,
                         makeMethod(step.rawId, step.time, {{step.address, step.length, nextJitRva - step.length}}));
         }
-        last = makeInline(step.rawId, step.parentId, step.address, step.length, step.time);
-        const auto result = store.processMethodInlineLoadRecord(7, 1, last);
+        MethodPtr inlined = makeInline(step.rawId, step.parentId, step.address, step.length, step.time);
+        const auto result = store.processMethodInlineLoadRecord(7, 1, inlined);
         EXPECT_STORE_CONSISTENT(store);
         return result;
     }
 
     JitDataManager store;
-    MethodPtr last;
     unsigned long long nextJitRva = 0x400;
 };
 
