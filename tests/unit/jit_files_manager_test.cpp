@@ -44,7 +44,7 @@ TEST(JitFilesManager, ParsesHostAndProcessFromTheName)
     }
 }
 
-TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRanges)
+TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRangesOrFails)
 {
     TempDir root;
     // Given out of order and twice; visited sorted, once.
@@ -105,15 +105,10 @@ TEST(JitFilesManager, ScansSortedDirectoriesOnceAndGivesAdjacentRanges)
             ids.push_back(it.current());
         EXPECT_EQ((std::vector<unsigned int>{3, 5, 5}), ids);
     }
-}
 
-TEST(JitFilesManager, ScanFailures)
-{
-    TempDir root;
-    root.write("good/host.1.jit", Bytes(4));
-    root.write("bad/a.jit", Bytes(4));
+    // Scans that fail.
+    root.write("0-bad/a.jit", Bytes(4));
     root.write("file.txt", Bytes(1));
-
     const struct {
         std::vector<std::string> dirs;
         velmark_error_t result;
@@ -121,9 +116,9 @@ TEST(JitFilesManager, ScanFailures)
     } cases[] = {
         {{"missing"}, meNotADirectory, 0},
         {{"file.txt"}, meNotADirectory, 0},
-        {{"bad"}, meFail, 0},
-        {{"good", "missing"}, meNotADirectory, 1},
-        {{"bad", "good"}, meFail, 0}, // "bad" sorts first and ends the scan
+        {{"0-bad"}, meFail, 0},
+        {{"a", "missing"}, meNotADirectory, 2},
+        {{"a", "0-bad"}, meFail, 0}, // "0-bad" sorts first and ends the scan
     };
     for (const auto& c : cases) {
         std::vector<std::wstring> paths;
