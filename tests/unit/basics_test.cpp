@@ -47,7 +47,7 @@ private:
     int* m_destroyed;
 };
 
-TEST(BaseObject, CountStartsAtZeroAndTheLastReleaseDestroys)
+TEST(BaseObject, CountStartsAtZeroAndTheLastReleaseDestroysAndCopiesStartAfresh)
 {
     int destroyed = 0;
     {
@@ -60,10 +60,8 @@ TEST(BaseObject, CountStartsAtZeroAndTheLastReleaseDestroys)
         EXPECT_EQ(0, destroyed);
     }
     EXPECT_EQ(1, destroyed);
-}
 
-TEST(BaseObject, CopyStartsAtZeroAndAssignmentCopiesTheCount)
-{
+    // A copy starts at zero.
     boost::intrusive_ptr<Probe> shared(new Probe);
     boost::intrusive_ptr<Probe> second = shared;
     EXPECT_EQ(0u, Probe(*shared).count());

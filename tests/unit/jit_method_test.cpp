@@ -268,7 +268,7 @@ TEST(LineTable, EveryRowComesBackExactly)
     EXPECT_TRUE(LineTable(Rows()).rows().empty());
 }
 
-TEST(Region, UpdatesByMarkupType)
+TEST(Region, UpdatesByMarkupTypeWithinTheBuffers)
 {
     struct Update { unsigned long long addr; unsigned int length; int type; char fill; }; // fill 0: no content
     const std::string ok = "Updated code region (ip range = 0x1000-0x2010 successfully", orig = "abcdefghijklmnop";
@@ -323,13 +323,11 @@ TEST(Region, UpdatesByMarkupType)
         const std::vector<std::string> errors = log.texts(log4cplus::ERROR_LOG_LEVEL);
         EXPECT_TRUE(errors.size() == 1 && errors[0].rfind(c.message + jrtest::kAtFileSuffix, 0) == 0) << log.dump();
     }
-}
 
-TEST(Region, UpdateNeverReadsOrWritesPastABuffer)
-{
-    // (A region without bytes is the decoder's case "update of a region without bytes".)
+    // Nothing is read or written past a buffer: the region claims 16 bytes but holds 8, the update
+    // claims 8 bytes but brings 2. (A region without bytes is the decoder's case "update of a
+    // region without bytes".)
     jrtest::LogCapture log;
-    // The region claims 16 bytes but holds 8; the update claims 8 bytes but brings 2.
     boost::intrusive_ptr<Region> region = makeRegion("abcdefgh");
     EXPECT_EQ(region->addBytesUpdate(0x1006, 8, bytesOf("XY"), stCode, L""), meSuccess);
     EXPECT_EQ(shown(*region), "abcdefXY");
