@@ -243,10 +243,8 @@ TEST(LoadProgress, ReportsTheBytesOfEachFileAgainstTheTotalAndChangesNoAnswer)
     std::vector<unsigned long long> sizes;
     // The files of a host's processes are read host by host, process by process: the order of
     // the reports, whatever the order of the names.
-    const struct {
-        const char* path;
-        std::uint32_t methods;
-    } files[] = {{"d/b.7.jit", 1}, {"d/a.9.jit", 3}, {"d/a.2.jit", 2}, {"e/b.7-1.jit", 1}};
+    const struct { const char* path; std::uint32_t methods; } files[] = {
+        {"d/b.7.jit", 1}, {"d/a.9.jit", 3}, {"d/a.2.jit", 2}, {"e/b.7-1.jit", 1}};
     for (const auto& file : files) {
         TraceWriter trace = e2e::trace({});
         for (std::uint32_t i = 0; i < file.methods; ++i)
