@@ -64,27 +64,6 @@ TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
     }
 }
 
-TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType)
-{
-    const std::uint32_t types[] = {0, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14};
-    const Bytes payload = {1, 2, 3, 4, 5};
-    TraceWriter writer;
-    writer.collectorType(1).collectorType(2);
-    for (std::uint32_t type : types)
-        writer.frame(type, payload);
-    jrtest::TempDir dir;
-    dir.write("frames.jit", writer.bytes());
-    JitFileDecoder decoder(dir.wide("frames.jit"), 7003, 1, 0, decoding_mode_full);
-    Record record;
-    ASSERT_TRUE(decoder.getNextRecord(record) == meSuccess && decoder.getNextRecord(record) == meSuccess);
-    EXPECT_EQ(decoder.collectorType(), 2u); // the last frame counts
-    for (std::uint32_t type : types) {
-        ASSERT_EQ(decoder.getNextRecord(record), meSuccess) << type;
-        EXPECT_TRUE(record.type == type && record.data == payload) << type;
-    }
-    EXPECT_EQ(decoder.getNextRecord(record), meEndOfTrace);
-}
-
 TEST(JitFileDecoder, JitRvasRunThroughTheFileRangeThenOnceIntoItsOverflowWindow)
 {
     constexpr unsigned long long kBase = JitFileDecoder::kOverflowWindowBase;
@@ -261,14 +240,29 @@ TEST(LoadRecord, OddRecordsOfTheNewestForm)
     }
 }
 
-TEST(LoadRecord, CollectorTypeAndArchitecturesComeFromTheStream)
+// Every known type is handed out with its payload; the last collector type frame counts, and it
+// and the architectures come from the stream.
+TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType)
 {
-    MethodLoad load = kLoad;
+    const std::uint32_t types[] = {0, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14};
+    const Bytes payload = {1, 2, 3, 4, 5};
+    TraceWriter writer;
+    writer.collectorType(2).collectorType(1);
+    for (std::uint32_t type : types)
+        writer.frame(type, payload);
     jrtest::TempDir dir;
-    dir.write("p.jit", TraceWriter().collectorType(1).bytes());
-    Decoding d(decoding_mode_full, dir.wide("p.jit"));
-    Record frame;
-    ASSERT_EQ(d.decoder.getNextRecord(frame), meSuccess);
+    dir.write("frames.jit", writer.bytes());
+    Decoding d(decoding_mode_full, dir.wide("frames.jit"));
+    Record record;
+    ASSERT_TRUE(d.decoder.getNextRecord(record) == meSuccess && d.decoder.getNextRecord(record) == meSuccess);
+    EXPECT_EQ(d.decoder.collectorType(), 1u);
+    for (std::uint32_t type : types) {
+        ASSERT_EQ(d.decoder.getNextRecord(record), meSuccess) << type;
+        EXPECT_TRUE(record.type == type && record.data == payload) << type;
+    }
+    EXPECT_EQ(d.decoder.getNextRecord(record), meEndOfTrace);
+
+    MethodLoad load = kLoad;
     for (std::uint32_t type : {5u, 7u, 9u, 8u}) { // old forms leave the architecture flags alone
         load.moduleArch = type == 9 ? 0 : 1;
         d.method.reset(new JitMethod);
