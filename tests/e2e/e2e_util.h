@@ -78,6 +78,31 @@ inline boost::intrusive_ptr<velmark_3_11::IJitLoader> loaderOf(
     return velmark_3_11::IJitLoader::create(directories);
 }
 
+/// A trace of a magic frame and 64-bit form 4 load records.
+inline tracewriter::TraceWriter trace(const std::vector<tracewriter::MethodLoad>& records)
+{
+    tracewriter::TraceWriter writer;
+    writer.magic();
+    for (const tracewriter::MethodLoad& record : records)
+        writer.load(tracewriter::kFunctionLoad64_v3, record);
+    return writer;
+}
+
+/// Files written under a fresh root, and a resolver and a loader over some of its directories.
+struct Results {
+    explicit Results(const std::vector<std::pair<std::string, tracewriter::Bytes>>& files,
+                     const std::vector<std::string>& directories = {"d"})
+    {
+        for (const auto& file : files)
+            root.write(file.first, file.second);
+        resolver = resolverOf(dirs(root, directories));
+        loader = loaderOf(dirs(root, directories));
+    }
+    jrtest::TempDir root;
+    boost::intrusive_ptr<velmark_3_11::ISymbolResolver> resolver;
+    boost::intrusive_ptr<velmark_3_11::IJitLoader> loader;
+};
+
 /// Names of all methods of a resolver, in order.
 inline std::vector<std::wstring> methodNames(velmark_3_11::ISymbolResolver& resolver)
 {

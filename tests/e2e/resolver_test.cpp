@@ -1,9 +1,6 @@
 // The exported factories over written result directories: the resolver, the loader and the
 // process list, inline frames across files, load progress, and files that keep to their own jit
 // rvas.
-#include <utility>
-#include <vector>
-
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
@@ -18,13 +15,11 @@ namespace {
 TEST(SymbolResolver, BitnessFilterEndsTheReadingAtTheOtherGroup)
 {
     jrtest::TempDir root;
-    TraceWriter trace;
-    trace.magic()
-        .load(kFunctionLoad32_v3, e2e::method(1, 0x1000, 0x40, 100, "first32"))
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 110, "then64"))
-        .load(kFunctionLoad32_v3, e2e::method(3, 0x3000, 0x40, 120, "again32"));
-    root.write("d/host.1.jit", trace.bytes());
-
+    root.write("d/host.1.jit", TraceWriter().magic()
+                                   .load(kFunctionLoad32_v3, e2e::method(1, 0x1000, 0x40, 100, "first32"))
+                                   .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 110, "then64"))
+                                   .load(kFunctionLoad32_v3, e2e::method(3, 0x3000, 0x40, 120, "again32"))
+                                   .bytes());
     const struct {
         int arch; // -1: the overload without architecture
         std::vector<std::wstring> names;
@@ -45,37 +40,6 @@ TEST(SymbolResolver, BitnessFilterEndsTheReadingAtTheOtherGroup)
     }
 }
 
-TEST(SymbolResolver, CorruptFileKeepsItsEarlierRecordsAndOtherFilesAreReadOnce)
-{
-    jrtest::TempDir root;
-    TraceWriter good1, corrupt, good3;
-    good1.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "one"));
-    corrupt.magic()
-        .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "two"))
-        .frame(99, {1, 2, 3, 4})
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 100, "lost"));
-    good3.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "three"));
-    root.write("d/host.1.jit", good1.bytes());
-    const std::string corruptPath = root.write("d/host.2.jit", corrupt.bytes());
-    root.write("d/host.3.jit", good3.bytes());
-
-    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-    auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-    auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
-    ASSERT_TRUE(resolver && loader);
-    EXPECT_EQ((std::vector<std::wstring>{L"App::Main::one", L"App::Main::two", L"App::Main::three"}),
-              e2e::methodNames(*resolver));
-    // The loader reads the failed process once and answers from what it gave.
-    for (int call = 0; call < 3; ++call) {
-        const e2e::Answer a = e2e::answer(*loader, *resolver, 150, 0x1010, 2);
-        EXPECT_TRUE(a.loader == meSuccess && a.resolved && a.name == L"App::Main::two");
-    }
-    // Once for the resolver and once for the loader.
-    EXPECT_EQ(2u, log.count(log4cplus::ERROR_LOG_LEVEL, "Couldn't recognize type of the jit trace"));
-    EXPECT_EQ(2u, log.count(log4cplus::ERROR_LOG_LEVEL, "Could not read jit file " + corruptPath + ", at file: "))
-        << log.dump();
-}
-
 TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothArchitectures)
 {
     const struct { bool profiler; std::uint16_t firstArch; std::vector<std::wstring> modules; } cases[] = {
@@ -84,24 +48,18 @@ TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothA
         {true, 1, {L"/opt/app/app.dll", L"/opt/app/app.dll", L"[Dynamic code]"}}, // architecture 0 never seen
     };
     for (const auto& c : cases) {
-        jrtest::TempDir root;
-        TraceWriter trace;
-        trace.magic();
-        if (c.profiler)
-            trace.collectorType(1);
         MethodLoad first = e2e::method(1, 0x1000, 0x40, 100, "first");
         first.moduleArch = c.firstArch;
         MethodLoad dynamic = e2e::method(3, 0x3000, 0x40, 100, "dynamic");
         dynamic.modulePath.clear();
-        trace.load(kFunctionLoad64_v3, first)
-            .load(kFunctionLoad64_v3, e2e::method(2, 0x2000, 0x40, 100, "wide"))
-            .load(kFunctionLoad64_v3, dynamic);
-        root.write("d/host.1.jit", trace.bytes());
-
-        auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-        ASSERT_TRUE(resolver);
+        TraceWriter trace;
+        trace.magic().raw(c.profiler ? TraceWriter().collectorType(1).bytes() : Bytes());
+        for (const MethodLoad& method : {first, e2e::method(2, 0x2000, 0x40, 100, "wide"), dynamic})
+            trace.load(kFunctionLoad64_v3, method);
+        const e2e::Results r({{"d/host.1.jit", trace.bytes()}});
+        ASSERT_TRUE(r.resolver);
         std::vector<std::wstring> modules;
-        for (auto it = resolver->getMethods(); !it.at_end(); it.next())
+        for (auto it = r.resolver->getMethods(); !it.at_end(); it.next())
             modules.push_back(it.current()->getModule()->getName());
         EXPECT_EQ(c.modules, modules) << c.profiler << c.firstArch;
     }
@@ -109,16 +67,11 @@ TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothA
 
 TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
 {
-    jrtest::TempDir root;
-    TraceWriter first, second;
-    first.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "older"));
-    second.magic().load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 200, "newer"));
-    root.write("b/host.5.jit", first.bytes()); // "a" sorts first, but time decides who answers
-    root.write("a/host.5.jit", second.bytes());
-
-    auto resolver = e2e::resolverOf(e2e::dirs(root, {"b", "a"}));
-    auto loader = e2e::loaderOf(e2e::dirs(root, {"b", "a"}));
-    ASSERT_TRUE(resolver && loader);
+    const TraceWriter second = e2e::trace({e2e::method(2, 0x1000, 0x40, 200, "newer")});
+    // "a" sorts first, but time decides who answers.
+    const e2e::Results r({{"b/host.5.jit", e2e::trace({e2e::method(1, 0x1000, 0x40, 100, "older")}).bytes()},
+                          {"a/host.5.jit", second.bytes()}}, {"b", "a"});
+    ASSERT_TRUE(r.resolver && r.loader);
     // a/host.5.jit is registered first and owns the jit rvas from 1; b/host.5.jit follows it.
     const unsigned long long olderBase = 1 + second.size();
     const struct { unsigned long long time; const wchar_t* name; unsigned long long jitRva; } points[] = {
@@ -127,10 +80,10 @@ TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
         {1000, L"App::Main::newer", 1 + 0x10},
     };
     for (const auto& p : points) {
-        const e2e::Answer a = e2e::answer(*loader, *resolver, p.time, 0x1010, 5);
+        const e2e::Answer a = e2e::answer(*r.loader, *r.resolver, p.time, 0x1010, 5);
         EXPECT_TRUE(a.loader == meSuccess && a.jitRva == p.jitRva && a.resolved && a.name == p.name) << p.time;
     }
-    EXPECT_EQ(meFail, e2e::answer(*loader, *resolver, 99, 0x1010, 5).loader);
+    EXPECT_EQ(meFail, e2e::answer(*r.loader, *r.resolver, 99, 0x1010, 5).loader);
 }
 
 // The three factories refuse the same directories and take an empty one; the process list names
@@ -182,11 +135,9 @@ TEST(SymbolResolver, CreationFailuresEmptyInputsAndAProcessListThatReadsNothing)
 TEST(JitLoader, ReadsAProcessOnceOnFirstDemandAndKeepsNoCodeBytes)
 {
     jrtest::TempDir root;
-    TraceWriter trace;
-    trace.magic()
-        .load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "old"))
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x1000, 0x40, 300, "new"));
-    const std::string path = root.write("d/node.one.7.jit", trace.bytes());
+    const std::string path = root.write("d/node.one.7.jit", e2e::trace({e2e::method(1, 0x1000, 0x40, 100, "old"),
+                                                                        e2e::method(2, 0x1000, 0x40, 300, "new")})
+                                                                .bytes());
     root.write("d/node.one.8.jit", {0xff, 0xff, 0xff, 0xff}); // never asked about, never read
     auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
     ASSERT_TRUE(loader);
@@ -234,24 +185,23 @@ TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFil
 {
     // J is inlined into I, and I into P; the records arrive as J, I, P. Another process's file
     // follows, so that every file of process 7 is finalised more than once.
-    TraceWriter inlines, parent, other;
+    TraceWriter inlines;
     inlines.magic()
         .collectorType(1)
         .inlineLoad(kFunctionInlineLoad64, inlined(3, 2, 0x1020, 0x10, "size()I", 300))
         .inlineLoad(kFunctionInlineLoad64, inlined(2, 1, 0x1010, 0x40, "get(I)Ljava/lang/Object;", 200));
-    parent.magic().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10));
-    other.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "other"));
-    TraceWriter oneFile = inlines;
-    oneFile.raw(TraceWriter().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10)).bytes());
-
+    const Bytes parent =
+        TraceWriter().collectorType(1).load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x100, 100, "run", 10)).bytes();
+    const Bytes other = e2e::trace({e2e::method(1, 0x1000, 0x40, 100, "other")}).bytes();
     const struct {
         const char* name;
-        std::vector<std::pair<std::string, const TraceWriter*>> files;
+        std::vector<std::pair<std::string, Bytes>> files;
         unsigned long long parentBase; // the parent's first jit rva
     } layouts[] = {
-        {"one file", {{"a/host.7.jit", &oneFile}, {"b/host.8.jit", &other}}, 1},
+        {"one file", {{"a/host.7.jit", TraceWriter(inlines).raw(parent).bytes()}, {"b/host.8.jit", other}}, 1},
         {"parent in a later file than its inlines",
-         {{"a/host.7.jit", &inlines}, {"b/host.7.jit", &parent}, {"b/host.8.jit", &other}},
+         {{"a/host.7.jit", inlines.bytes()}, {"b/host.7.jit", TraceWriter().magic().raw(parent).bytes()},
+          {"b/host.8.jit", other}},
          1 + inlines.size()},
     };
     const struct {
@@ -266,28 +216,25 @@ TEST(InlineFrames, InlinesArrivingBeforeTheirParentsResolveToTheirFramesInAnyFil
     };
     for (const auto& layout : layouts) {
         SCOPED_TRACE(layout.name);
-        jrtest::TempDir root;
-        for (const auto& file : layout.files)
-            root.write(file.first, file.second->bytes());
-        auto resolver = e2e::resolverOf(e2e::dirs(root, {"a", "b"}));
-        auto loader = e2e::loaderOf(e2e::dirs(root, {"a", "b"}));
-        ASSERT_TRUE(resolver && loader);
+        const e2e::Results r(layout.files, {"a", "b"});
+        ASSERT_TRUE(r.resolver && r.loader);
         for (const auto& sample : samples) {
-            unsigned long long jitRva = 0;
-            boost::intrusive_ptr<IModule> module;
-            ASSERT_EQ(meSuccess, loader->resolveModule(150, sample.address, 7, 1, &jitRva, module));
-            EXPECT_EQ(layout.parentBase + sample.address - 0x1000, jitRva);
+            const e2e::Answer a = e2e::answer(*r.loader, *r.resolver, 150, sample.address, 7);
+            ASSERT_EQ(meSuccess, a.loader);
+            EXPECT_EQ(layout.parentBase + sample.address - 0x1000, a.jitRva);
             std::vector<std::pair<std::wstring, unsigned int>> frames;
-            for (const e2e::Frame& frame : e2e::framesAt(*resolver, jitRva))
+            for (const e2e::Frame& frame : e2e::framesAt(*r.resolver, a.jitRva))
                 frames.emplace_back(frame.name, frame.line);
             EXPECT_EQ(sample.frames, frames) << std::hex << sample.address;
         }
     }
 }
 
+typedef std::vector<std::pair<unsigned long long, unsigned long long>> Reports; // done, total
+
 void record(unsigned long long done, unsigned long long total, void* context)
 {
-    static_cast<std::vector<std::pair<unsigned long long, unsigned long long>>*>(context)->push_back({done, total});
+    static_cast<Reports*>(context)->push_back({done, total});
 }
 
 TEST(LoadProgress, ReportsTheBytesOfEachFileAgainstTheTotalAndChangesNoAnswer)
@@ -296,50 +243,37 @@ TEST(LoadProgress, ReportsTheBytesOfEachFileAgainstTheTotalAndChangesNoAnswer)
     std::vector<unsigned long long> sizes;
     // The files of a host's processes are read host by host, process by process: the order of
     // the reports, whatever the order of the names.
-    const struct {
-        const char* path;
-        std::uint32_t methods;
-    } files[] = {{"d/b.7.jit", 1}, {"d/a.9.jit", 3}, {"d/a.2.jit", 2}, {"e/b.7-1.jit", 1}};
+    const struct { const char* path; std::uint32_t methods; } files[] = {
+        {"d/b.7.jit", 1}, {"d/a.9.jit", 3}, {"d/a.2.jit", 2}, {"e/b.7-1.jit", 1}};
     for (const auto& file : files) {
-        TraceWriter trace;
-        trace.magic();
+        TraceWriter trace = e2e::trace({});
         for (std::uint32_t i = 0; i < file.methods; ++i)
             trace.load(kFunctionLoad64_v3, e2e::method(i + 1, 0x1000 + i * 0x100, 0x40, 100, "m"));
         root.write(file.path, trace.bytes());
-        sizes.push_back(trace.bytes().size());
+        sizes.push_back(trace.size());
     }
     const unsigned long long total = sizes[0] + sizes[1] + sizes[2] + sizes[3];
 
-    struct Case { bool withCallback; std::vector<std::pair<unsigned long long, unsigned long long>> expected; };
-    const Case cases[] = {
-        {true, {{0, total}, {sizes[2], total}, {sizes[2] + sizes[1], total},
-                {sizes[2] + sizes[1] + sizes[0], total}, {total, total}}},
-        {false, {}},
-    };
-    for (const Case& c : cases) {
-        std::vector<std::pair<unsigned long long, unsigned long long>> reports;
-        LoadProgress progress;
-        if (c.withCallback) {
-            progress.callback = &record;
-            progress.context = &reports;
-        }
+    const Reports expected = {{0, total}, {sizes[2], total}, {sizes[2] + sizes[1], total},
+                              {sizes[2] + sizes[1] + sizes[0], total}, {total, total}};
+    boost::intrusive_ptr<ISymbolFileLocator> locator;
+    for (const bool withCallback : {true, false}) {
+        Reports reports;
         auto directories = e2e::dirs(root, {"d", "e"});
-        boost::intrusive_ptr<ISymbolFileLocator> locator;
-        const auto resolver = createSymbolResolver(directories, locator, progress);
+        const auto resolver = createSymbolResolver(directories, locator,
+                                                   withCallback ? LoadProgress{&record, &reports} : LoadProgress());
         ASSERT_TRUE(resolver);
-        EXPECT_EQ(c.expected, reports);
+        EXPECT_EQ(withCallback ? expected : Reports(), reports);
         EXPECT_EQ(e2e::methodNames(*e2e::resolverOf(e2e::dirs(root, {"d", "e"}))), e2e::methodNames(*resolver));
     }
-
     auto missing = e2e::dirs(root, {"nowhere"});
-    boost::intrusive_ptr<ISymbolFileLocator> locator;
-    std::vector<std::pair<unsigned long long, unsigned long long>> reports;
+    Reports reports;
     EXPECT_FALSE(createSymbolResolver(missing, locator, LoadProgress{&record, &reports}));
     EXPECT_TRUE(reports.empty());
 }
 
-// Every trace file numbers its code in a space of its own: what one file holds, damaged or
-// outgrowing its range, never changes the answers for another.
+// Every trace file numbers its code in a space of its own: what one file holds, damaged, cut short
+// or outgrowing its range, never changes the answers for another, and each file is read once.
 constexpr unsigned long long kWindowBase = 1ull << 48;
 constexpr unsigned long long kWindowSize = 1ull << 32;
 
@@ -353,80 +287,75 @@ MethodLoad claiming(std::uint32_t rawId, std::uint64_t address, std::uint32_t si
     return record;
 }
 
-UpdateV2 patch(std::uint64_t address, std::uint64_t loadTime)
+TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeOrIsCorruptChangesNoOtherFileAndKeepsItsCode)
 {
-    return UpdateV2{1, loadTime, 0, "patch", address, 0x10, e2e::code(0x10)};
-}
-
-TEST(FileIsolation, AMiddleFileThatOutgrowsItsRangeChangesNoOtherFileAndKeepsItsCode)
-{
-    TraceWriter first, last;
-    first.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "a"));
-    last.magic().load(kFunctionLoad64_v3, e2e::method(1, 0x1000, 0x40, 100, "c"));
-    TraceWriter intact, flipped, patched, overrun;
-    intact.magic()
-        .load(kFunctionLoad64_v3, claiming(1, 0x1000, 0xA0, 0xA0, 100, "b"))
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x40, 100, "b2"));
-    // One flipped byte: the range size 0xA0 became 0x070000A0.
-    flipped.magic()
-        .load(kFunctionLoad64_v3, claiming(1, 0x1000, 0x070000A0, 0xA0, 100, "b"))
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x40, 100, "b2"));
+    const TraceWriter first = e2e::trace({e2e::method(1, 0x1000, 0x40, 100, "a")});
+    const TraceWriter last = e2e::trace({e2e::method(1, 0x1000, 0x40, 100, "c")});
+    const MethodLoad b2 = e2e::method(2, 0x100, 0x40, 100, "b2");
     // Each update takes the whole old region's length of jit rvas for a record of a few bytes.
-    patched.magic().load(kFunctionLoad64_v3, claiming(1, 0x1000, 0x400, 0x400, 100, "b"));
+    TraceWriter patched = e2e::trace({claiming(1, 0x1000, 0x400, 0x400, 100, "b")});
     for (std::uint64_t time = 200; time <= 600; time += 100)
-        patched.updateV2(patch(0x1010, time));
+        patched.updateV2({1, time, 0, "patch", 0x1010, 0x10, e2e::code(0x10)});
     patched.load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x40, 700, "b2"));
-    // The window holds 2^32 jit rvas: the second record is refused, the third still fits.
-    overrun.magic()
-        .load(kFunctionLoad64_v3, claiming(1, 0x1000, 0xFFFFFFF0u, 0x10, 100, "b"))
-        .load(kFunctionLoad64_v3, claiming(3, 0x7000, 0x100, 0x10, 100, "refused"))
-        .load(kFunctionLoad64_v3, e2e::method(2, 0x100, 0x8, 100, "b2"));
-
     const struct {
         const char* name;
-        const TraceWriter* middle;
+        TraceWriter middle;
         std::vector<std::wstring> middleNames;
         unsigned long long bTime;
         bool bInWindow;
-        std::size_t refusals;
+        // ERROR lines, each logged once by the resolver and once by the loader, with the middle
+        // file's path between the two texts unless the second is null.
+        std::vector<std::pair<const char*, const char*>> errors;
     } cases[] = {
-        {"intact", &intact, {L"b", L"b2"}, 150, false, 0},
-        {"range size flipped", &flipped, {L"b", L"b2"}, 150, true, 0},
-        {"update copies", &patched, {L"b", L"", L"b2"}, 650, true, 0}, // an update's method has no name
-        {"window overrun", &overrun, {L"b", L"b2"}, 150, true, 1},
+        {"intact", e2e::trace({claiming(1, 0x1000, 0xA0, 0xA0, 100, "b"), b2}), {L"b", L"b2"}, 150, false, {}},
+        // One flipped byte: the range size 0xA0 became 0x070000A0.
+        {"range size flipped", e2e::trace({claiming(1, 0x1000, 0x070000A0, 0xA0, 100, "b"), b2}), {L"b", L"b2"}, 150,
+         true, {}},
+        {"update copies", patched, {L"b", L"", L"b2"}, 650, true, {}}, // an update's method has no name
+        // The window holds 2^32 jit rvas: the second record is refused, the third still fits.
+        {"window overrun",
+         e2e::trace({claiming(1, 0x1000, 0xFFFFFFF0u, 0x10, 100, "b"), claiming(3, 0x7000, 0x100, 0x10, 100, "refused"),
+                     e2e::method(2, 0x100, 0x8, 100, "b2")}),
+         {L"b", L"b2"}, 150, true, {{"bytes in jit file ", ""}}},
+        // A frame of an unknown type ends the reading; what came before it stays.
+        {"corrupt",
+         TraceWriter(e2e::trace({claiming(1, 0x1000, 0xA0, 0xA0, 100, "b"), b2}))
+             .frame(99, {1, 2, 3, 4})
+             .load(kFunctionLoad64_v3, e2e::method(3, 0x7000, 0x40, 100, "lost")),
+         {L"b", L"b2"}, 150, false,
+         {{"Couldn't recognize type of the jit trace", nullptr}, {"Could not read jit file ", ", at file: "}}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        jrtest::TempDir root;
-        root.write("d/host.1.jit", first.bytes());
-        const std::string middlePath = root.write("d/host.2.jit", c.middle->bytes());
-        root.write("d/host.3.jit", last.bytes());
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        auto resolver = e2e::resolverOf(e2e::dirs(root, {"d"}));
-        auto loader = e2e::loaderOf(e2e::dirs(root, {"d"}));
-        ASSERT_TRUE(resolver && loader);
+        const e2e::Results r({{"d/host.1.jit", first.bytes()}, {"d/host.2.jit", c.middle.bytes()},
+                              {"d/host.3.jit", last.bytes()}});
+        ASSERT_TRUE(r.resolver && r.loader);
+        const std::string middlePath = r.root.file("d/host.2.jit");
 
         std::vector<std::wstring> names{L"App::Main::a"};
         for (const std::wstring& name : c.middleNames)
             names.push_back(name.empty() ? name : L"App::Main::" + name);
         names.push_back(L"App::Main::c");
-        EXPECT_EQ(names, e2e::methodNames(*resolver));
-        const unsigned long long lastBase = 1 + first.size() + c.middle->size();
-        const e2e::Answer a = e2e::answer(*loader, *resolver, 150, 0x1010, 1);
-        const e2e::Answer cc = e2e::answer(*loader, *resolver, 150, 0x1010, 3);
+        EXPECT_EQ(names, e2e::methodNames(*r.resolver));
+        const unsigned long long lastBase = 1 + first.size() + c.middle.size();
+        const e2e::Answer a = e2e::answer(*r.loader, *r.resolver, 150, 0x1010, 1);
+        const e2e::Answer cc = e2e::answer(*r.loader, *r.resolver, 150, 0x1010, 3);
         EXPECT_TRUE(a.loader == meSuccess && a.jitRva == 0x11 && a.resolved && a.name == L"App::Main::a");
         EXPECT_TRUE(cc.loader == meSuccess && cc.jitRva == lastBase + 0x10 && cc.resolved && cc.name == L"App::Main::c");
 
         // The middle file's own code: all of it, in its window once its range is used up.
         for (const auto& point : {std::make_pair(c.bTime, 0x1010ull), std::make_pair(800ull, 0x104ull)}) {
-            const e2e::Answer b = e2e::answer(*loader, *resolver, point.first, point.second, 2);
+            const e2e::Answer b = e2e::answer(*r.loader, *r.resolver, point.first, point.second, 2);
             EXPECT_TRUE(b.loader == meSuccess && b.resolved) << point.second;
             const bool inWindow = b.jitRva >= kWindowBase + kWindowSize && b.jitRva < kWindowBase + 2 * kWindowSize;
             EXPECT_EQ(c.bInWindow, inWindow) << std::hex << b.jitRva;
         }
-        // Once for the resolver and once for the loader, and nothing else.
-        EXPECT_EQ(2 * c.refusals, log.count(log4cplus::ERROR_LOG_LEVEL, "bytes in jit file " + middlePath));
-        EXPECT_EQ(2 * c.refusals, log.texts(log4cplus::ERROR_LOG_LEVEL).size()) << log.dump();
+        for (const auto& error : c.errors)
+            EXPECT_EQ(2u, log.count(log4cplus::ERROR_LOG_LEVEL,
+                                    error.first + (error.second ? middlePath + error.second : std::string())))
+                << error.first;
+        EXPECT_EQ(2 * c.errors.size(), log.texts(log4cplus::ERROR_LOG_LEVEL).size()) << log.dump();
     }
 }
 

@@ -1,9 +1,15 @@
+// The store: loads, lookups and their index, updates, refusals; how loads over the same addresses
+// cut keys and end lives; inline records waiting for their parents, placed below them or refused;
+// the version history of one key and the map of method ids.
 #include "jitreader/jit_data_manager.h"
 
+#include <random>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "jitreader/method_id_map.h"
+#include "jitreader/version_history.h"
 #include "support/assertion_capture.h"
 #include "support/log_capture.h"
 #include "unit/store_test_util.h"
@@ -14,6 +20,8 @@ using namespace jrtest;
 namespace {
 
 const auto kTrace = log4cplus::TRACE_LOG_LEVEL;
+const auto kInfo = log4cplus::INFO_LOG_LEVEL;
+const auto kError = log4cplus::ERROR_LOG_LEVEL;
 
 // Method A (0x10) at [0x1000, 0x1100) from 500 and at [0x3000, 0x3080) from 900; method B (0x20)
 // at [0x1040, 0x1080) from 1200. Process 7 on host 1.
@@ -60,34 +68,80 @@ std::string ask(const JitDataManager& store, const Lookup& q)
     return (method ? hex(method->getRawMethodId()) : "") + (q.op == 'J' ? "" : " " + hex(out));
 }
 
-} // namespace
+struct Placed { unsigned long long start, end, time; };
 
-TEST(JitDataManagerTest, SecondRecordMergesAndOverlapSplits)
+/// A stand-in for a method that is only kept and compared, never read.
+JitMethod* fake(std::size_t i) { return reinterpret_cast<JitMethod*>(0x1000 + 8 * i); }
+
+/// A load ('L') or inline ('I') record.
+struct Step { char kind; unsigned int rawId, parentId; unsigned long long address; unsigned int length, time; };
+
+/// "raw@address#jitRva{inlines}" of a region and what hangs below it.
+std::string describe(const Region& region, const JitMethod& method)
 {
-    JitDataManager store;
-    LogCapture log(kTrace);
-    loadAandB(store);
-    ASSERT_EQ(2u, store.methodList().size());
-    const MethodPtr a = store.methodList()[0];
-    EXPECT_EQ(500u, a->getLoadTime());
-    EXPECT_EQ(0x101u, a->getStartJitRva()); // taken from the latest record alone
-    EXPECT_EQ(2u, a->regionCount());
-    EXPECT_EQ((std::vector<std::string>{"0x1000-0x1040:500", "0x1040-0x1080:500,1200", "0x1080-0x1100:500",
-                                        "0x3000-0x3080:900"}),
-              describeDomain(store));
-    EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, "Added a new code region (ip range = 0x3000-0x3080) in method "
-                                                        "(method id = 0x10, name = , load time = 0x1f4)"));
-    // The search behind this line already sees the newcomer.
-    EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, "Unloaded code region (ip range = 0x1000-0x1100) from method "
-                                                        "(method id = 0x20, name = , load time = 0x4b0)"));
+    std::string text = std::to_string(method.getRawMethodId()) + "@" + hex(region.startAddress()) + "#" +
+                       hex(region.startJitRva());
+    for (std::size_t i = 0; i < region.inlinedRegions().size(); ++i)
+        text += (i == 0 ? "{" : " ") + describe(*region.inlinedRegions()[i], *region.inlinedMethods()[i]);
+    return text + (region.inlinedRegions().empty() ? "" : "}");
 }
 
-// A and B, with code on the same addresses in process 8 and on host 2, and an empty process 9:
-// the maps answer alike and, once lookups have made it, so does their index.
-TEST(JitDataManagerTest, LookupsBySamplePointJitRvaAndNextLoad)
+/// Every region of every method with its inlines.
+std::string inlineTree(const JitDataManager& store)
+{
+    std::string text;
+    for (const auto& method : store.methodList())
+        for (const auto& region : method->regions())
+            text += (text.empty() ? "" : " ") + describe(*region, *method);
+    return text;
+}
+
+/// A store of one collector type that takes steps; loads get consecutive jit rvas from 0x400.
+struct InlineStore {
+    explicit InlineStore(unsigned int collector) { store.setCollectorType(collector); }
+
+    velmark_error_t apply(const Step& step)
+    {
+        if (step.kind == 'L') {
+            nextJitRva += step.length;
+            return load(store,
+                        makeMethod(step.rawId, step.time, {{step.address, step.length, nextJitRva - step.length}}));
+        }
+        MethodPtr inlined = makeInline(step.rawId, step.parentId, step.address, step.length, step.time);
+        const auto result = store.processMethodInlineLoadRecord(7, 1, inlined);
+        EXPECT_STORE_CONSISTENT(store);
+        return result;
+    }
+
+    JitDataManager store;
+    unsigned long long nextJitRva = 0x400;
+};
+
+} // namespace
+
+// A's second record merges into A and B's overlap splits keys. Then A and B, with code on the
+// same addresses in process 8 and on host 2, and an empty process 9: the maps answer alike and,
+// once lookups have made it, so does their index.
+TEST(JitDataManagerTest, LoadsMergeAndSplitThenLookupsBySamplePointJitRvaAndNextLoad)
 {
     JitDataManager store;
-    loadAandB(store);
+    {
+        LogCapture log(kTrace);
+        loadAandB(store);
+        ASSERT_EQ(2u, store.methodList().size());
+        const MethodPtr a = store.methodList()[0];
+        EXPECT_EQ(500u, a->getLoadTime());
+        EXPECT_EQ(0x101u, a->getStartJitRva()); // taken from the latest record alone
+        EXPECT_EQ(2u, a->regionCount());
+        EXPECT_EQ((std::vector<std::string>{"0x1000-0x1040:500", "0x1040-0x1080:500,1200", "0x1080-0x1100:500",
+                                            "0x3000-0x3080:900"}),
+                  describeDomain(store));
+        EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, "Added a new code region (ip range = 0x3000-0x3080) in "
+                                                            "method (method id = 0x10, name = , load time = 0x1f4)"));
+        // The search behind this line already sees the newcomer.
+        EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, "Unloaded code region (ip range = 0x1000-0x1100) from "
+                                                            "method (method id = 0x20, name = , load time = 0x4b0)"));
+    }
     ASSERT_EQ(meSuccess, load(store, makeMethod(0x30, 100, {{0x1000, 0x100, 0x201}}, 8), 8));
     ASSERT_EQ(meSuccess, load(store, makeMethod(0x40, 100, {{0x1000, 0x100, 0x301}}, 7, 2), 7, 2));
     const std::string lost = "The found range (0x1000-0x1100) with life time (0x1f4-0x4b0) was out of memory when a "
@@ -334,4 +388,393 @@ TEST(JitDataManagerTest, IndexAnswersAsTheMapsDoAtEverySize)
             EXPECT_EQ(byMaps[i], ask(store, probes[i])) << probes[i].op << " " << hex(probes[i].a) << " "
                                                         << hex(probes[i].b) << " pid " << probes[i].pid;
     }
+}
+
+// Each key of the domain as "start-end:load times": pieces under the newcomer hold the old
+// times and its own, the others keep what they had; the holes between old keys are filled. (An
+// exact overlap, and one inside, are those of LoadOrdersOnOneRange and of the store's merge test.)
+TEST(RegionSplitTest, PiecesOfEveryOverlapShape)
+{
+    const std::vector<Placed> one = {{0x1000, 0x1100, 100}};
+    const struct {
+        const char* shape;
+        std::vector<Placed> old;
+        Placed incoming;
+        std::vector<std::string> keys;
+    } cases[] = {
+        {"head", one, {0x1000, 0x1080, 200}, {"0x1000-0x1080:100,200", "0x1080-0x1100:100"}},
+        {"past end", one, {0x1000, 0x1180, 200}, {"0x1000-0x1100:100,200", "0x1100-0x1180:200"}},
+        {"tail", one, {0x1080, 0x1100, 200}, {"0x1000-0x1080:100", "0x1080-0x1100:100,200"}},
+        {"tail and past", one, {0x1080, 0x1180, 200},
+         {"0x1000-0x1080:100", "0x1080-0x1100:100,200", "0x1100-0x1180:200"}},
+        {"before to end", one, {0xf80, 0x1100, 200}, {"0xf80-0x1000:200", "0x1000-0x1100:100,200"}},
+        {"before to inside", one, {0xf80, 0x1080, 200},
+         {"0xf80-0x1000:200", "0x1000-0x1080:100,200", "0x1080-0x1100:100"}},
+        {"around", one, {0xf80, 0x1180, 200}, {"0xf80-0x1000:200", "0x1000-0x1100:100,200", "0x1100-0x1180:200"}},
+        {"two keys and a hole", {{0x1000, 0x1010, 100}, {0x1020, 0x1030, 150}}, {0x1008, 0x1028, 200},
+         {"0x1000-0x1008:100", "0x1008-0x1010:100,200", "0x1010-0x1020:200", "0x1020-0x1028:150,200",
+          "0x1028-0x1030:150"}},
+        {"three keys, covered", {{0x1000, 0x1010, 100}, {0x1020, 0x1030, 100}, {0x1030, 0x1040, 100}},
+         {0xff0, 0x1050, 200},
+         {"0xff0-0x1000:200", "0x1000-0x1010:100,200", "0x1010-0x1020:200", "0x1020-0x1030:100,200",
+          "0x1030-0x1040:100,200", "0x1040-0x1050:200"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.shape);
+        JitDataManager store;
+        unsigned long long jitRva = 1;
+        unsigned int rawId = 1;
+        for (const Placed& p : c.old) {
+            const auto length = static_cast<unsigned int>(p.end - p.start);
+            ASSERT_EQ(meSuccess, load(store, makeMethod(rawId++, p.time, {{p.start, length, jitRva}})));
+            jitRva += length;
+        }
+        const Placed& n = c.incoming;
+        ASSERT_EQ(meSuccess, load(store, makeMethod(0x99, n.time, {{n.start, unsigned(n.end - n.start), jitRva}})));
+        EXPECT_EQ(c.keys, describeDomain(store));
+        // The whole of every old region is gone from the newcomer's load on.
+        for (const auto& method : store.methodList())
+            EXPECT_EQ(method->getRawMethodId() == 0x99 ? 0u : n.time, method->regions()[0]->unloadTime());
+    }
+}
+
+// Unload times follow arrival, not time order: an older late-comer closes nothing, and an
+// unload time once set stays.
+TEST(RegionSplitTest, LoadOrdersOnOneRange)
+{
+    const struct {
+        std::vector<unsigned long long> loads, unloads;
+        std::vector<std::pair<unsigned long long, int>> samples; // time, index of the load or -1
+    } cases[] = {
+        {{100, 200, 300}, {200, 300, 0}, {{99, -1}, {100, 0}, {199, 0}, {200, 1}, {250, 1}, {300, 2}, {9999, 2}}},
+        {{300, 100}, {0, 0}, {{150, 1}, {299, 1}, {300, 0}}},
+        {{100, 300, 200}, {300, 0, 0}, {{150, 0}, {250, 2}, {300, 1}}},
+    };
+    for (const auto& c : cases) {
+        JitDataManager store;
+        for (unsigned int i = 0; i < c.loads.size(); ++i)
+            ASSERT_EQ(meSuccess, load(store, makeMethod(i + 1, c.loads[i], {{0x1000, 0x100, 1 + 0x100ull * i}})));
+        for (std::size_t i = 0; i < c.loads.size(); ++i)
+            EXPECT_EQ(c.unloads[i], store.methodList()[i]->regions()[0]->unloadTime()) << "load " << i;
+        for (const auto& sample : c.samples) {
+            MethodPtr method;
+            unsigned long long jitRva = 0;
+            EXPECT_EQ(sample.second < 0 ? meFail : meSuccess,
+                      store.resolveJitPoint(0x1010, sample.first, 7, 1, method, jitRva));
+            EXPECT_EQ(sample.second < 0 ? 0 : 0x11 + 0x100ull * sample.second, jitRva) << sample.first;
+        }
+    }
+}
+
+// Keys are cut in place while nothing is logged, and through the logged path otherwise: both
+// leave the same keys, times and lives, and refuse the same records with the same message, also
+// where a record fails half way.
+TEST(RegionSplitTest, QuietAndLoggedCutsAgree)
+{
+    std::mt19937 random(7);
+    const auto draw = [&random](unsigned int below) { return static_cast<unsigned int>(random() % below); };
+    JitDataManager quiet, logged;
+    unsigned long long jitRva = 1, time = 1000;
+    std::size_t refused = 0;
+    for (unsigned int rawId = 1; rawId <= 400; ++rawId) {
+        // Mostly later code, now and then code as old as or older than some already there.
+        time = draw(8) == 0 ? time - draw(20) : time + 1 + draw(3);
+        const unsigned int length = 1 + draw(0x80);
+        const CodeRange range = {0x1000 + draw(0x400), length, jitRva};
+        jitRva += length;
+        LogCapture errors(log4cplus::ERROR_LOG_LEVEL);
+        const velmark_error_t result = load(quiet, makeMethod(rawId, time, {range}));
+        const std::vector<std::string> quietErrors = errors.texts(log4cplus::ERROR_LOG_LEVEL);
+        {
+            LogCapture all(log4cplus::INFO_LOG_LEVEL);
+            ASSERT_EQ(result, load(logged, makeMethod(rawId, time, {range}))) << rawId;
+            EXPECT_EQ(all.texts(log4cplus::ERROR_LOG_LEVEL), quietErrors) << rawId;
+        }
+        refused += result != meSuccess;
+        ASSERT_EQ(describeDomain(logged), describeDomain(quiet)) << rawId;
+    }
+    EXPECT_GT(refused, 5u);
+    ASSERT_EQ(logged.methodList().size(), quiet.methodList().size());
+    for (std::size_t i = 0; i < quiet.methodList().size(); ++i)
+        EXPECT_EQ(logged.methodList()[i]->regions()[0]->unloadTime(),
+                  quiet.methodList()[i]->regions()[0]->unloadTime());
+}
+
+// Against a model: a key lies between two neighbouring ends of loaded regions and holds the load
+// times of all regions over it, whatever order they came in; a region's arrival ends the life of
+// the latest region loaded before it over each of its keys, unless that one's has ended already.
+// Histories that cut keys share are made again where an older region arrives in one of them.
+TEST(RegionSplitTest, KeysAndLivesFollowTheModel)
+{
+    std::mt19937 random(11);
+    const auto draw = [&random](unsigned int below) { return static_cast<unsigned int>(random() % below); };
+    std::vector<Placed> loads;
+    std::set<unsigned long long> times;
+    while (loads.size() < 300) {
+        const unsigned long long time = 10 * loads.size() + draw(40); // mostly rising, often not
+        if (!times.insert(time).second)
+            continue;
+        const unsigned long long start = 0x1000 + draw(0x400);
+        loads.push_back({start, start + 1 + draw(0x80), time});
+    }
+    JitDataManager store;
+    unsigned long long jitRva = 1;
+    for (std::size_t i = 0; i < loads.size(); ++i) {
+        const auto length = static_cast<unsigned int>(loads[i].end - loads[i].start);
+        const CodeRange range = {loads[i].start, length, jitRva};
+        ASSERT_EQ(meSuccess, load(store, makeMethod(unsigned(i + 1), loads[i].time, {range})));
+        jitRva += length;
+    }
+
+    std::set<unsigned long long> ends;
+    for (const Placed& p : loads)
+        ends.insert({p.start, p.end});
+    std::vector<std::string> keys;
+    std::vector<std::vector<std::size_t>> overs; // of each key, the loads over it by arrival
+    for (auto it = ends.begin(); std::next(it) != ends.end(); ++it) {
+        const unsigned long long a = *it, b = *std::next(it);
+        std::vector<std::size_t> over;
+        std::vector<unsigned long long> overTimes;
+        for (std::size_t i = 0; i < loads.size(); ++i)
+            if (loads[i].start <= a && loads[i].end >= b) {
+                over.push_back(i);
+                overTimes.push_back(loads[i].time);
+            }
+        if (over.empty())
+            continue;
+        std::sort(overTimes.begin(), overTimes.end());
+        std::string text = hex(a) + "-" + hex(b) + ":";
+        for (unsigned long long t : overTimes)
+            text += (text.back() == ':' ? "" : ",") + std::to_string(t);
+        keys.push_back(text);
+        overs.push_back(over);
+    }
+    std::vector<unsigned long long> unloads(loads.size(), 0);
+    for (std::size_t i = 0; i < loads.size(); ++i)
+        for (const auto& over : overs) {
+            if (std::find(over.begin(), over.end(), i) == over.end())
+                continue;
+            const std::size_t none = loads.size();
+            std::size_t latest = none; // loaded last before it, of those that came before it
+            for (std::size_t j : over)
+                if (j < i && loads[j].time < loads[i].time && (latest == none || loads[j].time > loads[latest].time))
+                    latest = j;
+            if (latest != none && unloads[latest] == 0)
+                unloads[latest] = loads[i].time;
+        }
+    EXPECT_EQ(keys, describeDomain(store));
+    for (std::size_t i = 0; i < loads.size(); ++i)
+        EXPECT_EQ(unloads[i], store.methodList()[i]->regions()[0]->unloadTime()) << i;
+}
+
+// Only a region of no bytes can share its start jit rva with another (the jit rva map refuses
+// any other): the later one is placed, but keeps the first owner and is reported; a load time
+// already there is refused and changes nothing.
+TEST(VersionHistoryTest, SharedStartsKeepTheFirstOwner)
+{
+    const auto regionAt = [](unsigned long long loadTime, unsigned long long startJitRva, unsigned int length) {
+        return Region(7, 1, loadTime, startJitRva, 0x1000, length, nullptr);
+    };
+    VersionHistory::Arena arena;
+    Region empty = regionAt(100, 0x50, 0), full = regionAt(200, 0x50, 16), again = regionAt(100, 0x60, 16);
+    VersionHistory history;
+    EXPECT_TRUE(history.accepts(empty));
+    EXPECT_FALSE(history.add(empty, fake(1), arena).startJitRvaTaken);
+    EXPECT_FALSE(history.accepts(full));
+    const VersionHistory::Placed placed = history.add(full, fake(2), arena);
+    EXPECT_TRUE(placed.added && placed.startJitRvaTaken);
+    EXPECT_EQ(&empty, placed.closed);
+    EXPECT_EQ(200u, empty.unloadTime());
+    EXPECT_EQ(fake(1), history.newest()->owner);
+
+    EXPECT_FALSE(history.accepts(again));
+    EXPECT_FALSE(history.add(again, fake(3), arena).added);
+    EXPECT_EQ(2u, history.size());
+    EXPECT_TRUE(history.at(150)->region == &empty && history.after(150)->region == &full);
+    EXPECT_TRUE(history.at(99) == nullptr && history.after(200) == nullptr);
+}
+
+// Ids as digests make them and as tools make them up (one half zero, halves equal, a step in the
+// high half only) all stay apart through many growths; the first method filed under an id stays.
+TEST(MethodIdMapTest, KeepsEveryIdThroughGrowth)
+{
+    const struct { const char* kind; MethodId (*make)(unsigned long long); } kinds[] = {
+        {"digest-like", [](unsigned long long i) { return MethodId(i * 0x9e3779b97f4a7c15ULL, ~i * 0xc2b2ae3dULL); }},
+        {"low half only", [](unsigned long long i) { return MethodId(0, i); }},
+        {"halves equal", [](unsigned long long i) { return MethodId(i, i); }},
+        {"high half steps", [](unsigned long long i) { return MethodId(i << 32, 7); }},
+    };
+    constexpr std::size_t kCount = 20000;
+    for (const auto& kind : kinds) {
+        SCOPED_TRACE(kind.kind);
+        MethodIdMap map;
+        EXPECT_EQ(nullptr, map.find(kind.make(1)));
+        for (std::size_t i = 1; i <= kCount; ++i)
+            ASSERT_EQ(fake(i), map.insert(kind.make(i), fake(i)));
+        for (std::size_t i = 1; i <= kCount; ++i) {
+            ASSERT_EQ(fake(i), map.find(kind.make(i))) << i;
+            ASSERT_EQ(fake(i), map.insert(kind.make(i), fake(i + kCount))) << i;
+        }
+        EXPECT_EQ(nullptr, map.find(kind.make(kCount + 1)));
+        EXPECT_EQ(kCount, map.size());
+        std::size_t visited = 0;
+        map.forEach([&visited](JitMethod*) { ++visited; });
+        EXPECT_EQ(kCount, visited);
+    }
+}
+
+// Inlines wait in the cache until their parent, or their inline parent, arrives; they keep jit
+// rva 0 until the store is finalised.
+TEST(InlineMethodTest, ProfilerInlinesWaitForTheirParents)
+{
+    const Step p = {'L', 1, 0, 0x1000, 0x100, 100};
+    const Step i = {'I', 2, 1, 0x1010, 0x20, 110};
+    const Step j = {'I', 3, 2, 0x1014, 4, 120};
+    const struct { const char* order; std::vector<Step> steps; std::string tree; std::size_t unawaited; } cases[] = {
+        {"I, J, P", {i, j, p}, "1@0x1000#0x400{2@0x1010#0{3@0x1014#0}}", 0},
+        {"P, I, J", {p, i, j}, "1@0x1000#0x400{2@0x1010#0{3@0x1014#0}}", 1},
+        {"P, I, I", {p, i, i}, "1@0x1000#0x400{2@0x1010#0 2@0x1010#0}", 1},
+        {"P, P over itself", {p, {'L', 1, 0, 0x1000, 0x100, 200}}, "1@0x1000#0x400 1@0x1000#0x500", 1},
+        {"P, I, P over itself", {p, i, {'L', 1, 0, 0x1000, 0x100, 200}}, "1@0x1000#0x400{2@0x1010#0} 1@0x1000#0x500",
+         1},
+        {"P elsewhere, I, P again", {{'L', 1, 0, 0x5000, 0x100, 100}, i, {'L', 1, 0, 0x1000, 0x100, 200}},
+         "1@0x5000#0x400 1@0x1000#0x500{2@0x1010#0}", 1},
+        // A replaced parent's region takes no inline; its younger region does.
+        {"P, Q over P, P again, I",
+         {p, {'L', 5, 0, 0x1000, 0x100, 200}, {'L', 1, 0, 0x3000, 0x100, 300}, {'I', 2, 1, 0x3010, 0x20, 350},
+          {'I', 3, 1, 0x1010, 0x20, 360}},
+         "1@0x1000#0x400 1@0x3000#0x600{2@0x3010#0} 5@0x1000#0x500", 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.order);
+        InlineStore s(ctJitProfiler);
+        LogCapture log(kTrace);
+        for (const Step& step : c.steps)
+            EXPECT_EQ(meSuccess, s.apply(step));
+        EXPECT_EQ(c.tree, inlineTree(s.store));
+        EXPECT_EQ(0u, log.count(kError, "")) << log.dump();
+        // A parent that finds nothing at all filed under its id says so; a parent loaded again
+        // finds itself.
+        EXPECT_EQ(c.unawaited, log.count(kTrace, "Couldn't find any cached inline method for parent id"));
+    }
+}
+
+// Records in turn below parent 1 at [0x1000, 0x1100) with inline 2 at [0x1010, 0x1020); the
+// refused ones leave nothing behind.
+TEST(InlineMethodTest, ProfilerInlineRefusals)
+{
+    InlineStore s(ctJitProfiler);
+    s.apply({'L', 1, 0, 0x1000, 0x100, 100});
+    s.apply({'I', 2, 1, 0x1010, 0x10, 110});
+    const std::string refused = "Couldn't inline method (method id = 0x3, ip range = ";
+    const struct { Step step; velmark_error_t result; log4cplus::LogLevel level; std::string text; } cases[] = {
+        {{'I', 0, 1, 0x1030, 4, 150}, meFail, kError,
+         "Couldn't inline method (method id = 0) because method id is invalid."},
+        {{'I', 3, 0, 0x1030, 4, 150}, meFail, kError,
+         "Couldn't inline method (method id = 0x3) because its parent id = 0 is invalid."},
+        {{'I', 3, 1, 0x1100, 0x10, 150}, meFail, kError, // touching counts, and doesn't fit
+         refused + "0x1100-0x1110) because it overlaps parent's ip range 0x1000-0x1100"},
+        {{'I', 3, 1, 0x1018, 0x10, 150}, meFail, kError,
+         refused + "0x1018-0x1028) because it intersects another parent's inline with range 0x1010-0x1020"},
+        {{'I', 3, 1, 0x1008, 0x20, 150}, meFail, kError,
+         refused + "0x1008-0x1028) because it intersects another parent's inline with range 0x1010-0x1020"},
+        {{'I', 3, 1, 0x1012, 4, 150}, meSuccess, kInfo,
+         "Added inline method (method id = 0x3, ip range = 0x1012-0x1016) into parent's code region (method id = "
+         "0x1, ip range = 0x1000-0x1100)"},
+        {{'I', 3, 1, 0x2000, 4, 150}, meSuccess, kTrace,
+         "Couldn't cached inline method (method id = 0x3, ip range = 0x2000-0x2004) because parent method has not ip "
+         "range suitable for insert.The cached inline method is stayed awaiting for a parent."},
+        {{'I', 3, 9, 0x1030, 4, 150}, meSuccess, kTrace,
+         "Couldn't inline method (method id = 0x3) because parent method is not found. Inline method is cached."},
+    };
+    for (const auto& c : cases) {
+        LogCapture log(kTrace);
+        EXPECT_EQ(c.result, s.apply(c.step)) << c.text;
+        EXPECT_EQ(1u, log.count(c.level, c.text)) << log.dump();
+    }
+    EXPECT_EQ("1@0x1000#0x400{2@0x1010#0 3@0x1012#0}", inlineTree(s.store));
+}
+
+TEST(InlineMethodTest, DefaultCollectorPlacesByAddressAndTime)
+{
+    InlineStore s(ctDefault);
+    s.apply({'L', 1, 0, 0x1000, 0x100, 100});
+    const std::string notFound = "Couldn't inline method (method id = 0) because parent method is not found.";
+    const struct { Step step; velmark_error_t result; std::string error; /* empty: none */ } cases[] = {
+        {{'I', 0, 0, 0x1010, 0x40, 150}, meSuccess, ""},
+        {{'I', 0, 0, 0x1020, 0x10, 160}, meSuccess, ""}, // goes down into the first inline
+        {{'I', 0, 0, 0x1028, 0x10, 170}, meSuccess,      // fits the first inline, not the deepest: dropped
+         "Couldn't inline method (method id = 0, ip range = 0x428-0x438) because it overlaps parent's ip range "
+         "0x420-0x430"},
+        {{'I', 0, 0, 0x9000, 0x10, 150}, meFail, notFound},
+        {{'I', 0, 0, 0x10f0, 0x20, 150}, meFail,
+         "Couldn't inline method (method id = 0, ip range = 0x10f0-0x1110) because it overlaps parent's ip range "
+         "0x1000-0x1100"},
+        {{'I', 0, 0, 0x1010, 0x10, 90}, meFail, notFound}, // before the parent's load
+    };
+    for (const auto& c : cases) {
+        LogCapture log(kTrace);
+        EXPECT_EQ(c.result, s.apply(c.step)) << hex(c.step.address);
+        EXPECT_EQ(c.error.empty() ? 0u : 1u, log.count(kError, c.error)) << log.dump();
+    }
+    EXPECT_EQ("1@0x1000#0x400{0@0x1010#0x410{0@0x1020#0x420}}", inlineTree(s.store));
+}
+
+TEST(InlineMethodTest, MalformedInlineRecordsAreReported)
+{
+    const struct { unsigned int collector; bool twoRegions; std::vector<std::string> asserts; } cases[] = {
+        {ctDefault, false, {"rawMethodId == 0", "rawParentId == 0", "rawRegion->startJitRva() == 0"}},
+        {ctJitProfiler, true, {"rawMethod->regionCount() == 1", "rawRegion->startJitRva() == 0"}},
+    };
+    for (const auto& c : cases) {
+        JitDataManager store;
+        store.setCollectorType(c.collector);
+        MethodPtr method = makeInline(2, 1, 0x1000, 0x10, 100);
+        method->regions()[0]->setStartJitRva(5);
+        if (c.twoRegions)
+            method->addRegion(method->regions()[0]);
+        AssertionCapture asserts;
+        store.processMethodInlineLoadRecord(7, 1, method);
+        EXPECT_EQ(c.asserts, asserts.expressions());
+    }
+}
+
+TEST(InlineMethodTest, InlinesThatNameThemselvesAsParentNeverHangARegionBelowItself)
+{
+    jrtest::LogCapture log(kError);
+    JitDataManager store;
+    store.setCollectorType(ctJitProfiler);
+    MethodPtr first = makeInline(2, 2, 0x1000, 0x10, 10);
+    MethodPtr second = makeInline(2, 2, 0x1000, 0x10, 10);
+    EXPECT_EQ(meSuccess, store.processMethodInlineLoadRecord(7, 1, first)); // waits for itself
+    // The second finds the first as its parent, while the first, waiting under the same id,
+    // has just been hung below the second.
+    EXPECT_EQ(meFail, store.processMethodInlineLoadRecord(7, 1, second));
+    EXPECT_EQ(1u, log.count(kError, "Couldn't inline method (method id = 0x2, ip range = 0x1000-0x1010) because "
+                                    "its code region already holds the parent's code region"));
+    EXPECT_STORE_CONSISTENT(store);
+    std::wostringstream dump;
+    second->regions().front()->dumpInlines(dump, 4);
+    EXPECT_EQ(L"\n   #1  (method id = 0x2, ip range = 0x1000-0x1010)", dump.str());
+}
+
+// Half the chain is placed by a first finalize, as when a file ends; the inlines that follow hang
+// below an inline, and the second finalize must still find the top-level method to place them.
+TEST(InlineMethodTest, DeepInlineChainsAreWalkedWithoutRecursion)
+{
+    JitDataManager store;
+    store.setCollectorType(ctJitProfiler);
+    MethodPtr parent = makeMethod(1, 10, {{0x1000, 0x10, 0x400}});
+    ASSERT_EQ(meSuccess, store.processMethodLoadRecord(7, 1, parent));
+    const unsigned int depth = 20000;
+    MethodPtr deepest;
+    for (unsigned int id = 2; id <= depth; ++id) {
+        deepest = makeInline(id, id - 1, 0x1000, 0x10, 10);
+        ASSERT_EQ(meSuccess, store.processMethodInlineLoadRecord(7, 1, deepest));
+        if (id == depth / 2)
+            store.finalize();
+    }
+    store.finalize();
+    EXPECT_EQ(0x400u, deepest->getStartJitRva());
+    EXPECT_EQ(0x400u, deepest->regions().front()->startJitRva());
 }

@@ -1,7 +1,8 @@
 // The decoder: the frames of a trace file, the jit rvas it hands out, and records of every form,
-// written by the trace writer and read back.
+// written by the trace writer and read back; and the writer's own refusals.
 #include "jitreader/jit_file_decoder.h"
 
+#include <fstream>
 #include <functional>
 #include <sstream>
 
@@ -17,18 +18,13 @@
 namespace velmark_3_11 {
 namespace {
 
-using tracewriter::Bytes;
-using tracewriter::InlineLoad;
-using tracewriter::MethodLoad;
-using tracewriter::Payload;
-using tracewriter::TraceWriter;
-using tracewriter::UpdateV2;
+using namespace tracewriter;
 
-Bytes u32(std::uint32_t value) { return tracewriter::Payload().u32(value).bytes(); }
+Bytes u32(std::uint32_t value) { return Payload().u32(value).bytes(); }
 
 TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
 {
-    const Bytes load = tracewriter::encodeMethodLoad(tracewriter::kFunctionLoad64_v3, tracewriter::MethodLoad());
+    const Bytes load = encodeMethodLoad(kFunctionLoad64_v3, MethodLoad());
     const char* const unknown = "Couldn't recognize type of the jit trace";
     const char* const noContent = "Couldn't read content of the jit trace";
     const struct {
@@ -39,7 +35,7 @@ TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
         bool missing = false;                 // no file at all
     } cases[] = {
         {"missing", {}, {meOpenFailed}, "Couldn't open the jit file", true},
-        {"magic without value", u32(tracewriter::kMagic), {meBadTrace}, "Couldn't process the magic trace"},
+        {"magic without value", u32(kMagic), {meBadTrace}, "Couldn't process the magic trace"},
         {"collector without value", TraceWriter().magic().raw(u32(13)).raw({1, 0}).bytes(), {meSuccess, meBadTrace},
          "Couldn't process the collector type trace"},
         {"type 1", TraceWriter().frame(1, {1, 2, 3}).bytes(), {meBadTrace}, unknown},
@@ -68,27 +64,6 @@ TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
     }
 }
 
-TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType)
-{
-    const std::uint32_t types[] = {0, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14};
-    const Bytes payload = {1, 2, 3, 4, 5};
-    TraceWriter writer;
-    writer.collectorType(1).collectorType(2);
-    for (std::uint32_t type : types)
-        writer.frame(type, payload);
-    jrtest::TempDir dir;
-    dir.write("frames.jit", writer.bytes());
-    JitFileDecoder decoder(dir.wide("frames.jit"), 7003, 1, 0, decoding_mode_full);
-    Record record;
-    ASSERT_TRUE(decoder.getNextRecord(record) == meSuccess && decoder.getNextRecord(record) == meSuccess);
-    EXPECT_EQ(decoder.collectorType(), 2u); // the last frame counts
-    for (std::uint32_t type : types) {
-        ASSERT_EQ(decoder.getNextRecord(record), meSuccess) << type;
-        EXPECT_TRUE(record.type == type && record.data == payload) << type;
-    }
-    EXPECT_EQ(decoder.getNextRecord(record), meEndOfTrace);
-}
-
 TEST(JitFileDecoder, JitRvasRunThroughTheFileRangeThenOnceIntoItsOverflowWindow)
 {
     constexpr unsigned long long kBase = JitFileDecoder::kOverflowWindowBase;
@@ -98,6 +73,7 @@ TEST(JitFileDecoder, JitRvasRunThroughTheFileRangeThenOnceIntoItsOverflowWindow)
         const char* name;
         bool bounded; // a file before the last: range [100, 200), window 3
         std::vector<std::pair<unsigned int, unsigned long long>> takes; // size, expected jit rva
+        unsigned long long start = 100;
     } cases[] = {
         {"exact fit stays in the range", true, {{60, 100}, {40, 160}, {0, 200}}},
         {"overflow moves once, the rest follows", true,
@@ -106,11 +82,13 @@ TEST(JitFileDecoder, JitRvasRunThroughTheFileRangeThenOnceIntoItsOverflowWindow)
          {{0xFFFFFFF0u, kBase + 3 * kWindow}, {0x100, kInvalid}, {0x10, kBase + 3 * kWindow + 0xFFFFFFF0u},
           {1, kInvalid}}},
         {"last file runs on past its size", false, {{60, 100}, {1000, 160}, {0xFFFFFFFFu, 1160}}},
+        {"last file's open range ends where the first window begins", false, {{0x10, kBase - 0x10}, {1, kInvalid}},
+         kBase - 0x10},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        JitFileDecoder decoder(L"/traces/host.7.jit", 7, 1, 100, decoding_mode_full);
+        JitFileDecoder decoder(L"/traces/host.7.jit", 7, 1, c.start, decoding_mode_full);
         if (c.bounded)
             decoder.setOverflowWindow(200, 3);
         std::size_t refusals = 0;
@@ -121,11 +99,6 @@ TEST(JitFileDecoder, JitRvasRunThroughTheFileRangeThenOnceIntoItsOverflowWindow)
         EXPECT_EQ(refusals, log.count(log4cplus::ERROR_LOG_LEVEL, "bytes in jit file /traces/host.7.jit, at file: "))
             << log.dump();
     }
-
-    // The last file's open range ends where the first window begins.
-    JitFileDecoder last(L"host.7.jit", 7, 1, kBase - 0x10, decoding_mode_full);
-    EXPECT_EQ(kBase - 0x10, last.allocJitRva(0x10));
-    EXPECT_EQ(kInvalid, last.allocJitRva(1));
 }
 
 // Records start their jit rvas at kBase.
@@ -148,6 +121,8 @@ struct Decoding {
         case 0: case 2: return decoder.decodeMethodLoadRecord(record, method);
         case 4: case 5: return decoder.decodeMethodLoadRecordV1(record, method);
         case 6: case 7: return decoder.decodeMethodLoadRecordV2(record, method);
+        case 12: return decoder.decodeMethodInlineLoadRecord(record, method);
+        case 14: return decoder.decodeMethodUpdateRecordV2(record, method);
         default: return decoder.decodeMethodLoadRecordV3(record, method, nullptr);
         }
     }
@@ -191,7 +166,7 @@ TEST(LoadRecord, EveryFormRoundTripsInBothModes)
         for (decoding_mode_t mode : {decoding_mode_full, decoding_mode_modules}) {
             SCOPED_TRACE(testing::Message() << "type " << type << " mode " << mode);
             Decoding d(mode);
-            ASSERT_TRUE(d.run(type, tracewriter::encodeMethodLoad(type, kLoad)));
+            ASSERT_TRUE(d.run(type, encodeMethodLoad(type, kLoad)));
             const JitMethod& m = *d.method;
             EXPECT_EQ(m.getStartJitRva(), kBase);
             EXPECT_EQ(d.decoder.allocJitRva(0), kBase + 96);
@@ -253,7 +228,7 @@ TEST(LoadRecord, OddRecordsOfTheNewestForm)
         c.change(load);
         Decoding d;
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        EXPECT_EQ(d.run(9, tracewriter::encodeMethodLoad(9, load)), c.result);
+        EXPECT_EQ(d.run(9, encodeMethodLoad(9, load)), c.result);
         EXPECT_EQ(log.texts(log4cplus::ERROR_LOG_LEVEL),
                   c.error ? std::vector<std::string>{c.error} : std::vector<std::string>{});
         EXPECT_EQ(d.decoder.allocJitRva(0), c.counter);
@@ -265,35 +240,42 @@ TEST(LoadRecord, OddRecordsOfTheNewestForm)
     }
 }
 
-TEST(LoadRecord, CollectorTypeAndArchitecturesComeFromTheStream)
+// Every known type is handed out with its payload; the last collector type frame counts, and it
+// and the architectures come from the stream.
+TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType)
 {
-    MethodLoad load = kLoad;
+    const std::uint32_t types[] = {0, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14};
+    const Bytes payload = {1, 2, 3, 4, 5};
+    TraceWriter writer;
+    writer.collectorType(2).collectorType(1);
+    for (std::uint32_t type : types)
+        writer.frame(type, payload);
     jrtest::TempDir dir;
-    dir.write("p.jit", tracewriter::TraceWriter().collectorType(1).bytes());
-    Decoding d(decoding_mode_full, dir.wide("p.jit"));
-    Record frame;
-    ASSERT_EQ(d.decoder.getNextRecord(frame), meSuccess);
+    dir.write("frames.jit", writer.bytes());
+    Decoding d(decoding_mode_full, dir.wide("frames.jit"));
+    Record record;
+    ASSERT_TRUE(d.decoder.getNextRecord(record) == meSuccess && d.decoder.getNextRecord(record) == meSuccess);
+    EXPECT_EQ(d.decoder.collectorType(), 1u);
+    for (std::uint32_t type : types) {
+        ASSERT_EQ(d.decoder.getNextRecord(record), meSuccess) << type;
+        EXPECT_TRUE(record.type == type && record.data == payload) << type;
+    }
+    EXPECT_EQ(d.decoder.getNextRecord(record), meEndOfTrace);
+
+    MethodLoad load = kLoad;
     for (std::uint32_t type : {5u, 7u, 9u, 8u}) { // old forms leave the architecture flags alone
         load.moduleArch = type == 9 ? 0 : 1;
         d.method.reset(new JitMethod);
-        ASSERT_TRUE(d.run(type, tracewriter::encodeMethodLoad(type, load)));
+        ASSERT_TRUE(d.run(type, encodeMethodLoad(type, load)));
         EXPECT_EQ(d.method->getModule()->getType(), type >= 8 ? 0u : 4u) << type; // a profiler's modules
         EXPECT_EQ(d.decoder.bothArchitecturesSeen(), type == 8) << type;
     }
 }
 
-// Truncated payloads, whose counts all lie about what follows: only load form 4 reports the
-// bounds it overruns, and nothing is read beyond the payload.
+// Counts far beyond the payload are neither allocated nor looped over: only load form 4 reports
+// the bounds it overruns, and nothing is read beyond the payload.
 TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
 {
-    const Bytes valid = tracewriter::encodeMethodLoad(9, kLoad);
-    jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-    for (std::size_t length = 0; length <= valid.size(); ++length) {
-        jrtest::AssertionCapture assertions;
-        Decoding().run(9, Bytes(valid.begin(), valid.begin() + static_cast<std::ptrdiff_t>(length)));
-        EXPECT_EQ(assertions.reports().empty(), length == valid.size()) << length;
-    }
-    // Counts far beyond the payload are neither allocated nor looped over.
     const Bytes head = Payload().u32(1).u32(2).u8(0).u64(3).u16(1).bytes(); // form 4, up to its one range
     const Bytes items = Payload().codeRange({0x401000, 8, {1}}).string("").u16(0).string("").string("").string("")
                             .u16(0).string("").u16(0).bytes(); // a range, then the fields before the tables
@@ -317,7 +299,7 @@ TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
         jrtest::AssertionCapture assertions;
         Decoding d;
         d.run(c.type, c.payload);
-        EXPECT_TRUE(c.assertion ? assertions.contains(c.assertion) : assertions.reports().empty()) << c.type;
+        EXPECT_TRUE(c.assertion ? assertions.contains(c.assertion) : assertions.expressions().empty()) << c.type;
         const auto& info = d.method->lineNumberInfo();
         EXPECT_EQ(info.empty() ? "" : rowsOf(info.begin()->second.tables[ltNativeToSource]), c.rows) << c.type;
     }
@@ -361,14 +343,14 @@ Record inlineRecord(const std::function<void(InlineLoad&)>& change = [](InlineLo
     // source file, language, native-to-source rows.
     InlineLoad record{17, 16, 0x300, 1, 0x401010, 8, Bytes(8, 0x90), "", 1, "Inner", "App.Worker", "", 3, {{0, 8, 42}}};
     change(record);
-    return Record{0, 12, tracewriter::encodeInlineLoad(record)};
+    return Record{0, 12, encodeInlineLoad(record)};
 }
 
 Record updateRecord(const std::function<void(UpdateV2&)>& change = [](UpdateV2&) {})
 {
     UpdateV2 record{1, 0x400, 1, "patch", 0x401010, 8, Bytes(8, 0x22)}; // segment type, time, arch, name, range
     change(record);
-    return Record{0, 14, tracewriter::encodeUpdateV2(record)};
+    return Record{0, 14, encodeUpdateV2(record)};
 }
 
 TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
@@ -423,63 +405,74 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         FakeStore store;
-        JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, c.mode);
+        Decoding d(c.mode);
         if (c.store == 2)
             store.region.reset(new Region(7003, 1, 0x100, 0x5000, 0x401000, 64, nullptr));
         if (c.store)
-            decoder.setSearchRegionCallback(&store);
+            d.decoder.setSearchRegionCallback(&store);
         const std::string before = regionText(*store.region);
-        boost::intrusive_ptr<JitMethod> method(new JitMethod);
         jrtest::AssertionCapture assertions; // a record without bytes ends at its byte count
         jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-        const bool taken = c.record.type == 14 ? decoder.decodeMethodUpdateRecordV2(c.record, method)
-                                               : decoder.decodeMethodInlineLoadRecord(c.record, method);
+        const bool taken = d.run(c.record.type, c.record.data);
         EXPECT_EQ(taken, c.error == nullptr);
         const std::vector<std::string> errors = log.texts(log4cplus::ERROR_LOG_LEVEL);
         const std::string expected = c.error ? std::string(c.error) + jrtest::kAtFileSuffix : "";
         EXPECT_TRUE(c.error && *c.error ? errors.size() == 1 && errors[0].rfind(expected, 0) == 0 : errors.empty())
             << log.dump();
-        EXPECT_EQ(decoder.allocJitRva(0), c.counter);
+        EXPECT_EQ(d.decoder.allocJitRva(0), c.counter);
         EXPECT_EQ(regionText(*store.region), before); // the store's region is never touched
         EXPECT_EQ(assertions.contains("m_content"), c.store == 2);
         if (!taken)
             continue;
-        ASSERT_EQ(method->regionCount(), 1u);
-        const IModule& module = *method->getModule();
-        EXPECT_EQ(regionText(*method->regions()[0]) + " | " + toUtf8(module.getName()) + " " +
-                      std::to_string(module.getType()) + " | " + toUtf8(method->getName()) + " " +
-                      std::to_string(method->getRawMethodId()), c.summary);
-        EXPECT_EQ(method->getStartJitRva(), c.record.type == 14 ? kBase : 0u);
-        EXPECT_EQ(method->getMethodId(), MethodIdMaker().makeMethodId(method->getRawMethodId(), *method));
+        const JitMethod& method = *d.method;
+        ASSERT_EQ(method.regionCount(), 1u);
+        EXPECT_EQ(regionText(*method.regions()[0]) + " | " + toUtf8(method.getModule()->getName()) + " " +
+                      std::to_string(method.getModule()->getType()) + " | " + toUtf8(method.getName()) + " " +
+                      std::to_string(method.getRawMethodId()), c.summary);
+        EXPECT_EQ(method.getStartJitRva(), c.record.type == 14 ? kBase : 0u);
+        EXPECT_EQ(method.getMethodId(), MethodIdMaker().makeMethodId(method.getRawMethodId(), method));
     }
 }
 
-// Truncated payloads, whose fields lie about what follows, are reported; so are bytes behind
-// an update's code, and the update is taken all the same.
-TEST(InlineAndUpdateRecords, TruncatedOrTrailingPayloadsAreReported)
+// Truncated payloads, whose counts and fields lie about what follows, are reported; so are bytes
+// behind an update's code, and the update is taken all the same.
+TEST(Records, TruncatedOrTrailingPayloadsAreReported)
 {
     FakeStore store;
     jrtest::LogCapture log(log4cplus::ERROR_LOG_LEVEL);
-    for (const Record& record : {inlineRecord(), updateRecord()}) {
-        for (std::size_t length = 0; length <= record.data.size() + 1; ++length) {
+    for (const Record& record : {Record{0, 9, encodeMethodLoad(9, kLoad)}, inlineRecord(), updateRecord()})
+        for (std::size_t length = 0; length <= record.data.size() + (record.type != 9); ++length) {
             SCOPED_TRACE(testing::Message() << "type " << record.type << " length " << length);
             jrtest::AssertionCapture assertions;
-            JitFileDecoder decoder(L"/nonexistent.jit", 7003, 1, kBase, decoding_mode_full);
-            decoder.setSearchRegionCallback(&store);
-            boost::intrusive_ptr<JitMethod> method(new JitMethod);
-            Record prefix{0, record.type, record.data};
-            prefix.data.resize(length);
-            const bool taken = record.type == 14 ? decoder.decodeMethodUpdateRecordV2(prefix, method)
-                                                 : decoder.decodeMethodInlineLoadRecord(prefix, method);
-            std::vector<std::string> expected;
-            if (length > record.data.size() && record.type == 14)
-                expected.push_back("bytesRead == traceLen");
+            Decoding d;
+            d.decoder.setSearchRegionCallback(&store);
+            Bytes prefix = record.data;
+            prefix.resize(length);
+            const bool taken = d.run(record.type, prefix);
+            const bool trailing = length > record.data.size() && record.type == 14;
             if (length < record.data.size())
-                EXPECT_FALSE(assertions.reports().empty());
+                EXPECT_FALSE(assertions.expressions().empty());
             else
-                EXPECT_TRUE(taken && assertions.expressions() == expected);
+                EXPECT_TRUE(taken && assertions.expressions() ==
+                                         (trailing ? std::vector<std::string>{"bytesRead == traceLen"}
+                                                   : std::vector<std::string>{}));
         }
-    }
+}
+
+TEST(TraceWriter, RejectsMistakesAndWritesFiles)
+{
+    TraceWriter writer;
+    EXPECT_THROW(writer.load(1, MethodLoad()), std::invalid_argument);
+    EXPECT_THROW(writer.load(kFunctionInlineLoad64, MethodLoad()), std::invalid_argument);
+    EXPECT_THROW(writer.inlineLoad(kFunctionLoad32, InlineLoad()), std::invalid_argument);
+    EXPECT_THROW(writer.truncatedFrame(4, {1, 2}, 2), std::invalid_argument);
+    EXPECT_EQ(writer.size(), 0u); // no mistake wrote anything
+
+    jrtest::TempDir dir;
+    writer.magic().collectorType(1).writeTo(dir.file("a.jit"));
+    std::ifstream in(dir.file("a.jit"), std::ios::binary);
+    EXPECT_EQ(Bytes(std::istreambuf_iterator<char>(in), {}), writer.bytes());
+    EXPECT_THROW(writer.writeTo(dir.file("missing/a.jit")), std::runtime_error);
 }
 
 } // namespace

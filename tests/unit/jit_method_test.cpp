@@ -1,9 +1,13 @@
-// Names, method ids and the line tables of a method: how tables merge, which ones a query
-// reads, and the lasting copy that a query by jit rva makes.
+// A method and its parts: names, method ids and line tables (how tables merge, which ones a
+// query reads, the lasting copy that a query by jit rva makes, and how a table packs its rows),
+// and the byte updates of a region and its markup ranges.
 #include "jitreader/jit_method.h"
+
+#include <climits>
 
 #include <gtest/gtest.h>
 
+#include "jitreader/byte_buffer.h"
 #include "support/log_capture.h"
 
 using namespace velmark_3_11;
@@ -13,6 +17,11 @@ bool operator==(const LineNumberEntry& a, const LineNumberEntry& b)
 {
     return a.start == b.start && a.end == b.end && a.value == b.value;
 }
+
+class LineTableProbe {
+public:
+    static std::size_t bytes(const LineTable& table) { return table.byteSize(); }
+};
 } // namespace velmark_3_11
 
 namespace {
@@ -31,6 +40,36 @@ boost::intrusive_ptr<JitMethod> makeMethod(const Rows& native = {}, const Rows& 
     method->addLineNumberInfo(ltManagedToSource, managed, key);
     method->addLineNumberInfo(ltNativeToSource, source, key);
     return method;
+}
+
+/// The rows as a trace file holds them: three little-endian words each.
+std::vector<unsigned char> fileRows(const Rows& rows)
+{
+    std::vector<unsigned char> bytes;
+    for (const LineNumberEntry& row : rows)
+        for (const unsigned int word : {row.start, row.end, row.value})
+            for (int shift = 0; shift < 32; shift += 8)
+                bytes.push_back(static_cast<unsigned char>(word >> shift));
+    return bytes;
+}
+
+boost::shared_ptr<IByteBuffer> bytesOf(const std::string& text)
+{
+    return makeByteBuffer(text.data(), static_cast<unsigned int>(text.size()));
+}
+
+/// A region at [0x1000, 0x1010) that holds `bytes`.
+boost::intrusive_ptr<Region> makeRegion(const std::string& bytes)
+{
+    return new Region(7003, 1, 0x20, 0, 0x1000, 16, bytesOf(bytes));
+}
+
+/// The region's bytes, with 0x90 shown as '.'.
+std::string shown(Region& region)
+{
+    std::string text(static_cast<const char*>(region.getContent()->getData()), region.getContent()->getSize());
+    std::replace(text.begin(), text.end(), '\x90', '.');
+    return text;
 }
 
 } // namespace
@@ -165,4 +204,131 @@ TEST(JitMethod, ReportsOddTablesAndSourceFiles)
         mine->compareSymbolicInfoTo(other);
         EXPECT_EQ(log.texts(log4cplus::TRACE_LOG_LEVEL), c.trace);
     }
+}
+
+// Rows come back exactly as an agent wrote them, in order, however far they jump: backwards,
+// past 2^31 or ending before they start. A usual row takes one or two bytes; one just past
+// what those hold takes the general form. A small table has six bytes of header.
+TEST(LineTable, EveryRowComesBackExactly)
+{
+    const struct { Rows rows; std::size_t bytes; } cases[] = {
+        {{{0, 32, 10}, {32, 64, 11}, {64, 96, 11}, {96, 100, 9}}, 6 + 2 + 1 + 2 + 2},
+        {{{0, 0, 0}}, 6 + 2},
+        // The largest length and steps of the two-byte form, then the first ones past them.
+        {{{0, 511, 31}, {511, 1022, UINT_MAX}}, 6 + 2 + 2},
+        {{{0, 512, 31}}, 6 + 4},
+        {{{0, 511, 32}}, 6 + 4},
+        {{{0, 511, UINT_MAX - 32}}, 6 + 4},
+        // The one-byte form: a step of one and a length under 64, nothing else.
+        {{{0, 63, 1}, {63, 63, 2}}, 6 + 1 + 1},
+        {{{0, 64, 1}, {64, 127, 1}, {127, 190, 3}}, 6 + 2 + 2 + 2},
+        // A gap, an overlap, a row ending before it starts, a first row not at zero.
+        {{{0, 10, 1}, {11, 20, 2}, {15, 30, 3}, {30, 25, 4}}, 6 + 1 + 4 + 4 + 3},
+        {{{4096, 4100, 1}}, 6 + 5},
+        {{{UINT_MAX, 0, UINT_MAX}, {0, UINT_MAX, 0}, {0x80000000u, 0x7fffffffu, 0x80000000u}}, 6 + 4 + 3 + 12},
+        {{{100, 50, 7}, {10, 20, 3000000000u}, {10, 20, 1}, {5, 5, 5}}, 6 + 5 + 8 + 8 + 4},
+        // Differences wider than the row's three words: the words themselves, and the row after
+        // them follows on from those.
+        {{{0x40000000u, 0x10000000u, 10000}, {0x10000000u, 0x10000010u, 10001}}, 6 + 13 + 1},
+        {{{0x40000000u, 0x10000000u, 100}}, 6 + 13},
+        {{{0x40000000u, 0x10000000u, 10}}, 6 + 12},
+    };
+    for (const auto& c : cases) {
+        const Rows& rows = c.rows;
+        const LineTable table(rows);
+        EXPECT_EQ(table.size(), rows.size());
+        const auto byEnd = [](const LineNumberEntry& a, const LineNumberEntry& b) { return a.end < b.end; };
+        EXPECT_EQ(table.maxEnd(), std::max_element(rows.begin(), rows.end(), byEnd)->end);
+        EXPECT_EQ(table.rows(), rows);
+        EXPECT_EQ(LineTableProbe::bytes(table), c.bytes) << "first row " << rows[0].start << "-" << rows[0].end;
+        const LineTable copy = table;
+        EXPECT_EQ(copy.rows(), rows);
+        const std::vector<unsigned char> file = fileRows(rows);
+        EXPECT_EQ(LineTable::fromFileRows(file.data(), rows.size()).rows(), rows);
+
+        LineNumberEntry found{};
+        EXPECT_TRUE(table.findIf([&](const LineNumberEntry& r) { return r == rows.back(); }, found));
+        EXPECT_EQ(found, rows.back());
+        EXPECT_FALSE(table.findIf([](const LineNumberEntry&) { return false; }, found));
+    }
+    // A contiguous table of short rows whose value moves a little either way, larger than the
+    // scratch space kept between tables, costs two bytes a row and a header; a small one follows it.
+    Rows large;
+    for (unsigned int i = 0, offset = 0, line = 1200, seed = 7; i < 10000; ++i, offset = large.back().end) {
+        seed = seed * 1103515245u + 12345u;
+        line += (seed >> 20) % 41 - 20;
+        large.push_back({offset, offset + 1 + (seed >> 8) % 400, line});
+    }
+    const LineTable table(large);
+    EXPECT_EQ(table.rows(), large);
+    EXPECT_EQ(table.maxEnd(), large.back().end);
+    EXPECT_LE(LineTableProbe::bytes(table), 2 * large.size() + 16);
+    EXPECT_EQ(LineTable(cases[0].rows).rows(), cases[0].rows);
+    EXPECT_TRUE(LineTable().empty());
+    EXPECT_TRUE(LineTable(Rows()).rows().empty());
+}
+
+TEST(Region, UpdatesByMarkupTypeWithinTheBuffers)
+{
+    struct Update { unsigned long long addr; unsigned int length; int type; char fill; }; // fill 0: no content
+    const std::string ok = "Updated code region (ip range = 0x1000-0x2010 successfully", orig = "abcdefghijklmnop";
+    const std::string invalid = "Couldn't update because the input range is invalid: codeAddr = ";
+    const std::string outside = "Couldn't accept update (ip range = ";
+    const struct {
+        std::vector<Update> updates; // all but the last must succeed
+        velmark_error_t result;
+        std::string bytes;   // of the region 0x1000-0x1010, first "abcdefghijklmnop"
+        std::string message; // ERROR line of a refusal (without suffix), else an INFO line
+    } cases[] = {
+        {{{0x1000, 4, stCode, 'X'}}, meSuccess, "XXXXefghijklmnop", ok},
+        {{{0x1004, 4, stData, 'X'}}, meSuccess, "abcd....ijklmnop", ok},
+        {{{0x1004, 4, stKeep, 'X'}}, meSuccess, "abcdXXXXijklmnop", ok},
+        {{{0x1004, 4, stData, 'X'}, {0x1004, 4, stKeep, 'Y'}}, meSuccess, "abcd....ijklmnop", ok},
+        {{{0x1004, 4, stCode, 'X'}, {0x1004, 4, stData, 'Y'}}, meSuccess, "abcd....ijklmnop",
+         "Changed a type of markup range (ip range = 0x1004-0x1008) from 0x1  to 0x2"},
+        // The stored type stays the first one, so that "keep" then stores the bytes.
+        {{{0x1004, 4, stCode, 'X'}, {0x1004, 4, stData, 'Y'}, {0x1004, 4, stKeep, 'Z'}}, meSuccess,
+         "abcdZZZZijklmnop", ok},
+        {{{0x1004, 4, stCode, 'X'}, {0x1008, 8, stCode, 'Y'}}, meSuccess, "abcdXXXXYYYYYYYY", ok},
+        {{{0, 4, stCode, 'X'}}, meFail, orig, invalid + "0, codeLen = 0x4"},
+        {{{0x1000, 0, stCode, 'X'}}, meFail, orig, invalid + "0x1000, codeLen = 0"},
+        {{{0x1000, 4, stCode, 0}}, meFail, orig, "Couldn't update because the input content is empty"},
+        {{{0xfff, 4, stCode, 'X'}}, meFail, orig,
+         outside + "0xfff-0x1003) because it overlaps parent's ip range 0x1000-0x1010"},
+        {{{0x100e, 4, stCode, 'X'}}, meFail, orig,
+         outside + "0x100e-0x1012) because it overlaps parent's ip range 0x1000-0x1010"},
+        {{{0x1004, 4, stData, 'X'}, {0x1007, 4, stCode, 'Y'}}, meFail, "abcd....ijklmnop",
+         outside + "0x1007-0x100b) because it overlaps an existing markup range 0x1004-0x1008 with segType = 0x2"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        jrtest::LogCapture log;
+        boost::intrusive_ptr<Region> region = makeRegion(orig);
+        velmark_error_t result = meSuccess;
+        std::size_t rangesBefore = 0;
+        for (const Update& u : c.updates) {
+            ASSERT_EQ(result, meSuccess);
+            log.clear();
+            rangesBefore = region->markupRanges().size();
+            result = region->addBytesUpdate(u.addr, u.length, u.fill ? bytesOf(std::string(u.length, u.fill)) : nullptr,
+                                            static_cast<velmark_segment_type_t>(u.type), L"seg");
+        }
+        EXPECT_EQ(result, c.result);
+        EXPECT_EQ(shown(*region), c.bytes);
+        if (c.result == meSuccess) {
+            EXPECT_TRUE(log.contains(log4cplus::INFO_LOG_LEVEL, c.message)) << log.dump();
+            continue;
+        }
+        EXPECT_EQ(region->markupRanges().size(), rangesBefore);
+        const std::vector<std::string> errors = log.texts(log4cplus::ERROR_LOG_LEVEL);
+        EXPECT_TRUE(errors.size() == 1 && errors[0].rfind(c.message + jrtest::kAtFileSuffix, 0) == 0) << log.dump();
+    }
+
+    // Nothing is read or written past a buffer: the region claims 16 bytes but holds 8, the update
+    // claims 8 bytes but brings 2. (A region without bytes is the decoder's case "update of a
+    // region without bytes".)
+    jrtest::LogCapture log;
+    boost::intrusive_ptr<Region> region = makeRegion("abcdefgh");
+    EXPECT_EQ(region->addBytesUpdate(0x1006, 8, bytesOf("XY"), stCode, L""), meSuccess);
+    EXPECT_EQ(shown(*region), "abcdefXY");
 }

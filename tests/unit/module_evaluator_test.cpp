@@ -21,11 +21,10 @@ TEST(ModuleEvaluator, MatchesTheFourPatternsCaseAndSlashSensitively)
     };
     for (const auto& c : cases) {
         EXPECT_EQ(c.result, isNativeImage(c.path)) << c.path;
-        boost::intrusive_ptr<ModuleEvaluator> evaluator(new ModuleEvaluator(c.path));
-        EXPECT_EQ(c.result, evaluator->isNativeImage()) << c.path;
+        EXPECT_EQ(c.result, boost::intrusive_ptr<ModuleEvaluator>(new ModuleEvaluator(c.path))->isNativeImage())
+            << c.path;
     }
-    boost::intrusive_ptr<ModuleEvaluator> nullPath(new ModuleEvaluator(nullptr));
-    EXPECT_EQ(meFail, nullPath->isNativeImage());
+    EXPECT_EQ(meFail, boost::intrusive_ptr<ModuleEvaluator>(new ModuleEvaluator(nullptr))->isNativeImage());
 }
 
 } // namespace

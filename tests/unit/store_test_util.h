@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <functional>
 #include <iterator>
+#include <numeric>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,8 +44,7 @@ inline MethodPtr makeMethod(unsigned int rawId, unsigned long long loadTime, con
     method->setStartJitRva(ranges.empty() ? 0 : ranges.front().jitRva);
     for (const CodeRange& range : ranges) {
         std::vector<unsigned char> bytes(range.length);
-        for (unsigned int i = 0; i < range.length; ++i)
-            bytes[i] = static_cast<unsigned char>(range.address + i);
+        std::iota(bytes.begin(), bytes.end(), static_cast<unsigned char>(range.address));
         method->addRegion(RegionPtr(new Region(pid, host, loadTime, range.jitRva, range.address, range.length,
                                                velmark_3_11::makeByteBuffer(bytes.data(), range.length))));
     }
