@@ -248,15 +248,21 @@ velmark_error_t JitFilesManager::readAllFiles(decoding_mode_t mode, JitDataManag
         progress.callback(0, count.total, progress.context);
 
     std::vector<std::pair<unsigned int, unsigned int>> unread;
-    for (auto& host : m_hosts) {
-        for (auto& process : host.second) {
-            if (process.second.read)
-                continue;
-            // A file that fails is not retried: the process counts as read all the same.
-            process.second.read = true;
-            unread.emplace_back(process.first, host.first);
+    for (const auto& host : m_hosts)
+        for (const auto& process : host.second)
+            if (!process.second.read)
+                unread.emplace_back(process.first, host.first);
+    // A process counts as read once all are: a lookup that reads its process first waits for
+    // this read rather than seeing it half done. A file that fails is not retried.
+    struct MarkRead {
+        JitFilesManager& files;
+        const std::vector<std::pair<unsigned int, unsigned int>>& processes;
+        ~MarkRead()
+        {
+            for (const auto& id : processes)
+                files.findProcess(id.first, id.second)->read = true;
         }
-    }
+    } markRead{*this, unread};
     readProcesses(unread, mode, dataManager, &count);
     m_allRead = true;
     return meSuccess;
