@@ -167,8 +167,16 @@ std::string describe(const JitDataManager& store)
     return text.str();
 }
 
+/// An assertion handler of a program's own, which writes to the log as it is called.
+void logAssertionAtOnce(const basekit2::assertion_report_t& report)
+{
+    log4cplus::Logger::getInstance("velmark.jitreader")
+        .forcedLog(log4cplus::ERROR_LOG_LEVEL, std::string("handler: ") + report.expression);
+}
+
 // Files decoded ahead, on either thread, must leave what reading them in turn leaves: the same
-// store, results, and log lines at every level in the same order.
+// store, results, and log lines at every level in the same order; an assertion handler is
+// called when the store takes the record.
 TEST(JitFileReader, ReadingManyFilesAheadChangesNothing)
 {
     jrtest::TempDir root;
@@ -187,7 +195,8 @@ TEST(JitFileReader, ReadingManyFilesAheadChangesNothing)
     } files[] = {
         {"host.7-1.jit", 7,
          TraceWriter().magic().collectorType(1).load(kFunctionLoad64_v3, load(1, 0x1000, 64, 10, "a"))
-             .inlineLoad(kFunctionInlineLoad64, timeless).inlineLoad(kFunctionInlineLoad64, inlined)
+             .inlineLoad(kFunctionInlineLoad64, timeless).frame(kFunctionLoad64_v3, {1, 2, 3})
+             .inlineLoad(kFunctionInlineLoad64, inlined)
              .load(kFunctionLoad64_v3, wide)},
         {"host.7-2.jit", 7,
          TraceWriter().magic().collectorType(1).load(kFunctionLoad64_v3, load(4, 0x3000, 16, 20, "b"))
@@ -236,9 +245,11 @@ TEST(JitFileReader, ReadingManyFilesAheadChangesNothing)
         out.log = log.dump();
         return out;
     };
+    const basekit2::assertion_handler_t handler = basekit2::set_assertion_handler(&logAssertionAtOnce);
     const Outcome inTurn = readAll(read_ahead_t::none);
     const Outcome ahead = readAll(read_ahead_t::everyFile);
     const Outcome shared = readAll(read_ahead_t::helper); // as the threads happen to go
+    basekit2::set_assertion_handler(handler);
     EXPECT_EQ((std::vector<velmark_error_t>{meSuccess, meBadTrace, meBadTrace, meInvalidArgument, meBadTrace, meSuccess,
                                             meOpenFailed}),
               inTurn.results);
@@ -247,13 +258,13 @@ TEST(JitFileReader, ReadingManyFilesAheadChangesNothing)
         EXPECT_EQ(inTurn.store, other->store);
         EXPECT_EQ(inTurn.log, other->log);
     }
-    // What the cases are there for: lines logged while decoding, once each, as a refusal by the
-    // store drops what its file logged after it; and what follows a range update.
-    for (const char* line : {"Invalid load time: 0", "Couldn't recognize type of the jit trace"})
-        EXPECT_EQ(ahead.log.find(line), ahead.log.rfind(line)) << line;
-    EXPECT_NE(std::string::npos, ahead.log.find("Couldn't find a range to be updated"));
-    EXPECT_NE(std::string::npos, ahead.store.find("after the update"));
-    EXPECT_EQ(std::string::npos, ahead.store.find("never"));
+    // What the cases are there for: lines and assertions logged while decoding, a range update's
+    // line, and what follows a range update or a refusal by the store.
+    for (const char* line : {"Invalid load time: 0", "Couldn't recognize type of the jit trace",
+                             "handler: bytesRead", "Couldn't find a range to be updated"})
+        EXPECT_NE(std::string::npos, inTurn.log.find(line)) << line;
+    EXPECT_NE(std::string::npos, inTurn.store.find("after the update"));
+    EXPECT_EQ(std::string::npos, inTurn.store.find("never"));
 }
 
 } // namespace
