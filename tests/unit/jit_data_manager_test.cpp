@@ -390,54 +390,6 @@ TEST(JitDataManagerTest, IndexAnswersAsTheMapsDoAtEverySize)
     }
 }
 
-// Each key of the domain as "start-end:load times": pieces under the newcomer hold the old
-// times and its own, the others keep what they had; the holes between old keys are filled. (An
-// exact overlap, and one inside, are those of LoadOrdersOnOneRange and of the store's merge test.)
-TEST(RegionSplitTest, PiecesOfEveryOverlapShape)
-{
-    const std::vector<Placed> one = {{0x1000, 0x1100, 100}};
-    const struct {
-        const char* shape;
-        std::vector<Placed> old;
-        Placed incoming;
-        std::vector<std::string> keys;
-    } cases[] = {
-        {"head", one, {0x1000, 0x1080, 200}, {"0x1000-0x1080:100,200", "0x1080-0x1100:100"}},
-        {"past end", one, {0x1000, 0x1180, 200}, {"0x1000-0x1100:100,200", "0x1100-0x1180:200"}},
-        {"tail", one, {0x1080, 0x1100, 200}, {"0x1000-0x1080:100", "0x1080-0x1100:100,200"}},
-        {"tail and past", one, {0x1080, 0x1180, 200},
-         {"0x1000-0x1080:100", "0x1080-0x1100:100,200", "0x1100-0x1180:200"}},
-        {"before to end", one, {0xf80, 0x1100, 200}, {"0xf80-0x1000:200", "0x1000-0x1100:100,200"}},
-        {"before to inside", one, {0xf80, 0x1080, 200},
-         {"0xf80-0x1000:200", "0x1000-0x1080:100,200", "0x1080-0x1100:100"}},
-        {"around", one, {0xf80, 0x1180, 200}, {"0xf80-0x1000:200", "0x1000-0x1100:100,200", "0x1100-0x1180:200"}},
-        {"two keys and a hole", {{0x1000, 0x1010, 100}, {0x1020, 0x1030, 150}}, {0x1008, 0x1028, 200},
-         {"0x1000-0x1008:100", "0x1008-0x1010:100,200", "0x1010-0x1020:200", "0x1020-0x1028:150,200",
-          "0x1028-0x1030:150"}},
-        {"three keys, covered", {{0x1000, 0x1010, 100}, {0x1020, 0x1030, 100}, {0x1030, 0x1040, 100}},
-         {0xff0, 0x1050, 200},
-         {"0xff0-0x1000:200", "0x1000-0x1010:100,200", "0x1010-0x1020:200", "0x1020-0x1030:100,200",
-          "0x1030-0x1040:100,200", "0x1040-0x1050:200"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.shape);
-        JitDataManager store;
-        unsigned long long jitRva = 1;
-        unsigned int rawId = 1;
-        for (const Placed& p : c.old) {
-            const auto length = static_cast<unsigned int>(p.end - p.start);
-            ASSERT_EQ(meSuccess, load(store, makeMethod(rawId++, p.time, {{p.start, length, jitRva}})));
-            jitRva += length;
-        }
-        const Placed& n = c.incoming;
-        ASSERT_EQ(meSuccess, load(store, makeMethod(0x99, n.time, {{n.start, unsigned(n.end - n.start), jitRva}})));
-        EXPECT_EQ(c.keys, describeDomain(store));
-        // The whole of every old region is gone from the newcomer's load on.
-        for (const auto& method : store.methodList())
-            EXPECT_EQ(method->getRawMethodId() == 0x99 ? 0u : n.time, method->regions()[0]->unloadTime());
-    }
-}
-
 // Unload times follow arrival, not time order: an older late-comer closes nothing, and an
 // unload time once set stays.
 TEST(RegionSplitTest, LoadOrdersOnOneRange)
