@@ -390,34 +390,6 @@ TEST(JitDataManagerTest, IndexAnswersAsTheMapsDoAtEverySize)
     }
 }
 
-// Unload times follow arrival, not time order: an older late-comer closes nothing, and an
-// unload time once set stays.
-TEST(RegionSplitTest, LoadOrdersOnOneRange)
-{
-    const struct {
-        std::vector<unsigned long long> loads, unloads;
-        std::vector<std::pair<unsigned long long, int>> samples; // time, index of the load or -1
-    } cases[] = {
-        {{100, 200, 300}, {200, 300, 0}, {{99, -1}, {100, 0}, {199, 0}, {200, 1}, {250, 1}, {300, 2}, {9999, 2}}},
-        {{300, 100}, {0, 0}, {{150, 1}, {299, 1}, {300, 0}}},
-        {{100, 300, 200}, {300, 0, 0}, {{150, 0}, {250, 2}, {300, 1}}},
-    };
-    for (const auto& c : cases) {
-        JitDataManager store;
-        for (unsigned int i = 0; i < c.loads.size(); ++i)
-            ASSERT_EQ(meSuccess, load(store, makeMethod(i + 1, c.loads[i], {{0x1000, 0x100, 1 + 0x100ull * i}})));
-        for (std::size_t i = 0; i < c.loads.size(); ++i)
-            EXPECT_EQ(c.unloads[i], store.methodList()[i]->regions()[0]->unloadTime()) << "load " << i;
-        for (const auto& sample : c.samples) {
-            MethodPtr method;
-            unsigned long long jitRva = 0;
-            EXPECT_EQ(sample.second < 0 ? meFail : meSuccess,
-                      store.resolveJitPoint(0x1010, sample.first, 7, 1, method, jitRva));
-            EXPECT_EQ(sample.second < 0 ? 0 : 0x11 + 0x100ull * sample.second, jitRva) << sample.first;
-        }
-    }
-}
-
 // Keys are cut in place while nothing is logged, and through the logged path otherwise: both
 // leave the same keys, times and lives, and refuse the same records with the same message, also
 // where a record fails half way.
