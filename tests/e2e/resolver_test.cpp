@@ -65,27 +65,6 @@ TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothA
     }
 }
 
-TEST(SymbolResolver, FilesOfOneProcessInTwoDirectoriesShareTheTimeline)
-{
-    const TraceWriter second = e2e::trace({e2e::method(2, 0x1000, 0x40, 200, "newer")});
-    // "a" sorts first, but time decides who answers.
-    const e2e::Results r({{"b/host.5.jit", e2e::trace({e2e::method(1, 0x1000, 0x40, 100, "older")}).bytes()},
-                          {"a/host.5.jit", second.bytes()}}, {"b", "a"});
-    ASSERT_TRUE(r.resolver && r.loader);
-    // a/host.5.jit is registered first and owns the jit rvas from 1; b/host.5.jit follows it.
-    const unsigned long long olderBase = 1 + second.size();
-    const struct { unsigned long long time; const wchar_t* name; unsigned long long jitRva; } points[] = {
-        {150, L"App::Main::older", olderBase + 0x10},
-        {200, L"App::Main::newer", 1 + 0x10},
-        {1000, L"App::Main::newer", 1 + 0x10},
-    };
-    for (const auto& p : points) {
-        const e2e::Answer a = e2e::answer(*r.loader, *r.resolver, p.time, 0x1010, 5);
-        EXPECT_TRUE(a.loader == meSuccess && a.jitRva == p.jitRva && a.resolved && a.name == p.name) << p.time;
-    }
-    EXPECT_EQ(meFail, e2e::answer(*r.loader, *r.resolver, 99, 0x1010, 5).loader);
-}
-
 // The three factories refuse the same directories and take an empty one; the process list names
 // processes without reading their files.
 TEST(SymbolResolver, CreationFailuresEmptyInputsAndAProcessListThatReadsNothing)
