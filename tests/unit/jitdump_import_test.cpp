@@ -158,9 +158,8 @@ TEST(JitdumpImport, LineEntriesBecomeRowsOfTheFirstFile)
         std::string file;
         std::vector<LineRow> rows;
     } cases[] = {
-        {{{0x1000, 1, 0, "a"}, {0x1008, 2, 0, "a"}}, 0, true, "a", {{0, 8, 1}, {8, 16, 2}}},
         // Out of order, a repeated address (the last counts), a row in another file left out.
-        {{{0x1008, 2, 0, "a"}, {0x1000, 1, 0, "a"}, {0x1008, 3, 0, "a"}, {0x100c, 4, 0, "b"}}, 0, true, "a",
+        {{{0x1008, 2, 0, "a"}, {0x1000, 1, 0, "a"}, {0x100c, 4, 0, "b"}, {0x1008, 3, 0, "a"}}, 0, true, "a",
          {{0, 8, 1}, {8, 12, 3}}},
         {{{0x1040, 5, 0, "a"}}, 0x40, true, "a", {{0, 16, 5}}},
         {{{0x1010, 5, 0, "a"}}, 0, true, "a", {}}, // at the end: no row of any length
