@@ -1,8 +1,5 @@
 #include "jitreader/clr_symreader.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <functional>
 #include <map>
 #include <optional>
@@ -224,36 +221,6 @@ TEST(ClrSymReader, ReadsRealDebugFiles)
         EXPECT_EQ(c.lines, lines(reader, c.methodRow, c.offsets)) << c.file << " row " << c.methodRow;
         EXPECT_EQ(c.document, documentName(reader, c.methodRow)) << c.file << " row " << c.methodRow;
     }
-}
-
-TEST(ClrSymReader, EveryPrefixOfARealFileLoadsOrFailsCleanly)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    jrtest::LogCapture quiet(log4cplus::OFF_LOG_LEVEL);
-    // In memory: thousands of files on disk take longer than reading them.
-    const int fd = memfd_create("prefix", 0);
-    ASSERT_GE(fd, 0);
-    const std::wstring path = toWide("/proc/self/fd/" + std::to_string(fd));
-    for (const char* file : jrtest::kDebugFiles) {
-        const Bytes whole = jrtest::readBytes(folder + "/" + file);
-        ASSERT_FALSE(whole.empty()) << file;
-        std::size_t loaded = 0;
-        for (std::size_t size = 0; size <= whole.size(); ++size) {
-            ASSERT_EQ(0, ftruncate(fd, 0));
-            ASSERT_EQ(static_cast<ssize_t>(size), pwrite(fd, whole.data(), size, 0));
-            CoreCLRSymbolReader reader(path.c_str());
-            if (reader.load() != meSuccess)
-                continue;
-            ++loaded;
-            for (int row = 1; row <= 25; ++row) {
-                unsigned int line = 0;
-                reader.getLineNumber(row, 0, &line);
-                documentName(reader, row);
-            }
-        }
-        EXPECT_GT(loaded, 0u) << file; // at least the whole file
-    }
-    close(fd);
 }
 
 } // namespace
