@@ -354,6 +354,8 @@ private:
     /// Reads file `k` into the store.
     velmark_error_t take(std::size_t k)
     {
+        if (m_files[k].path.empty())
+            return meInvalidArgument;
         AheadFile& file = m_ahead[k];
         for (;;) {
             {
@@ -361,7 +363,8 @@ private:
                 if (file.ready)
                     break;
             }
-            // Claims go in order and every file before k is taken: k is claimed now or the helper's.
+            // Claims go in order, so a claim of k means that nobody decodes it yet; a claim of an
+            // earlier file can only be one skipped for its empty path, which costs nothing.
             const std::size_t next = claimNext();
             if (next == k && m_readAhead != read_ahead_t::everyFile)
                 return readInTurn(k);
@@ -372,15 +375,13 @@ private:
                 m_readyChanged.wait(lock, [&file] { return file.ready; });
             }
         }
-        const velmark_error_t result = takeAhead(file, m_files[k].path.empty());
+        const velmark_error_t result = takeAhead(file);
         file = AheadFile(); // the file closes, and what the store didn't keep goes
         return result;
     }
 
     velmark_error_t readInTurn(std::size_t k)
     {
-        if (m_files[k].path.empty())
-            return meInvalidArgument;
         const std::unique_ptr<JitFileDecoder> decoder = open(k);
         forStore(*decoder);
         return readJitFile(*decoder, m_bitnessFilter, m_store);
@@ -388,10 +389,8 @@ private:
 
     /// Feeds a file decoded ahead to the store, each of its decoding's log lines where reading in
     /// turn would have written it, and reads in turn from a range update on.
-    velmark_error_t takeAhead(AheadFile& file, bool skipped)
+    velmark_error_t takeAhead(AheadFile& file)
     {
-        if (skipped)
-            return meInvalidArgument;
         if (!file.source) // the decoder could not be made
             std::rethrow_exception(file.failure);
         forStore(*file.decoder);

@@ -199,7 +199,6 @@ void JitFilesManager::readProcesses(const std::vector<std::pair<unsigned int, un
                                     decoding_mode_t mode, JitDataManager& dataManager, ReadCount* count) const
 {
     std::vector<JitFileRead> files;
-    std::vector<unsigned long long> sizes;
     for (const auto& id : processes) {
         const auto& process = m_hosts.at(id.second).at(id.first);
         for (const JitFileEntry& entry : process.files) {
@@ -213,7 +212,6 @@ void JitFilesManager::readProcesses(const std::vector<std::pair<unsigned int, un
             file.rangeEnd = entry.firstJitRva + entry.size;
             file.fileIndex = entry.index;
             files.push_back(std::move(file));
-            sizes.push_back(entry.size);
         }
     }
     readJitFiles(files, mode, m_bitnessFilter, dataManager, [&](std::size_t i, velmark_error_t result) {
@@ -224,7 +222,7 @@ void JitFilesManager::readProcesses(const std::vector<std::pair<unsigned int, un
         if (result != meSuccess)
             VM_ERROR_AT(L"Could not read jit file " << files[i].path);
         if (count && count->progress->callback) {
-            count->done += sizes[i];
+            count->done += files[i].rangeEnd - files[i].firstJitRva;
             count->progress->callback(count->done, count->total, count->progress->context);
         }
     });
