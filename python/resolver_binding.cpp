@@ -1,6 +1,7 @@
 // The C++ side of the Python module: a resolver over result directories that takes sample
 // points as columns and gives columns back, with the loop outside the interpreter's lock.
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <fstream>
 #include <mutex>
@@ -158,6 +159,43 @@ void reportProgress(unsigned long long done, unsigned long long total, void* con
     }
 }
 
+/// A sample point's place in the walk over all of them.
+struct SampleOrder {
+    std::uint64_t process; ///< host id above, process id below
+    std::uint64_t address;
+    std::uint64_t time;
+    std::size_t index; ///< in the columns
+
+    unsigned int hostId() const { return static_cast<unsigned int>(process >> 32); }
+    std::uint32_t processId() const { return static_cast<std::uint32_t>(process); }
+};
+
+/// What a sample point resolved to.
+struct Answer {
+    std::uint64_t jitRva; ///< 0 unless resolved
+    std::int32_t outcome; ///< -1: none
+    PointStatus status;
+};
+
+/// The points by host, process and address. Profiles come in time order, which jumps
+/// between all the code of all the processes for each point; in this order neighbouring points
+/// share their method, region and line table, which then stay in the caches.
+std::vector<SampleOrder> localityOrder(const std::uint64_t* times, const std::uint64_t* addresses,
+                                       const std::uint32_t* processIds, const std::int64_t* hostCodes,
+                                       const std::vector<unsigned int>& hostIds, std::size_t count)
+{
+    std::vector<SampleOrder> order(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::int64_t code = hostCodes[i];
+        const unsigned int hostId = code >= 0 && static_cast<std::size_t>(code) < hostIds.size() ? hostIds[code] : 0;
+        order[i] = SampleOrder{std::uint64_t(hostId) << 32 | processIds[i], addresses[i], times[i], i};
+    }
+    std::sort(order.begin(), order.end(), [](const SampleOrder& a, const SampleOrder& b) {
+        return a.process != b.process ? a.process < b.process : a.address < b.address;
+    });
+    return order;
+}
+
 class ResolverBinding {
 public:
     ResolverBinding(const std::vector<std::string>& directories, const std::vector<std::string>& symbols, bool lazy,
@@ -247,7 +285,8 @@ public:
 
     /// Resolves columns of sample points. `hosts` holds a code per point into `hostNames`
     /// (negative: no host). Returns jit rvas, status codes, an outcome index per point (-1:
-    /// none) and the distinct outcomes as (method, class, module, source, line, inlined).
+    /// none) and the distinct outcomes as the columns method, class, module, source, line and
+    /// inlined, each one longer than the outcomes: its last entry answers the index -1.
     py::tuple resolve(py::array_t<std::uint64_t, py::array::c_style> time,
                       py::array_t<std::uint64_t, py::array::c_style> address,
                       py::array_t<std::uint32_t, py::array::c_style> pid,
@@ -277,20 +316,23 @@ public:
             if (m_fullNames != fullNames) {
                 m_outcomes.clear();
                 m_outcomeOf.clear();
+                m_lastOutcome = -1;
                 m_moduleOutcome.clear();
                 ++m_generation;
                 m_fullNames = fullNames;
             }
             std::string reason;
             std::vector<FrameRef> refs;
-            for (py::ssize_t i = 0; i < count; ++i) {
-                const std::int64_t code = hostCodes[i];
-                const unsigned int hostId =
-                    code >= 0 && static_cast<std::size_t>(code) < hostIds.size() ? hostIds[code] : 0;
+            const std::vector<SampleOrder> order = localityOrder(times, addresses, pids, hostCodes, hostIds, count);
+            // Answers go into the arrays only after the walk: scattered there at once, their
+            // cache misses would hold up every atomic operation of the lookups behind them.
+            std::vector<Answer> answers(order.size());
+            for (std::size_t k = 0; k < order.size(); ++k) {
+                const SampleOrder& point = order[k];
                 unsigned long long jitRva = 0;
                 std::string lazyModule;
-                PointStatus status = m_points.locate(times[i], addresses[i], pids[i], hostId, jitRva, reason,
-                                                     m_points.lazy() ? &lazyModule : nullptr);
+                PointStatus status = m_points.locate(point.time, point.address, point.processId(), point.hostId(),
+                                                     jitRva, reason, m_points.lazy() ? &lazyModule : nullptr);
                 std::int32_t outcome = -1;
                 if (status == PointStatus::resolved) {
                     if (m_points.lazy())
@@ -298,12 +340,16 @@ public:
                     else if ((status = m_points.frameRefs(jitRva, refs, reason)) == PointStatus::resolved)
                         outcome = intern(refs, fullNames);
                 }
-                rvaOut[i] = status == PointStatus::resolved ? jitRva : 0;
-                statusOut[i] = static_cast<std::uint8_t>(status);
-                outcomeOut[i] = outcome;
+                answers[k] = Answer{status == PointStatus::resolved ? jitRva : 0, outcome, status};
+            }
+            for (std::size_t k = 0; k < order.size(); ++k) {
+                const std::size_t i = order[k].index;
+                rvaOut[i] = answers[k].jitRva;
+                statusOut[i] = static_cast<std::uint8_t>(answers[k].status);
+                outcomeOut[i] = answers[k].outcome;
             }
         }
-        return py::make_tuple(jitRvas, statuses, outcomeIndex, outcomeTuples());
+        return py::make_tuple(jitRvas, statuses, outcomeIndex, outcomeColumns());
     }
 
     /// Warnings and errors that the library logged since the last call.
@@ -327,15 +373,19 @@ private:
         m_key.clear();
         for (const FrameRef& ref : refs)
             m_key.emplace_back(ref.symbol.get(), ref.location ? ref.location->getLine() : 0);
-        const std::int32_t known = m_outcomeOf.find(m_key);
-        if (known >= 0)
-            return known;
+        // Points come sorted by address, so a point's frames are most often its predecessor's.
+        if (m_lastOutcome >= 0 && m_key == m_lastKey)
+            return m_lastOutcome;
+        m_lastKey.swap(m_key);
+        m_lastOutcome = m_outcomeOf.find(m_lastKey);
+        if (m_lastOutcome >= 0)
+            return m_lastOutcome;
         Outcome outcome;
         outcome.module = moduleName(*refs.front().symbol);
         outcome.frames = textFrames(refs, fullNames);
-        const std::int32_t index = add(std::move(outcome));
-        m_outcomeOf.insert(m_key, index);
-        return index;
+        m_lastOutcome = add(std::move(outcome));
+        m_outcomeOf.insert(m_lastKey, m_lastOutcome);
+        return m_lastOutcome;
     }
 
     /// The outcome of a lazily opened resolver: the module alone.
@@ -358,35 +408,61 @@ private:
         return index;
     }
 
-    /// The outcomes as Python tuples; built for those new since the last call only.
-    py::list outcomeTuples()
+    /// The outcomes as columns of Python objects, each with one more entry for the points without
+    /// an outcome; the objects are made for the outcomes new since the last call only.
+    py::tuple outcomeColumns()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_objectsGeneration != m_generation) {
-            m_outcomeObjects = py::list();
+            for (py::list& column : m_outcomeObjects)
+                column = py::list();
             m_objectsGeneration = m_generation;
         }
-        for (std::size_t i = m_outcomeObjects.size(); i < m_outcomes.size(); ++i) {
+        auto text = [](const std::string& value) { return value.empty() ? py::object(py::none()) : py::str(value); };
+        for (std::size_t i = m_outcomeObjects[0].size(); i < m_outcomes.size(); ++i) {
             const Outcome& outcome = m_outcomes[i];
             py::list inlined;
             for (std::size_t f = 1; f < outcome.frames.size(); ++f) {
                 const StackFrame& frame = outcome.frames[f];
                 py::dict entry;
                 entry["method"] = frame.method;
-                entry["module"] = frame.module.empty() ? py::object(py::none()) : py::str(frame.module);
-                entry["source"] = frame.source.empty() ? py::object(py::none()) : py::str(frame.source);
+                entry["module"] = text(frame.module);
+                entry["source"] = text(frame.source);
                 entry["line"] = frame.line ? py::object(py::int_(frame.line)) : py::object(py::none());
                 inlined.append(entry);
             }
             const bool named = !outcome.frames.empty();
             const StackFrame outer = named ? outcome.frames.front() : StackFrame();
-            auto text = [](const std::string& value) { return value.empty() ? py::object(py::none()) : py::str(value); };
-            m_outcomeObjects.append(py::make_tuple(named ? py::object(py::str(outer.method)) : py::object(py::none()),
-                                                   text(outer.className), text(outcome.module), text(outer.source),
-                                                   outer.line ? py::object(py::int_(outer.line)) : py::object(py::none()),
-                                                   inlined));
+            m_outcomeObjects[0].append(named ? py::object(py::str(outer.method)) : py::object(py::none()));
+            m_outcomeObjects[1].append(text(outer.className));
+            m_outcomeObjects[2].append(text(outcome.module));
+            m_outcomeObjects[3].append(text(outer.source));
+            m_outcomeObjects[4].append(inlined);
         }
-        return m_outcomeObjects;
+        py::array_t<std::int64_t> lines(m_outcomes.size() + 1); // 0: none
+        std::int64_t* line = lines.mutable_data();
+        for (const Outcome& outcome : m_outcomes)
+            *line++ = outcome.frames.empty() ? 0 : outcome.frames.front().line;
+        *line = 0;
+        const py::none none;
+        return py::make_tuple(objectArray(m_outcomeObjects[0], none), objectArray(m_outcomeObjects[1], none),
+                              objectArray(m_outcomeObjects[2], none), objectArray(m_outcomeObjects[3], none), lines,
+                              objectArray(m_outcomeObjects[4], py::list()));
+    }
+
+    /// A NumPy array of the objects of `items` and then `last`. Made entry by entry: NumPy
+    /// would take a list of lists for a two-dimensional array.
+    static py::array objectArray(const py::list& items, const py::object& last)
+    {
+        const std::size_t size = items.size();
+        py::array array(py::dtype("O"), std::vector<py::ssize_t>{static_cast<py::ssize_t>(size + 1)});
+        auto** slots = static_cast<PyObject**>(array.mutable_data());
+        for (std::size_t i = 0; i <= size; ++i) {
+            PyObject* item = i < size ? PyList_GET_ITEM(items.ptr(), i) : last.ptr();
+            Py_INCREF(item);
+            Py_XSETREF(slots[i], item);
+        }
+        return array;
     }
 
     std::vector<std::string> m_directories;
@@ -402,7 +478,9 @@ private:
     OutcomeTable m_outcomeOf;
     std::unordered_map<std::string, std::int32_t> m_moduleOutcome;
     std::vector<FrameKey> m_key;
-    py::list m_outcomeObjects;
+    std::vector<FrameKey> m_lastKey; ///< of the last point's outcome, m_lastOutcome
+    std::int32_t m_lastOutcome = -1;
+    std::array<py::list, 5> m_outcomeObjects; ///< method, class, module, source, inlined
 };
 
 /// Reads a file of sample points into columns; hosts as codes into a list of names.
@@ -445,6 +523,45 @@ py::tuple readSampleColumns(const std::string& path)
     return py::make_tuple(times, addresses, pids, hostCodes, hostNames);
 }
 
+/// Codes of a column of host names into the distinct names, in the order that they first
+/// appear. The column's objects repeat, so they are looked at by identity first and hashed as
+/// text only once each.
+py::tuple hostCodes(const py::array& values)
+{
+    if (values.ndim() != 1 || values.dtype().kind() != 'O' || !(values.flags() & py::array::c_style))
+        raise(PyExc_TypeError, "the host column must be a one-dimensional array of objects");
+    const py::ssize_t count = values.shape(0);
+    py::array_t<std::int64_t> codes(count);
+    std::int64_t* out = codes.mutable_data();
+    PyObject* const* items = static_cast<PyObject* const*>(values.data());
+    std::unordered_map<PyObject*, std::int64_t> byObject; // the column keeps its objects alive
+    std::unordered_map<std::string, std::int64_t> byName;
+    py::list names;
+    PyObject* last = nullptr;
+    std::int64_t lastCode = -1;
+    for (py::ssize_t i = 0; i < count; ++i) {
+        if (items[i] != last) {
+            last = items[i];
+            auto known = byObject.find(last);
+            if (known == byObject.end()) {
+                if (!PyUnicode_Check(last))
+                    raise(PyExc_TypeError, "column 'host' must hold host names (str)");
+                Py_ssize_t size = 0;
+                const char* text = PyUnicode_AsUTF8AndSize(last, &size);
+                if (text == nullptr)
+                    throw py::error_already_set();
+                const auto named = byName.emplace(std::string(text, static_cast<std::size_t>(size)), byName.size());
+                if (named.second)
+                    names.append(py::str(text, static_cast<std::size_t>(size)));
+                known = byObject.emplace(last, named.first->second).first;
+            }
+            lastCode = known->second;
+        }
+        out[i] = lastCode;
+    }
+    return py::make_tuple(codes, names);
+}
+
 } // namespace
 
 PYBIND11_MODULE(_jitreader, module)
@@ -458,6 +575,7 @@ PYBIND11_MODULE(_jitreader, module)
         .def("resolve", &ResolverBinding::resolve)
         .def("take_messages", &ResolverBinding::takeMessages);
     module.def("read_sample_columns", &readSampleColumns, py::arg("path"));
+    module.def("host_codes", &hostCodes, py::arg("values"));
     py::list names;
     for (int status = 0; status < kPointStatusCount; ++status)
         names.append(statusName(static_cast<PointStatus>(status)));

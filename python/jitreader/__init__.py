@@ -77,10 +77,7 @@ def _host_codes(samples):
     if isinstance(values, pd.Series) and isinstance(values.dtype, pd.CategoricalDtype):
         codes, names = values.cat.codes.to_numpy(), values.cat.categories
     else:
-        values = np.asarray(values, dtype=object)
-        if values.size and not all(isinstance(v, str) for v in pd.unique(values)):
-            raise TypeError("column 'host' must hold host names (str)")
-        codes, names = pd.factorize(values)
+        codes, names = _jitreader.host_codes(np.ascontiguousarray(values, dtype=object))
     return np.ascontiguousarray(codes, dtype=np.int64), [str(name) for name in names]
 
 
@@ -135,24 +132,22 @@ class Resolver:
 
 
 def _result_frame(rvas, statuses, index, outcomes, frame_index):
-    resolved = statuses == 0
+    method, class_, module, source, line, inlined = outcomes
+    # The last entry of each outcome column answers the points without an outcome (index -1).
+    lines = line[index]
     columns = {
-        "jit_rva": pd.array(np.where(resolved, rvas, 0), dtype="UInt64"),
+        "jit_rva": pd.arrays.IntegerArray(rvas, statuses != 0),
         "status": _STATUS[statuses],
+        "method": method[index],
+        "class": class_[index],
+        "module": module[index],
+        "source": source[index],
+        "line": pd.arrays.IntegerArray(lines, lines == 0),
+        "inlined": inlined[index],
     }
-    columns["jit_rva"][~resolved] = pd.NA
-    table = list(zip(*outcomes)) if outcomes else [()] * 6
-    # The last entry of each table answers the points without an outcome (index -1).
-    for name, values in zip(("method", "class", "module", "source"), table[:4]):
-        columns[name] = np.array(list(values) + [None], dtype=object)[index]
-    lines = np.array([0 if line is None else line for line in table[4]] + [0], dtype=np.int64)[index]
-    columns["line"] = pd.array(lines, dtype="Int64")
-    columns["line"][lines == 0] = pd.NA
-    inlined = np.empty(len(table[5]) + 1, dtype=object)
-    for i, frames in enumerate(list(table[5]) + [[]]):
-        inlined[i] = frames
-    columns["inlined"] = inlined[index]
-    return pd.DataFrame(columns, index=frame_index)
+    # Without copy=False pandas copies the object columns into one block, which took longer
+    # than the whole resolve.
+    return pd.DataFrame(columns, index=frame_index, copy=False)
 
 
 def read_samples(path):

@@ -25,8 +25,11 @@ def test_every_sample_resolves_as_the_tool_resolves_it(demo, folders, samples, l
     dirs = [demo / folder for folder in folders]
     options = (["--lazy"] if lazy else []) + (["--symbols", symbols, "--full-names"] if symbols else [])
     expected = json.loads(run_tool("resolve", *dirs, "--samples", samples, "--format", "json", *options))
-    frame = jitreader.Resolver(dirs, symbols=symbols, lazy=lazy).resolve(
-        jitreader.read_samples(samples), full_names=bool(symbols))
+    resolver = jitreader.Resolver(dirs, symbols=symbols, lazy=lazy)
+    first = jitreader.read_samples(samples).iloc[:1]
+    resolver.resolve(first, full_names=not symbols)  # the other names first: nothing of them may stay
+    assert resolver.resolve(first, full_names=bool(symbols))["method"][0] == expected[0]["method"]
+    frame = resolver.resolve(jitreader.read_samples(samples), full_names=bool(symbols))
 
     assert list(frame.columns) == list(jitreader.RESULT_COLUMNS)
     assert len(frame) == len(expected)

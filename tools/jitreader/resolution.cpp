@@ -147,7 +147,7 @@ PointStatus SampleResolver::frameRefs(unsigned long long jitRva, std::vector<Fra
         reason = "jit rva " + hex(jitRva) + " names no method";
         return PointStatus::error;
     }
-    frames = frameRefsAt(symbol, jitRva);
+    frameRefsAt(symbol, jitRva, frames);
     return PointStatus::resolved;
 }
 

@@ -28,9 +28,9 @@ std::string sourceFileName(const ISymbol& symbol)
     return file ? toUtf8(file->getName()) : std::string();
 }
 
-std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
+void frameRefsAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva, std::vector<FrameRef>& frames)
 {
-    std::vector<FrameRef> frames{FrameRef{method, method->getSourceLocation(jitRva)}};
+    frames.assign(1, FrameRef{method, method->getSourceLocation(jitRva)});
     boost::intrusive_ptr<ICodeRegion> region;
     for (auto regions = method->getCodeRegions(); !regions.at_end(); regions.next()) {
         const boost::intrusive_ptr<ICodeRegion> candidate = regions.current();
@@ -49,7 +49,6 @@ std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<ISymbol>& method, u
         frames.push_back(FrameRef{inlined, inlined->getSourceLocation(jitRva)});
         region = inner;
     }
-    return frames;
 }
 
 Frame frameOf(const FrameRef& ref)
@@ -67,8 +66,10 @@ Frame frameOf(const FrameRef& ref)
 
 std::vector<Frame> framesAt(const boost::intrusive_ptr<ISymbol>& method, unsigned long long jitRva)
 {
+    std::vector<FrameRef> refs;
+    frameRefsAt(method, jitRva, refs);
     std::vector<Frame> frames;
-    for (const FrameRef& ref : frameRefsAt(method, jitRva))
+    for (const FrameRef& ref : refs)
         frames.push_back(frameOf(ref));
     return frames;
 }

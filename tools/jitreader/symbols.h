@@ -29,8 +29,9 @@ struct FrameRef {
 };
 
 /// The frames at `jitRva` as objects, in the order of framesAt; nothing turned into text yet.
-std::vector<FrameRef> frameRefsAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method,
-                                  unsigned long long jitRva);
+/// Into `frames`, whose storage a caller that asks for many points keeps.
+void frameRefsAt(const boost::intrusive_ptr<velmark_3_11::ISymbol>& method, unsigned long long jitRva,
+                 std::vector<FrameRef>& frames);
 
 /// A frame in text: the source file and line of the point.
 Frame frameOf(const FrameRef& ref);
