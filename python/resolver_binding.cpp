@@ -409,15 +409,19 @@ private:
     }
 
     /// The outcomes as columns of Python objects, each with one more entry for the points without
-    /// an outcome; the objects are made for the outcomes new since the last call only.
+    /// an outcome; the objects are made for the outcomes new since the last call only, and the
+    /// columns again only when there are such.
     py::tuple outcomeColumns()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_objectsGeneration != m_generation) {
             for (py::list& column : m_outcomeObjects)
                 column = py::list();
+            m_outcomeColumns = py::tuple();
             m_objectsGeneration = m_generation;
         }
+        if (m_outcomeColumns.size() != 0 && m_outcomeObjects[0].size() == m_outcomes.size())
+            return m_outcomeColumns;
         auto text = [](const std::string& value) { return value.empty() ? py::object(py::none()) : py::str(value); };
         for (std::size_t i = m_outcomeObjects[0].size(); i < m_outcomes.size(); ++i) {
             const Outcome& outcome = m_outcomes[i];
@@ -445,9 +449,11 @@ private:
             *line++ = outcome.frames.empty() ? 0 : outcome.frames.front().line;
         *line = 0;
         const py::none none;
-        return py::make_tuple(objectArray(m_outcomeObjects[0], none), objectArray(m_outcomeObjects[1], none),
-                              objectArray(m_outcomeObjects[2], none), objectArray(m_outcomeObjects[3], none), lines,
-                              objectArray(m_outcomeObjects[4], py::list()));
+        m_outcomeColumns =
+            py::make_tuple(objectArray(m_outcomeObjects[0], none), objectArray(m_outcomeObjects[1], none),
+                           objectArray(m_outcomeObjects[2], none), objectArray(m_outcomeObjects[3], none), lines,
+                           objectArray(m_outcomeObjects[4], py::list()));
+        return m_outcomeColumns;
     }
 
     /// A NumPy array of the objects of `items` and then `last`. Made entry by entry: NumPy
@@ -481,6 +487,7 @@ private:
     std::vector<FrameKey> m_lastKey; ///< of the last point's outcome, m_lastOutcome
     std::int32_t m_lastOutcome = -1;
     std::array<py::list, 5> m_outcomeObjects; ///< method, class, module, source, inlined
+    py::tuple m_outcomeColumns; ///< of outcomeColumns(), for as many outcomes as m_outcomeObjects
 };
 
 /// Reads a file of sample points into columns; hosts as codes into a list of names.
