@@ -390,40 +390,6 @@ TEST(JitDataManagerTest, IndexAnswersAsTheMapsDoAtEverySize)
     }
 }
 
-// Keys are cut in place while nothing is logged, and through the logged path otherwise: both
-// leave the same keys, times and lives, and refuse the same records with the same message, also
-// where a record fails half way.
-TEST(RegionSplitTest, QuietAndLoggedCutsAgree)
-{
-    std::mt19937 random(7);
-    const auto draw = [&random](unsigned int below) { return static_cast<unsigned int>(random() % below); };
-    JitDataManager quiet, logged;
-    unsigned long long jitRva = 1, time = 1000;
-    std::size_t refused = 0;
-    for (unsigned int rawId = 1; rawId <= 400; ++rawId) {
-        // Mostly later code, now and then code as old as or older than some already there.
-        time = draw(8) == 0 ? time - draw(20) : time + 1 + draw(3);
-        const unsigned int length = 1 + draw(0x80);
-        const CodeRange range = {0x1000 + draw(0x400), length, jitRva};
-        jitRva += length;
-        LogCapture errors(log4cplus::ERROR_LOG_LEVEL);
-        const velmark_error_t result = load(quiet, makeMethod(rawId, time, {range}));
-        const std::vector<std::string> quietErrors = errors.texts(log4cplus::ERROR_LOG_LEVEL);
-        {
-            LogCapture all(log4cplus::INFO_LOG_LEVEL);
-            ASSERT_EQ(result, load(logged, makeMethod(rawId, time, {range}))) << rawId;
-            EXPECT_EQ(all.texts(log4cplus::ERROR_LOG_LEVEL), quietErrors) << rawId;
-        }
-        refused += result != meSuccess;
-        ASSERT_EQ(describeDomain(logged), describeDomain(quiet)) << rawId;
-    }
-    EXPECT_GT(refused, 5u);
-    ASSERT_EQ(logged.methodList().size(), quiet.methodList().size());
-    for (std::size_t i = 0; i < quiet.methodList().size(); ++i)
-        EXPECT_EQ(logged.methodList()[i]->regions()[0]->unloadTime(),
-                  quiet.methodList()[i]->regions()[0]->unloadTime());
-}
-
 // Against a model: a key lies between two neighbouring ends of loaded regions and holds the load
 // times of all regions over it, whatever order they came in; a region's arrival ends the life of
 // the latest region loaded before it over each of its keys, unless that one's has ended already.

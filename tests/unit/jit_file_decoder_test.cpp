@@ -39,7 +39,6 @@ TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
         {"collector without value", TraceWriter().magic().raw(u32(13)).raw({1, 0}).bytes(), {meSuccess, meBadTrace},
          "Couldn't process the collector type trace"},
         {"type 1", TraceWriter().frame(1, {1, 2, 3}).bytes(), {meBadTrace}, unknown},
-        {"type 3", TraceWriter().frame(3, {1}).bytes(), {meBadTrace}, unknown},
         {"size cut short", TraceWriter().raw(u32(8)).raw({4, 0}).bytes(), {meBadTrace},
          "Couldn't read size of the jit trace"},
         {"size 0", TraceWriter().emptyFrame(8).bytes(), {meBadTrace}, noContent},

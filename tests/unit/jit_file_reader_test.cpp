@@ -78,8 +78,6 @@ TEST(JitFileReader, WhereTheReadingEndsAndWhetherTheStoreIsFinalised)
          meSuccess, {L"a", L"b"}, true},
         {"Magic further on", TraceWriter().magic().load(kFunctionLoad64_v3, a).magic().load(kFunctionLoad64_v3, b),
          bfAll, meSuccess, {L"a"}, true},
-        {"64-bit only, first record 32-bit", TraceWriter().magic().load(kFunctionLoad32_v3, a), bfOnly64, meSuccess,
-         {}, true},
         {"corrupt frame", TraceWriter().load(kFunctionLoad64_v3, a).frame(15, {0}).load(kFunctionLoad64_v3, b), bfAll,
          meBadTrace, {L"a"}, false},
         {"store refuses a load", TraceWriter().load(kFunctionLoad64_v3, a).load(kFunctionLoad64_v3, a), bfAll,
