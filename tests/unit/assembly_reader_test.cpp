@@ -83,19 +83,6 @@ TEST(AssemblyReader, NamesSignaturesClassicRuntimeSourcesLineTablesAndDumpsOfRea
     EXPECT_EQ(meFail, plain->getSourceFile(file));
 }
 
-TEST(AssemblyReader, CoreRuntimeWithoutItsDebugFileStillOpens)
-{
-    JR_REQUIRE_DOTNET_TESTDATA(folder);
-    // Without its debug file the reader still opens; its methods have no reader of either kind.
-    jrtest::TempDir bare;
-    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(bare.write("foo.dll", jrtest::fooAsCore(folder)), 0x06000007);
-    ASSERT_TRUE(alone);
-    EXPECT_EQ(1, alone->getReaderKind());
-    SourceFile file;
-    EXPECT_EQ(meFail, alone->getSourceFile(file));
-    EXPECT_EQ(L"MyInternalClass", alone->getClassName());
-}
-
 TEST(AssemblyReader, FrameworkDetectionDebugFilesAndFailures)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
@@ -107,6 +94,13 @@ TEST(AssemblyReader, FrameworkDetectionDebugFilesAndFailures)
     EXPECT_TRUE(isDotNetCoreValidPdb(toWide(folder + "/symbolic/foo.pdb")));
     EXPECT_FALSE(isDotNetCoreValidPdb(toWide(folder + "/symbolic/Program.cs")));
     EXPECT_FALSE(isDotNetCoreValidPdb(dir.wide("empty.pdb")));
+    // A .NET Core assembly without its debug file still opens; its methods have no reader of either kind.
+    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(dir.write("foo.dll", jrtest::fooAsCore(folder)), 0x06000007);
+    ASSERT_TRUE(alone);
+    EXPECT_EQ(1, alone->getReaderKind());
+    SourceFile file;
+    EXPECT_EQ(meFail, alone->getSourceFile(file));
+    EXPECT_EQ(L"MyInternalClass", alone->getClassName());
 
     boost::intrusive_ptr<IAssemblyReader> reader;
     EXPECT_EQ(meInvalidArgument, IAssemblyReader::create(nullptr, nullptr, reader));
