@@ -456,7 +456,6 @@ TEST(SymBinder, SequencePointsAndNearestPointLookupsOfRealMethods)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
     const struct { const char* assembly; mdMethodDef token; const char* points; } cases[] = {
-        {"symreader-converter/portable/Documents.dll", 0x06000002, "no method"},
         {"cecil/PdbTarget.exe", 0x06000002, kPdbTargetMain},
         {"symreader-converter/portable/Iterator.dll", 0x06000099, "no method"},
         {"symreader-converter/portable/Iterator.dll", 0x02000002, "no method"},
