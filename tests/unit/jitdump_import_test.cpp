@@ -163,7 +163,6 @@ TEST(JitdumpImport, LineEntriesBecomeRowsOfTheFirstFile)
          {{0, 8, 1}, {8, 12, 3}}},
         {{{0x1010, 5, 0, "a"}}, 0, true, "a", {}}, // at the end: no row of any length
         {{{0x1011, 5, 0, "a"}}, 0, false, "", {}},
-        {{{0x0fff, 5, 0, "a"}}, 0, false, "", {}},
         {{{0x1000, 5, 0, "a\x03"}}, 0, false, "", {}},
         {{{0x1000, 5, 0, "\xd6("}}, 0, false, "", {}},
     };
