@@ -34,7 +34,6 @@ TEST(AssemblyReader, NamesSignaturesClassicRuntimeSourcesLineTablesAndDumpsOfRea
         {"cecil/PdbTarget.exe", 0x06000002, L"PdbTarget.Program", L"Main(string[])",
          L"C:\\sources\\PdbTarget\\Program.cs"},
         {"symreader-converter/windows/Iterator.dll", 0x06000007, L"<M>d__0`1", L"MoveNext()", L"C:\\Iterator.cs"},
-        {"cecil/PdbTarget.exe", 0x06000005, L"PdbTarget.Program", L"Bar(int32)"},
         {"cecil/PdbTarget.exe", 0x06000003, L"PdbTarget.Program",
          L"Where(System.Collections.Generic.IEnumerable`1<>, System.Func`2<, bool>)"},
         // Stored as System.Collections.Generic.IEnumerator<T>.get_Current.
