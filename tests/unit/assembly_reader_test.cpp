@@ -94,7 +94,9 @@ TEST(AssemblyReader, FrameworkDetectionDebugFilesAndFailures)
     EXPECT_FALSE(isDotNetCoreValidPdb(toWide(folder + "/symbolic/Program.cs")));
     EXPECT_FALSE(isDotNetCoreValidPdb(dir.wide("empty.pdb")));
     // A .NET Core assembly without its debug file still opens; its methods have no reader of either kind.
-    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(dir.write("foo.dll", jrtest::fooAsCore(folder)), 0x06000007);
+    const std::string core = dir.write("foo.dll", jrtest::fooAsCore(folder));
+    EXPECT_TRUE(isDotNetCore(toWide(core)));
+    const boost::intrusive_ptr<DotNetMethod> alone = methodOf(core, 0x06000007);
     ASSERT_TRUE(alone);
     EXPECT_EQ(1, alone->getReaderKind());
     SourceFile file;
