@@ -15,7 +15,6 @@ TEST(JavaNames, PrintsDescriptorsAndLeavesReadableTextAlone)
 {
     const NameCase cases[] = {
         {true, "run(ILjava/lang/String;)V", "run(int, java.lang.String)"},
-        {true, "main([Ljava/lang/String;)V", "main(java.lang.String[])"},
         {true, "m([[JZBCDFS)V", "m(long[][], boolean, byte, char, double, float, short)"},
         {true, "put(Ljava/util/Map<Ljava/lang/String;Ljava/lang/Integer;>;)Z",
          "put(java.util.Map<java.lang.String,java.lang.Integer>)"},

@@ -46,13 +46,6 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
         std::vector<Inline> inlines;
     } cases[] = {
         {"no pcs: no rows, no inlines", {}, {}, {}, {}, {}},
-        {"outer frames only; pcs of one line share a row",
-         {at(0x10, {{1, 0}}), at(0x20, {{1, 2}}), at(0x30, {{1, 4}})}, {},
-         {{0, 0x10, 0}, {0x10, 0x20, 2}, {0x20, 0x30, 4}}, {{0, 0x20, 10}, {0x20, 0x30, 11}}, {}},
-        {"one inline over two pcs, in its own lines and offsets",
-         {at(0x10, {{1, 0}}), at(0x20, {{1, 4}, {2, 0}}), at(0x30, {{1, 4}, {2, 5}}), at(0x40, {{1, 9}})}, {},
-         {{0, 0x10, 0}, {0x10, 0x30, 4}, {0x30, 0x40, 9}}, {{0, 0x10, 10}, {0x10, 0x30, 11}, {0x30, 0x40, 12}},
-         {{2, 1, 0x10, 0x20, "step(I)I", {{0, 0x10, 20}, {0x10, 0x20, 21}}}}},
         {"a nested inline hangs below its caller's instance",
          {at(0x10, {{1, 4}, {2, 0}}), at(0x20, {{1, 4}, {2, 5}, {3, 1}}), at(0x30, {{1, 4}, {2, 6}})}, {},
          {{0, 0x30, 4}}, {{0, 0x30, 11}},
