@@ -119,7 +119,7 @@ TEST(JitreaderTool, BadDirectoriesNamesAndUnreadTraceFilesGiveClearErrorsAndStri
 TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnly)
 {
     const struct { unsigned long long done, total; const char* text; } cases[] = {
-        {90ull << 20, 200ull << 20, "reading traces: 45% (90.0 of 200.0 MB)"},
+        {199ull << 20, 200ull << 20, "reading traces: 99% (199.0 of 200.0 MB)"}, // not 100% before the end
         {200ull << 20, 200ull << 20, "reading traces: 100% (200.0 of 200.0 MB)"},
         {0, 0, "reading traces: 100% (0.0 of 0.0 MB)"}, // nothing to read
     };
