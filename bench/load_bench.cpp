@@ -149,25 +149,23 @@ struct Load {
     std::uint64_t keptBytes = 0;
 };
 
-Load load(const Corpus& c, int repeat)
+/// One more load of `c` into `result`, which keeps the best times and the memory of the first.
+void loadOnce(const Corpus& c, Load& result)
 {
-    Load result;
-    for (int i = 0; i < repeat; ++i) {
-        const std::uint64_t before = residentBytes();
-        auto start = std::chrono::steady_clock::now();
-        auto resolver = createResolver(c);
-        result.createMs = std::min(result.createMs, milliseconds(std::chrono::steady_clock::now() - start));
-        if (!resolver) {
-            std::fprintf(stderr, "load_bench: the resolver could not be created\n");
-            std::exit(1);
-        }
-        if (i == 0)
-            result.keptBytes = residentBytes() - before;
-        start = std::chrono::steady_clock::now();
-        resolver.reset();
-        result.destroyMs = std::min(result.destroyMs, milliseconds(std::chrono::steady_clock::now() - start));
+    const bool first = result.createMs == 1e300;
+    const std::uint64_t before = residentBytes();
+    auto start = std::chrono::steady_clock::now();
+    auto resolver = createResolver(c);
+    result.createMs = std::min(result.createMs, milliseconds(std::chrono::steady_clock::now() - start));
+    if (!resolver) {
+        std::fprintf(stderr, "load_bench: the resolver could not be created\n");
+        std::exit(1);
     }
-    return result;
+    if (first)
+        result.keptBytes = residentBytes() - before;
+    start = std::chrono::steady_clock::now();
+    resolver.reset();
+    result.destroyMs = std::min(result.destroyMs, milliseconds(std::chrono::steady_clock::now() - start));
 }
 
 void row(const char* figure, const std::string& value, const std::string& target, bool holds)
@@ -196,11 +194,15 @@ int main()
 
     // The first load of a process pays for fresh memory, and on a virtual machine a later one
     // may too, when the kernel hands out pages that the host never backed: the figures are those
-    // of the best run, each corpus given as many runs as the others.
+    // of the best run. The corpora take turns, so that a busy spell of the host falls on all
+    // three alike rather than on one ratio.
     const double read = readFilesOnly(base);
-    const Load baseLoad = load(base, 3);
-    const Load manyLoad = load(many, 3);
-    const Load largeLoad = load(large, 3);
+    Load baseLoad, manyLoad, largeLoad;
+    for (int round = 0; round < 5; ++round) {
+        loadOnce(base, baseLoad);
+        loadOnce(many, manyLoad);
+        loadOnce(large, largeLoad);
+    }
 
     const double mbPerSecond = static_cast<double>(base.bytes) / kMegabyte / (baseLoad.createMs / 1000);
     const double shareOfRead = read / baseLoad.createMs * 100;
