@@ -135,15 +135,16 @@ def _result_frame(rvas, statuses, index, outcomes, frame_index):
     method, class_, module, source, line, inlined = outcomes
     # The last entry of each outcome column answers the points without an outcome (index -1).
     lines = line[index]
+    take = _jitreader.take_objects
     columns = {
         "jit_rva": pd.arrays.IntegerArray(rvas, statuses != 0),
         "status": _STATUS[statuses],
-        "method": method[index],
-        "class": class_[index],
-        "module": module[index],
-        "source": source[index],
+        "method": take(method, index),
+        "class": take(class_, index),
+        "module": take(module, index),
+        "source": take(source, index),
         "line": pd.arrays.IntegerArray(lines, lines == 0),
-        "inlined": inlined[index],
+        "inlined": take(inlined, index),
     }
     # Without copy=False pandas copies the object columns into one block, which took longer
     # than the whole resolve.

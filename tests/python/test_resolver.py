@@ -100,6 +100,8 @@ def resolving(samples):
     (resolving(bad_samples(pid=[-1])), ValueError, "column 'pid' holds negative numbers"),
     (resolving(bad_samples(pid=[2**40])), ValueError, "column 'pid' holds numbers too large for uint32"),
     (resolving([(1, 2, 3, "alpha.lab")]), TypeError, "samples must be a DataFrame or a dict of arrays, not list"),
+    (lambda d: jitreader._jitreader.take_objects(np.array([None]), np.array([-2, 1], dtype=np.int32)), IndexError,
+     "index -2 is out of range"),
 ])
 def test_bad_arguments_and_samples_raise_the_matching_exception(bad_inputs, call, error, message):
     with pytest.raises(error, match=message):
