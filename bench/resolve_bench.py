@@ -36,7 +36,7 @@ def main(build):
         first = resolver.resolve(samples)
         first_seconds = time.perf_counter() - start
         best = float("inf")
-        for _ in range(3):
+        for _ in range(5):
             start = time.perf_counter()
             resolver.resolve(samples)
             best = min(best, time.perf_counter() - start)
