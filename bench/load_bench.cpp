@@ -222,7 +222,7 @@ int main()
     const double read = readFilesOnly(base);
     Load baseLoad, manyLoad, largeLoad;
     double fourBaseMs = 1e300;
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 0; round < 8; ++round) {
         double fourBase = 0;
         for (int i = 0; i < 4; ++i)
             fourBase += loadOnce(base, baseLoad);
