@@ -1,5 +1,4 @@
-// The decoder: the frames of a trace file, the jit rvas it hands out, and records of every form,
-// written by the trace writer and read back; and the writer's own refusals.
+// The decoder: frames, the jit rvas it hands out, records of every form; the writer's refusals.
 #include "jitreader/jit_file_decoder.h"
 
 #include <fstream>
@@ -233,8 +232,7 @@ TEST(LoadRecord, OddRecordsOfTheNewestForm)
     }
 }
 
-// Every known type is handed out with its payload; the last collector type frame counts, and it
-// and the architectures come from the stream.
+// The last collector type frame counts; it and the architectures come from the stream.
 TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType)
 {
     const std::uint32_t types[] = {0, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14};
@@ -265,8 +263,7 @@ TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType
     }
 }
 
-// Counts far beyond the payload are neither allocated nor looped over: only load form 4 reports
-// the bounds it overruns, and nothing is read beyond the payload.
+// Counts far beyond the payload are neither allocated nor looped over; only form 4 reports them.
 TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
 {
     const Bytes head = Payload().u32(1).u32(2).u8(0).u64(3).u16(1).bytes(); // form 4, up to its one range
@@ -427,8 +424,7 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
     }
 }
 
-// Truncated payloads, whose counts and fields lie about what follows, are reported; so are bytes
-// behind an update's code, and the update is taken all the same.
+// Bytes behind an update's code are reported too, and the update is taken all the same.
 TEST(Records, TruncatedOrTrailingPayloadsAreReported)
 {
     FakeStore store;
