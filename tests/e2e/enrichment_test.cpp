@@ -1,6 +1,5 @@
-// .NET methods that the trace names only by token and module path, resolved to names, source
-// files and line tables read from copies of real assemblies; concurrent resolves of the same
-// methods (the Concurrency suite runs under `make check-tsan`).
+// .NET methods named by token and module path only, enriched from copies of real assemblies by
+// concurrent resolves (the Concurrency suite runs under `make check-tsan`).
 #include <atomic>
 #include <thread>
 

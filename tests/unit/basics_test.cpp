@@ -1,5 +1,4 @@
-// The small parts everything stands on: reference counts, ranges and method ids, iterators and
-// the log.
+// Reference counts, ranges and method ids, iterators and the log.
 #include <map>
 #include <stdexcept>
 

@@ -1,5 +1,4 @@
-// The jitdump importer: dumps built byte by byte in either byte order, converted, and read
-// back through the library.
+// The jitdump importer: dumps built in either byte order, converted, read back by the library.
 #include <algorithm>
 #include <sstream>
 

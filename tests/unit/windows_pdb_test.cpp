@@ -1,6 +1,5 @@
-// Windows PDB files through the symbol binder: every sequence point of the real files, and of their
-// Portable PDB twins, against the dumps their origin project asserts; damaged and cut files. The
-// binder's matching of a Windows PDB to its assembly is among the metadata tests' binder cases.
+// Windows PDB files through the symbol binder, against the dumps their origin project asserts;
+// damaged and cut files. Matching a Windows PDB to its assembly is among the metadata tests'.
 #include <map>
 #include <regex>
 #include <sstream>
