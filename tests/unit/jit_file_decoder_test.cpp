@@ -19,8 +19,6 @@ namespace {
 
 using namespace tracewriter;
 
-Bytes u32(std::uint32_t value) { return Payload().u32(value).bytes(); }
-
 TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
 {
     const Bytes load = encodeMethodLoad(kFunctionLoad64_v3, MethodLoad());
@@ -34,11 +32,11 @@ TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
         bool missing = false;                 // no file at all
     } cases[] = {
         {"missing", {}, {meOpenFailed}, "Couldn't open the jit file", true},
-        {"magic without value", u32(kMagic), {meBadTrace}, "Couldn't process the magic trace"},
-        {"collector without value", TraceWriter().magic().raw(u32(13)).raw({1, 0}).bytes(), {meSuccess, meBadTrace},
-         "Couldn't process the collector type trace"},
+        {"magic without value", Payload().u32(kMagic).bytes(), {meBadTrace}, "Couldn't process the magic trace"},
+        {"collector without value", TraceWriter().magic().raw(Payload().u32(13).bytes()).raw({1, 0}).bytes(),
+         {meSuccess, meBadTrace}, "Couldn't process the collector type trace"},
         {"type 1", TraceWriter().frame(1, {1, 2, 3}).bytes(), {meBadTrace}, unknown},
-        {"size cut short", TraceWriter().raw(u32(8)).raw({4, 0}).bytes(), {meBadTrace},
+        {"size cut short", TraceWriter().raw(Payload().u32(8).bytes()).raw({4, 0}).bytes(), {meBadTrace},
          "Couldn't read size of the jit trace"},
         {"size 0", TraceWriter().emptyFrame(8).bytes(), {meBadTrace}, noContent},
         {"size beyond the end", TraceWriter().magic().truncatedFrame(9, load, 10).bytes(), {meSuccess, meBadTrace},

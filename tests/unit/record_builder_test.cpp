@@ -2,6 +2,7 @@
 
 #include <array>
 #include <map>
+#include <numeric>
 #include <tuple>
 
 #include "record_builder.h"
@@ -70,8 +71,7 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
          {{2, 1, 0, 0x20, "step(I)I", {{0, 0x10, 20}, {0x10, 0x20, 21}}}}},
     };
     std::vector<std::uint8_t> code(0x100);
-    for (std::size_t i = 0; i < code.size(); ++i)
-        code[i] = static_cast<std::uint8_t>(i);
+    std::iota(code.begin(), code.end(), 0);
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
         std::uint32_t lastId = 0;
