@@ -100,6 +100,24 @@ class ToolOutput(unittest.TestCase):
         self.assertEqual(5 + 4 * 2, len(rows))
         self.assertIn("30 samples: 26 resolved, 2 no-code", self.tool("report"))
 
+    def test_the_table_names_every_outcome_and_token_only_methods_are_found_in_symbol_directories(self):
+        table = self.tool("resolve", "--quiet")  # --quiet is taken by every command that reads traces
+        self.assertIn("resolved 26 / 30 samples", table)
+        self.assertIn("0x7f3a10000048  4242  alpha.lab  0x49     com::example::shop::Catalog::groupBy", table)
+        # The inlined column's header and three frames; an unknown host; a process without traces.
+        outcomes = ("inlined\n", "unresolved: unknown host", "unresolved: no traces of this process")
+        self.assertEqual([4, 1, 1], [table.count(text) for text in outcomes])
+        self.assertIn("resolved 26 / 30 samples; read 4 of 4 processes", self.tool("resolve", "--lazy"))
+        self.tool("report", "--quiet")
+        self.assertEqual(1 + 360, run("methods", *self.dirs, "--format", "csv", "--quiet").stdout.count("\n"))
+        dotnet, symbols = self.tmp.name + "/dotnet", os.path.join(os.path.dirname(SAMPLES), "dotnet")
+        resolved = run("resolve", dotnet, "--samples", symbols + ".samples", "--symbols", "/nowhere", "--symbols",
+                       symbols, "--full-names").stdout
+        self.assertIn("MyInternalClass::GetPdbId(System::Reflection::Module)", resolved)
+        self.assertIn("/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs:88", resolved)
+        methods = run("methods", dotnet, "--symbols", symbols, "--format", "csv").stdout
+        self.assertIn("StackTraceSample::Main,/Users/swatinem/", methods)
+
     def test_bad_arguments_give_one_line_and_status_1(self):
         demo = self.dirs
         cases = [
