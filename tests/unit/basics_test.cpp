@@ -60,7 +60,6 @@ TEST(BaseObject, CountStartsAtZeroAndTheLastReleaseDestroysAndCopiesStartAfresh)
     }
     EXPECT_EQ(1, destroyed);
 
-    // A copy starts at zero.
     boost::intrusive_ptr<Probe> shared(new Probe);
     boost::intrusive_ptr<Probe> second = shared;
     EXPECT_EQ(0u, Probe(*shared).count());

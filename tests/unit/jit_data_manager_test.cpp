@@ -2,6 +2,7 @@
 // history of one key and the map of method ids.
 #include "jitreader/jit_data_manager.h"
 
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -223,9 +224,7 @@ TEST(JitDataManagerTest, RefusedLoadsKeepWhatWasDoneBefore)
               describeDomain(store));
     EXPECT_EQ(0u, store.methodList()[0]->regions()[0]->unloadTime());
     EXPECT_EQ(3u, store.methodList()[3]->regionCount());
-    MethodPtr method;
-    ASSERT_EQ(meSuccess, store.resolveJitPoint(0x190, method));
-    EXPECT_EQ(2u, method->getRawMethodId());
+    EXPECT_EQ("0x2", ask(store, {'J', 0x190, 0, ""}));
     AssertionCapture asserts; // no region at all: reported, and nothing else breaks
     EXPECT_EQ(meSuccess, load(store, makeMethod(4, 100, {})));
     EXPECT_EQ(std::vector<std::string>{"rawMethod->regionCount()"}, asserts.expressions());
@@ -263,8 +262,7 @@ TEST(JitDataManagerTest, UpdatesPatchTheLiveRegionOrAreRefusedInOrder)
         load(store, makeMethod(0x30, 900, {{0x2008, 0x10, 0x21}}));
         store.setCollectorType(c.collector);
         std::vector<unsigned char> patch(c.length), expected(16);
-        for (unsigned int i = 0; i < c.length; ++i)
-            patch[i] = static_cast<unsigned char>(0xa0 + i);
+        std::iota(patch.begin(), patch.end(), 0xa0);
         MethodPtr update = makeMethod(c.rawId, c.time, {});
         update->addRegion(RegionPtr(new Region(7, 1, c.time, 0, c.address, c.length,
                                                c.shape == '-' ? nullptr : makeByteBuffer(patch.data(), c.length))));

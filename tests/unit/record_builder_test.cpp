@@ -90,7 +90,6 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
             inlines.emplace_back(record.rawMethodId, record.parentRawMethodId, record.startAddr - kCode, record.size,
                                  record.methodName, rows(record.nativeToSource));
             EXPECT_EQ(77u, record.loadTime);
-            // An inline carries the bytes of its own range.
             ASSERT_EQ(record.size, record.bytes.size());
             EXPECT_EQ(record.startAddr - kCode, record.bytes.front());
         }
