@@ -1,4 +1,5 @@
 // The command-line tool, run in process on written result directories.
+#include <algorithm>
 #include <sstream>
 
 #include <sys/stat.h>
@@ -24,14 +25,6 @@ CommandRun run(int (*command)(const std::vector<std::string>&, std::ostream&, st
     std::ostringstream out, err;
     const int code = command(args, out, err);
     return CommandRun{code, out.str(), err.str()};
-}
-
-std::size_t countOf(const std::string& text, const std::string& fragment)
-{
-    std::size_t n = 0;
-    for (std::size_t at = text.find(fragment); at != std::string::npos; at = text.find(fragment, at + 1))
-        ++n;
-    return n;
 }
 
 TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
@@ -152,7 +145,8 @@ TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
     for (const auto& c : cases) {
         const CommandRun listed = run(runAssembly, {folder + "/" + c.file, "--format", "csv"});
         ASSERT_EQ(0, listed.code) << listed.err;
-        EXPECT_EQ(c.methods + 1, countOf(listed.out + listed.err, "\n")) << c.file;
+        const std::string text = listed.out + listed.err;
+        EXPECT_EQ(c.methods + 1, std::count(text.begin(), text.end(), '\n')) << c.file;
         EXPECT_NE(std::string::npos, listed.out.find(c.someRow + "\n")) << listed.out;
     }
     for (const char* token : {"0x06000999", "x"})
