@@ -29,8 +29,15 @@ inline tracewriter::MethodLoad method(std::uint32_t rawId, std::uint64_t address
                                      std::uint64_t loadTime, const std::string& name,
                                      std::uint32_t firstLine = 10)
 {
-    tracewriter::MethodLoad record{rawId, 0, 0, loadTime, {{address, size, code(size)}}, "/opt/app/app.dll", 1, name,
-                                  "App.Main", "Main.cs", 0, "", 0, {}, {}, {}};
+    tracewriter::MethodLoad record;
+    record.rawMethodId = rawId;
+    record.loadTime = loadTime;
+    record.ranges.push_back({address, size, code(size)});
+    record.modulePath = "/opt/app/app.dll";
+    record.moduleArch = 1;
+    record.methodName = name;
+    record.className = "App.Main";
+    record.sourceFile = "Main.cs";
     for (std::uint32_t offset = 0; offset < size; offset += 16)
         record.nativeToSource.push_back({offset, std::min(size, offset + 16), firstLine + offset / 16});
     return record;

@@ -43,9 +43,14 @@ struct Locator : ISymbolFileLocator {
 MethodLoad byToken(std::uint32_t rawId, std::uint64_t address, const std::string& module, std::uint32_t token,
                    const std::string& sourceFile = "", const std::string& name = "")
 {
-    // Native ranges to IL offsets, and no lines.
-    return MethodLoad{rawId, token, 0, 100 + rawId, {{address, 0x20, e2e::code(0x20)}}, module, 1, name, "", sourceFile,
-                      0, "", 0, {}, {{0, 0x10, 0}, {0x10, 0x20, 0xb}}, {}};
+    MethodLoad record = e2e::method(rawId, address, 0x20, 100 + rawId, name);
+    record.metadataToken = token;
+    record.modulePath = module;
+    record.className.clear();
+    record.sourceFile = sourceFile;
+    record.nativeToSource.clear();
+    record.nativeToManaged = {{0, 0x10, 0}, {0x10, 0x20, 0xb}}; // native ranges to IL offsets
+    return record;
 }
 
 /// What the analyser reads of the method at `jitRva`.

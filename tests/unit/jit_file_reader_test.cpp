@@ -24,8 +24,14 @@ const char* const kFinalizeEnter = "ENTER: void velmark_3_11::JitDataManager::fi
 MethodLoad load(std::uint32_t rawId, std::uint64_t address, std::uint32_t size, std::uint64_t time,
                 const std::string& name)
 {
-    return MethodLoad{rawId, 0, 0, time, {{address, size, Bytes(size, 0x90)}}, "/opt/app.dll", 1, name, "", "", 0, "", 0,
-                      {}, {}, {}};
+    MethodLoad record;
+    record.rawMethodId = rawId;
+    record.loadTime = time;
+    record.ranges.push_back({address, size, Bytes(size, 0x90)});
+    record.modulePath = "/opt/app.dll";
+    record.moduleArch = 1;
+    record.methodName = name;
+    return record;
 }
 
 struct ReadResult { velmark_error_t result; std::vector<std::wstring> names; bool finalized; };

@@ -69,8 +69,10 @@ TEST(JitreaderTool, BadDirectoriesNamesAndUnreadTraceFilesGiveClearErrorsAndStri
     jrtest::TempDir root;
     root.write("bad/x.jit", {});
     root.write("file.txt", {});
-    const tracewriter::MethodLoad method{1, 0, 0, 100, {{0x1000, 0x10, tracewriter::Bytes(0x10, 0x90)}}, "", 0, "", "",
-                                         "", 0, "", 0, {}, {}, {}};
+    tracewriter::MethodLoad method;
+    method.rawMethodId = 1;
+    method.loadTime = 100;
+    method.ranges.push_back({0x1000, 0x10, tracewriter::Bytes(0x10, 0x90)});
     tracewriter::TraceWriter good, torn;
     good.magic().load(tracewriter::kFunctionLoad64_v3, method);
     torn.magic().load(tracewriter::kFunctionLoad64_v3, method).frame(99, {1});
