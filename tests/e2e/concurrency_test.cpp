@@ -1,6 +1,5 @@
-// Many threads on one resolver and one fresh loader: lazy reads of different processes run
-// beside lookups, method enumeration, line and inline queries, and every answer equals the
-// answer of a single thread. `make check-tsan` runs this under ThreadSanitizer.
+// Many threads on one resolver and one fresh loader: lazy reads beside lookups, enumeration, line
+// and inline queries. `make check-tsan` runs this under ThreadSanitizer.
 #include <sstream>
 #include <thread>
 
@@ -46,8 +45,7 @@ TEST(Concurrency, LookupsBesideLazyReadsAnswerAsOneThreadDoes)
     auto resolver = e2e::resolverOf(e2e::dirs(root, dirs));
     ASSERT_TRUE(resolver);
 
-    // Points in every region of every method: its first byte, its middle and just past it, at
-    // its load time and before.
+    // The first byte, the middle and just past every region, at its load time and before.
     std::vector<Point> points;
     for (auto it = resolver->getMethods(); !it.at_end(); it.next())
         for (auto regions = it.current()->getCodeRegions(); !regions.at_end(); regions.next()) {

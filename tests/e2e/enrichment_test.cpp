@@ -1,6 +1,5 @@
-// .NET methods that the trace names only by token and module path, resolved to names, source
-// files and line tables read from copies of real assemblies; concurrent resolves of the same
-// methods (the Concurrency suite runs under `make check-tsan`).
+// .NET methods named by token and module path only, enriched from copies of real assemblies by
+// concurrent resolves (the Concurrency suite runs under `make check-tsan`).
 #include <atomic>
 #include <thread>
 
@@ -89,18 +88,6 @@ struct Traces {
             .load(kFunctionLoad32_v3, byToken(5, 0x5000, "/nowhere/missing.dll", 0x06000001, "Trace.cs"));
         root.write("d/host.1.jit", trace.bytes());
     }
-    boost::intrusive_ptr<ISymbolResolver> resolver(boost::intrusive_ptr<ISymbolFileLocator> locator) const
-    {
-        auto directories = e2e::dirs(root, {"d"});
-        return ISymbolResolver::create(directories, locator);
-    }
-    std::vector<unsigned long long> jitRvas(ISymbolResolver& resolver) const
-    {
-        std::vector<unsigned long long> starts;
-        for (auto it = resolver.getMethods(); !it.at_end(); it.next())
-            starts.push_back(it.current()->getStartJitRva());
-        return starts;
-    }
     jrtest::TempDir assemblies, root;
 };
 
@@ -126,10 +113,14 @@ TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
     const Traces traces(folder);
-    const boost::intrusive_ptr<Locator> locator(new Locator(traces.assemblies.path()));
+    Locator* const counting = new Locator(traces.assemblies.path());
+    boost::intrusive_ptr<ISymbolFileLocator> locator(counting);
     for (int round = 0; round < 8; ++round) {
-        const auto shared = traces.resolver(locator);
-        const std::vector<unsigned long long> starts = traces.jitRvas(*shared);
+        auto directories = e2e::dirs(traces.root, {"d"});
+        const auto shared = ISymbolResolver::create(directories, locator);
+        std::vector<unsigned long long> starts;
+        for (auto it = shared->getMethods(); !it.at_end(); it.next())
+            starts.push_back(it.current()->getStartJitRva());
         ASSERT_EQ(5u, starts.size());
         constexpr std::size_t kThreads = 6;
         std::atomic<std::size_t> ready{0};
@@ -149,9 +140,9 @@ TEST(Concurrency, ConcurrentResolvesEnrichEachMethodOnceAndAllSeeTheResult)
         for (std::size_t t = 0; t < kThreads; ++t)
             EXPECT_EQ(0u, mismatches[t]) << "round " << round << ", thread " << t;
         // The missing assembly is looked for again on every request.
-        const int calls = locator->calls;
+        const int calls = counting->calls;
         describe(*shared, starts[4]);
-        EXPECT_EQ(calls + 1, locator->calls);
+        EXPECT_EQ(calls + 1, counting->calls);
     }
 }
 

@@ -1,6 +1,4 @@
-// The exported factories over written result directories: the resolver, the loader and the
-// process list, inline frames across files, load progress, and files that keep to their own jit
-// rvas.
+// The exported factories over written result directories: resolver, loader and process list.
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
@@ -65,8 +63,7 @@ TEST(SymbolResolver, RenamesModulesOfArchitectureOneUnderTheJitProfilerWithBothA
     }
 }
 
-// The three factories refuse the same directories and take an empty one; the process list names
-// processes without reading their files.
+// The process list names processes without reading their files.
 TEST(SymbolResolver, CreationFailuresEmptyInputsAndAProcessListThatReadsNothing)
 {
     jrtest::TempDir root;
@@ -251,8 +248,7 @@ TEST(LoadProgress, ReportsTheBytesOfEachFileAgainstTheTotalAndChangesNoAnswer)
     EXPECT_TRUE(reports.empty());
 }
 
-// Every trace file numbers its code in a space of its own: what one file holds, damaged, cut short
-// or outgrowing its range, never changes the answers for another, and each file is read once.
+// Every trace file numbers its code in a space of its own; each file is read once.
 constexpr unsigned long long kWindowBase = 1ull << 48;
 constexpr unsigned long long kWindowSize = 1ull << 32;
 

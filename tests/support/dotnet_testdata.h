@@ -13,21 +13,15 @@
 
 namespace jrtest {
 
-/// The folder of the real .NET files, or empty when it is not there.
-inline std::string dotnetTestData()
-{
-    const std::string folder = std::string(JITREADER_SOURCE_DIR) + "/../shared/testdata/dotnet";
-    return boost::filesystem::is_directory(folder) ? folder : std::string();
-}
-
 /// The Portable PDB files among them.
 const char* const kDebugFiles[] = {"symbolic/foo.pdb", "cecil/PdbTarget.pdb",
                                    "symreader-converter/portable/Documents.pdb",
                                    "symreader-converter/portable/Iterator.pdb"};
 
+/// `folder`: the folder of the real .NET files; the test skips when it is not there.
 #define JR_REQUIRE_DOTNET_TESTDATA(folder)                                                          \
-    const std::string folder = ::jrtest::dotnetTestData();                                          \
-    if (folder.empty())                                                                             \
+    const std::string folder = std::string(JITREADER_SOURCE_DIR) + "/../shared/testdata/dotnet";   \
+    if (!boost::filesystem::is_directory(folder))                                                   \
     GTEST_SKIP() << "the real .NET test files (../shared/testdata/dotnet) are not present"
 
 inline std::vector<unsigned char> readBytes(const std::string& path)

@@ -14,8 +14,7 @@ namespace jrtest {
 
 struct LogLine { log4cplus::LogLevel level; std::string text; };
 
-/// Replaces the logger's appenders by a recording one and sets its level; restores both when
-/// destroyed.
+/// Replaces the logger's appenders by a recording one and sets its level; restores both at the end.
 class LogCapture {
 public:
     explicit LogCapture(log4cplus::LogLevel level = log4cplus::TRACE_LOG_LEVEL)

@@ -46,8 +46,7 @@ std::vector<unsigned char> contentOf(IByteBuffer& buffer)
 
 } // namespace
 
-// Arrays below half a huge page stay on the heap, larger ones start on a huge page; all of them
-// keep what is written to every element, and a move hands the elements over.
+// Arrays below half a huge page stay on the heap, larger ones start on one; a move hands over.
 TEST(HugePagesTest, ArraysHoldTheirElementsWhereverTheyLive)
 {
     const struct { std::size_t count; bool onHugePage; } cases[] = {
@@ -76,9 +75,7 @@ TEST(HugePagesTest, ArraysHoldTheirElementsWhereverTheyLive)
     EXPECT_EQ(nullptr, mapHugePages(~std::size_t(0) - 4096)); // rounding it up would wrap
 }
 
-// Blocks of every size, many slabs' worth, freed in an order other than the one they came in:
-// each is aligned, none overlaps another (each keeps its own bytes), freed slots are handed out
-// again, and once all are back the pool holds no slab and at most one huge page.
+// Blocks of every size, freed out of order: aligned, apart, reused; at the end no slab is held.
 TEST(SmallObjectPoolTest, BlocksKeepTheirBytesAndAllComeBack)
 {
     const SmallObjectPool::Usage before = SmallObjectPool::usage();
@@ -122,8 +119,7 @@ TEST(SmallObjectPoolTest, BlocksKeepTheirBytesAndAllComeBack)
     EXPECT_LE(after.hugePages, std::max<std::size_t>(before.hugePages, 1));
 }
 
-// Threads that take and give back blocks at once, including blocks that other threads took,
-// leave every block intact and the pool as it was.
+// Threads give back blocks that other threads took.
 TEST(SmallObjectPoolTest, ThreadsShareThePool)
 {
     const SmallObjectPool::Usage before = SmallObjectPool::usage();
@@ -166,9 +162,7 @@ TEST(SmallObjectPoolTest, AllocatorServesStandardContainers)
     EXPECT_THROW(PoolAllocator<int>().allocate(~std::size_t(0) / 2), std::bad_array_new_length);
 }
 
-// Buffers keep their bytes through rewrites that fit, that grow them, and that copy from their
-// own storage, and outlive the arena that made them; small ones share chunks, large ones have
-// their own.
+// Rewrites that fit, that grow, that copy from the buffer's own storage; small buffers share chunks.
 TEST(CodeArenaTest, BuffersKeepTheirBytesThroughRewritesAndOutliveTheArena)
 {
     constexpr std::size_t kElsewhere = std::string::npos;

@@ -1,5 +1,4 @@
-// The small parts everything stands on: reference counts, ranges and method ids, iterators and
-// the log.
+// Reference counts, ranges and method ids, iterators and the log.
 #include <map>
 #include <stdexcept>
 
@@ -61,7 +60,6 @@ TEST(BaseObject, CountStartsAtZeroAndTheLastReleaseDestroysAndCopiesStartAfresh)
     }
     EXPECT_EQ(1, destroyed);
 
-    // A copy starts at zero.
     boost::intrusive_ptr<Probe> shared(new Probe);
     boost::intrusive_ptr<Probe> second = shared;
     EXPECT_EQ(0u, Probe(*shared).count());

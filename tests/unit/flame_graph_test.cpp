@@ -1,5 +1,5 @@
 // The flame graph: kinds of frames, the tree of frames, text cut and escaped for SVG. The
-// demo's picture and the command's refusals are tests/tool/flame_graph_test.py's.
+// demo's picture and the command's refusals are tests/tool/tool_output_test.py's.
 #include <sstream>
 
 #include <gtest/gtest.h>

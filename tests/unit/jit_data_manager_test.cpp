@@ -1,8 +1,8 @@
-// The store: loads, lookups and their index, updates, refusals; how loads over the same addresses
-// cut keys and end lives; inline records waiting for their parents, placed below them or refused;
-// the version history of one key and the map of method ids.
+// The store: loads, lookups and their index, updates, refusals, inline records; the version
+// history of one key and the map of method ids.
 #include "jitreader/jit_data_manager.h"
 
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -22,15 +22,6 @@ namespace {
 const auto kTrace = log4cplus::TRACE_LOG_LEVEL;
 const auto kInfo = log4cplus::INFO_LOG_LEVEL;
 const auto kError = log4cplus::ERROR_LOG_LEVEL;
-
-// Method A (0x10) at [0x1000, 0x1100) from 500 and at [0x3000, 0x3080) from 900; method B (0x20)
-// at [0x1040, 0x1080) from 1200. Process 7 on host 1.
-void loadAandB(JitDataManager& store)
-{
-    ASSERT_EQ(meSuccess, load(store, makeMethod(0x10, 500, {{0x1000, 0x100, 1}})));
-    ASSERT_EQ(meSuccess, load(store, makeMethod(0x10, 900, {{0x3000, 0x80, 0x101}})));
-    ASSERT_EQ(meSuccess, load(store, makeMethod(0x20, 1200, {{0x1040, 0x40, 0x181}})));
-}
 
 /// 'S' sample at address a and time b; 'J' jit rva a; 'A' address b by jit rva a; 'N' next load
 /// over [a, a + 0x40) after time b. The answer: "method jitRva", or the next load time, or else
@@ -119,15 +110,18 @@ struct InlineStore {
 
 } // namespace
 
-// A's second record merges into A and B's overlap splits keys. Then A and B, with code on the
-// same addresses in process 8 and on host 2, and an empty process 9: the maps answer alike and,
-// once lookups have made it, so does their index.
+// Method A (0x10) at [0x1000, 0x1100) from 500 and at [0x3000, 0x3080) from 900, method B (0x20)
+// at [0x1040, 0x1080) from 1200: A's second record merges into A and B's overlap splits keys. Then
+// A and B, with code on the same addresses in process 8 and on host 2, and an empty process 9: the
+// maps answer alike and, once lookups have made it, so does their index.
 TEST(JitDataManagerTest, LoadsMergeAndSplitThenLookupsBySamplePointJitRvaAndNextLoad)
 {
     JitDataManager store;
     {
         LogCapture log(kTrace);
-        loadAandB(store);
+        ASSERT_EQ(meSuccess, load(store, makeMethod(0x10, 500, {{0x1000, 0x100, 1}})));
+        ASSERT_EQ(meSuccess, load(store, makeMethod(0x10, 900, {{0x3000, 0x80, 0x101}})));
+        ASSERT_EQ(meSuccess, load(store, makeMethod(0x20, 1200, {{0x1040, 0x40, 0x181}})));
         ASSERT_EQ(2u, store.methodList().size());
         const MethodPtr a = store.methodList()[0];
         EXPECT_EQ(500u, a->getLoadTime());
@@ -230,9 +224,7 @@ TEST(JitDataManagerTest, RefusedLoadsKeepWhatWasDoneBefore)
               describeDomain(store));
     EXPECT_EQ(0u, store.methodList()[0]->regions()[0]->unloadTime());
     EXPECT_EQ(3u, store.methodList()[3]->regionCount());
-    MethodPtr method;
-    ASSERT_EQ(meSuccess, store.resolveJitPoint(0x190, method));
-    EXPECT_EQ(2u, method->getRawMethodId());
+    EXPECT_EQ("0x2", ask(store, {'J', 0x190, 0, ""}));
     AssertionCapture asserts; // no region at all: reported, and nothing else breaks
     EXPECT_EQ(meSuccess, load(store, makeMethod(4, 100, {})));
     EXPECT_EQ(std::vector<std::string>{"rawMethod->regionCount()"}, asserts.expressions());
@@ -270,8 +262,7 @@ TEST(JitDataManagerTest, UpdatesPatchTheLiveRegionOrAreRefusedInOrder)
         load(store, makeMethod(0x30, 900, {{0x2008, 0x10, 0x21}}));
         store.setCollectorType(c.collector);
         std::vector<unsigned char> patch(c.length), expected(16);
-        for (unsigned int i = 0; i < c.length; ++i)
-            patch[i] = static_cast<unsigned char>(0xa0 + i);
+        std::iota(patch.begin(), patch.end(), 0xa0);
         MethodPtr update = makeMethod(c.rawId, c.time, {});
         update->addRegion(RegionPtr(new Region(7, 1, c.time, 0, c.address, c.length,
                                                c.shape == '-' ? nullptr : makeByteBuffer(patch.data(), c.length))));
@@ -316,8 +307,7 @@ TEST(JitDataManagerTest, TranslateJitAddressBuildsItsTableOnce)
     EXPECT_EQ(meFail, store.translateJitAddress(0x60, 0x6010, 0x501, 0x601, out));
 }
 
-// The first lookups after a load build the shared tables; threads that race there must all see
-// whole tables.
+// The first lookups after a load build the shared tables; racing threads all see whole tables.
 TEST(JitDataManagerTest, FirstLookupsMayRunSideBySide)
 {
     JitDataManager store;
@@ -345,9 +335,7 @@ TEST(JitDataManagerTest, FirstLookupsMayRunSideBySide)
     EXPECT_NE(0u, sums[0]);
 }
 
-// Stores of every size around the index's line and level boundaries, in several processes: every
-// address at and around every key, at times before, at and after each load, and every jit rva
-// around every entry, get the same answers and messages from the index as from the maps.
+// Sizes around the index's line and level boundaries; probes at and around every key and entry.
 TEST(JitDataManagerTest, IndexAnswersAsTheMapsDoAtEverySize)
 {
     const struct { unsigned int processes, methods; } stores[] = {
@@ -484,8 +472,7 @@ TEST(VersionHistoryTest, SharedStartsKeepTheFirstOwner)
     EXPECT_TRUE(history.at(99) == nullptr && history.after(200) == nullptr);
 }
 
-// Ids as digests make them and as tools make them up (one half zero, halves equal, a step in the
-// high half only) all stay apart through many growths; the first method filed under an id stays.
+// The first method filed under an id stays.
 TEST(MethodIdMapTest, KeepsEveryIdThroughGrowth)
 {
     const struct { const char* kind; MethodId (*make)(unsigned long long); } kinds[] = {
@@ -513,8 +500,7 @@ TEST(MethodIdMapTest, KeepsEveryIdThroughGrowth)
     }
 }
 
-// Inlines wait in the cache until their parent, or their inline parent, arrives; they keep jit
-// rva 0 until the store is finalised.
+// Inlines keep jit rva 0 until the store is finalised.
 TEST(InlineMethodTest, ProfilerInlinesWaitForTheirParents)
 {
     const Step p = {'L', 1, 0, 0x1000, 0x100, 100};
@@ -648,8 +634,7 @@ TEST(InlineMethodTest, InlinesThatNameThemselvesAsParentNeverHangARegionBelowIts
     EXPECT_EQ(L"\n   #1  (method id = 0x2, ip range = 0x1000-0x1010)", dump.str());
 }
 
-// Half the chain is placed by a first finalize, as when a file ends; the inlines that follow hang
-// below an inline, and the second finalize must still find the top-level method to place them.
+// A first finalize, as when a file ends, places half the chain; the second must find the top.
 TEST(InlineMethodTest, DeepInlineChainsAreWalkedWithoutRecursion)
 {
     JitDataManager store;

@@ -1,5 +1,4 @@
-// The decoder: the frames of a trace file, the jit rvas it hands out, and records of every form,
-// written by the trace writer and read back; and the writer's own refusals.
+// The decoder: frames, the jit rvas it hands out, records of every form; the writer's refusals.
 #include "jitreader/jit_file_decoder.h"
 
 #include <fstream>
@@ -20,8 +19,6 @@ namespace {
 
 using namespace tracewriter;
 
-Bytes u32(std::uint32_t value) { return Payload().u32(value).bytes(); }
-
 TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
 {
     const Bytes load = encodeMethodLoad(kFunctionLoad64_v3, MethodLoad());
@@ -35,11 +32,11 @@ TEST(JitFileDecoder, WalksFramesAndReportsEveryBrokenShape)
         bool missing = false;                 // no file at all
     } cases[] = {
         {"missing", {}, {meOpenFailed}, "Couldn't open the jit file", true},
-        {"magic without value", u32(kMagic), {meBadTrace}, "Couldn't process the magic trace"},
-        {"collector without value", TraceWriter().magic().raw(u32(13)).raw({1, 0}).bytes(), {meSuccess, meBadTrace},
-         "Couldn't process the collector type trace"},
+        {"magic without value", Payload().u32(kMagic).bytes(), {meBadTrace}, "Couldn't process the magic trace"},
+        {"collector without value", TraceWriter().magic().raw(Payload().u32(13).bytes()).raw({1, 0}).bytes(),
+         {meSuccess, meBadTrace}, "Couldn't process the collector type trace"},
         {"type 1", TraceWriter().frame(1, {1, 2, 3}).bytes(), {meBadTrace}, unknown},
-        {"size cut short", TraceWriter().raw(u32(8)).raw({4, 0}).bytes(), {meBadTrace},
+        {"size cut short", TraceWriter().raw(Payload().u32(8).bytes()).raw({4, 0}).bytes(), {meBadTrace},
          "Couldn't read size of the jit trace"},
         {"size 0", TraceWriter().emptyFrame(8).bytes(), {meBadTrace}, noContent},
         {"size beyond the end", TraceWriter().magic().truncatedFrame(9, load, 10).bytes(), {meSuccess, meBadTrace},
@@ -233,8 +230,7 @@ TEST(LoadRecord, OddRecordsOfTheNewestForm)
     }
 }
 
-// Every known type is handed out with its payload; the last collector type frame counts, and it
-// and the architectures come from the stream.
+// The last collector type frame counts; it and the architectures come from the stream.
 TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType)
 {
     const std::uint32_t types[] = {0, 2, 4, 5, 6, 7, 8, 9, 10, 11, 12, 14};
@@ -265,8 +261,7 @@ TEST(JitFileDecoder, HandsOutEveryKnownTypeWithItsPayloadAndTheLastCollectorType
     }
 }
 
-// Counts far beyond the payload are neither allocated nor looped over: only load form 4 reports
-// the bounds it overruns, and nothing is read beyond the payload.
+// Counts far beyond the payload are neither allocated nor looped over; only form 4 reports them.
 TEST(LoadRecord, LyingCountsReportAndStayInsideThePayload)
 {
     const Bytes head = Payload().u32(1).u32(2).u8(0).u64(3).u16(1).bytes(); // form 4, up to its one range
@@ -427,8 +422,7 @@ TEST(InlineAndUpdateRecords, CheckTheirFieldsAndCopyTheFoundRegion)
     }
 }
 
-// Truncated payloads, whose counts and fields lie about what follows, are reported; so are bytes
-// behind an update's code, and the update is taken all the same.
+// Bytes behind an update's code are reported too, and the update is taken all the same.
 TEST(Records, TruncatedOrTrailingPayloadsAreReported)
 {
     FakeStore store;

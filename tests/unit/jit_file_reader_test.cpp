@@ -172,9 +172,8 @@ void logAssertionAtOnce(const basekit2::assertion_report_t& report)
         .forcedLog(log4cplus::ERROR_LOG_LEVEL, std::string("handler: ") + report.expression);
 }
 
-// Files decoded ahead, on either thread, must leave what reading them in turn leaves: the same
-// store, results, and log lines at every level in the same order; an assertion handler is
-// called when the store takes the record.
+// The same store, results and log lines in the same order; an assertion handler is called when
+// the store takes the record.
 TEST(JitFileReader, ReadingManyFilesAheadChangesNothing)
 {
     jrtest::TempDir root;

@@ -1,6 +1,4 @@
-// A method and its parts: names, method ids and line tables (how tables merge, which ones a
-// query reads, the lasting copy that a query by jit rva makes, and how a table packs its rows),
-// and the byte updates of a region and its markup ranges.
+// A method and its parts: names, method ids, line tables, and the byte updates of a region.
 #include "jitreader/jit_method.h"
 
 #include <climits>
@@ -206,9 +204,7 @@ TEST(JitMethod, ReportsOddTablesAndSourceFiles)
     }
 }
 
-// Rows come back exactly as an agent wrote them, in order, however far they jump: backwards,
-// past 2^31 or ending before they start. A usual row takes one or two bytes; one just past
-// what those hold takes the general form. A small table has six bytes of header.
+// However far rows jump; a usual row takes one or two bytes, a small table six bytes of header.
 TEST(LineTable, EveryRowComesBackExactly)
 {
     const struct { Rows rows; std::size_t bytes; } cases[] = {
@@ -325,8 +321,7 @@ TEST(Region, UpdatesByMarkupTypeWithinTheBuffers)
     }
 
     // Nothing is read or written past a buffer: the region claims 16 bytes but holds 8, the update
-    // claims 8 bytes but brings 2. (A region without bytes is the decoder's case "update of a
-    // region without bytes".)
+    // claims 8 bytes but brings 2.
     jrtest::LogCapture log;
     boost::intrusive_ptr<Region> region = makeRegion("abcdefgh");
     EXPECT_EQ(region->addBytesUpdate(0x1006, 8, bytesOf("XY"), stCode, L""), meSuccess);

@@ -1,15 +1,13 @@
-// The jitdump importer: dumps built byte by byte in either byte order, converted, and read
-// back through the library.
+// The jitdump importer: dumps built in either byte order, converted, read back by the library.
 #include <algorithm>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "commands.h"
+#include "e2e/e2e_util.h"
 #include "jitdump_converter.h"
-#include "jitreader/jitreader.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace jitreader_tool {
 namespace {
@@ -109,7 +107,6 @@ JitdumpConversion convert(const Bytes& bytes, JitdumpConverter::Traces& traces)
 
 TEST(JitdumpImport, BothByteOrdersGiveATraceThatResolvesEachAddressToTheCodeOfItsTime)
 {
-    jrtest::TempDir root;
     JitdumpConverter::Traces traces, big;
     const JitdumpConversion result = convert(history(false).bytes(), traces);
     convert(history(true).bytes(), big);
@@ -119,15 +116,8 @@ TEST(JitdumpImport, BothByteOrdersGiveATraceThatResolvesEachAddressToTheCodeOfIt
     EXPECT_EQ(2u, result.withLines); // the load of code 0 and its move
     ASSERT_EQ(1u, big.count(42));
     EXPECT_EQ(traces.at(42).bytes(), big.at(42).bytes());
-    root.write("d/host.42.jit", traces.at(42).bytes());
-    auto forResolver = basekit2::make_path_iterator({root.wide("d")});
-    auto forLoader = basekit2::make_path_iterator({root.wide("d")});
-    boost::intrusive_ptr<velmark_3_11::ISymbolFileLocator> locator;
-    auto resolver = velmark_3_11::ISymbolResolver::create(forResolver, locator);
-    auto loader = velmark_3_11::IJitLoader::create(forLoader);
-    ASSERT_TRUE(resolver && loader);
-    unsigned int host = 0;
-    loader->getHostId(L"host", &host);
+    const e2e::Results r({{"d/host.42.jit", traces.at(42).bytes()}});
+    ASSERT_TRUE(r.resolver && r.loader);
     // Name, raw method id and line of the code at an address and time, or "none".
     const struct { std::uint64_t time, address; const wchar_t* code; } cases[] = {
         {150, 0x1008, L"JS:*first app::js:7 1 7"}, {150, 0x1014, L"JS:*first app::js:7 1 9"},
@@ -135,17 +125,13 @@ TEST(JitdumpImport, BothByteOrdersGiveATraceThatResolvesEachAddressToTheCodeOfIt
         {350, 0x3014, L"JS:*first app::js:7 1 9"}, {450, 0x1008, L"JS:*third app::js:30 3 0"}, {50, 0x1008, L"none"},
     };
     for (const auto& c : cases) {
-        unsigned long long jitRva = 0;
-        boost::intrusive_ptr<velmark_3_11::IModule> module;
-        std::wstring code = L"none";
-        if (loader->resolveModule(c.time, c.address, 42, host, &jitRva, module) == velmark_3_11::meSuccess) {
-            const auto symbol = resolver->resolveSymbol(jitRva);
-            const auto location = symbol ? symbol->getSourceLocation(jitRva) : nullptr;
-            code = symbol ? symbol->getName() + (L" " + std::to_wstring(symbol->getRawMethodId())) + L" " +
-                                std::to_wstring(location ? location->getLine() : 0u)
-                          : L"no symbol";
-        }
-        EXPECT_EQ(c.code, code) << c.time;
+        const e2e::Answer a = e2e::answer(*r.loader, *r.resolver, c.time, c.address, 42);
+        const std::vector<e2e::Frame> frames = e2e::framesAt(*r.resolver, a.jitRva);
+        EXPECT_EQ(c.code, a.loader != velmark_3_11::meSuccess ? L"none"
+                          : frames.empty() ? L"no symbol"
+                                           : frames[0].name + L" " + std::to_wstring(frames[0].rawId) + L" " +
+                                                 std::to_wstring(frames[0].line))
+            << c.time;
     }
 }
 

@@ -1,4 +1,5 @@
 // The command-line tool, run in process on written result directories.
+#include <algorithm>
 #include <sstream>
 
 #include <sys/stat.h>
@@ -6,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "commands.h"
-#include "demo_traces.h"
 #include "progress_line.h"
 #include "samples.h"
 #include "support/dotnet_testdata.h"
@@ -25,14 +25,6 @@ CommandRun run(int (*command)(const std::vector<std::string>&, std::ostream&, st
     std::ostringstream out, err;
     const int code = command(args, out, err);
     return CommandRun{code, out.str(), err.str()};
-}
-
-std::size_t countOf(const std::string& text, const std::string& fragment)
-{
-    std::size_t n = 0;
-    for (std::size_t at = text.find(fragment); at != std::string::npos; at = text.find(fragment, at + 1))
-        ++n;
-    return n;
 }
 
 TEST(JitreaderTool, ReadsSamplePointsAndNamesTheBadLine)
@@ -137,45 +129,6 @@ TEST(JitreaderTool, ProgressLineShowsBytesOnATerminalOnly)
     std::fclose(file);
 }
 
-// The machine formats and help texts on the demo are tests/tool/tool_output_test.py's. The .NET
-// process of the demo names its methods by token only: they are found in symbol directories.
-TEST(JitreaderTool, BundledSamplesResolveAgainstTheDemoTracesAndTheAssembliesOfTokenOnlyMethods)
-{
-    jrtest::TempDir root;
-    jitreader_demo::writeDemoResults(root.path(), "");
-    const std::string samples = std::string(JITREADER_SOURCE_DIR) + "/samples/demo.samples";
-    const std::string alpha = root.file("alpha"), beta = root.file("beta");
-    // --quiet is taken by every command that reads traces.
-    const CommandRun table = run(runResolve, {alpha, beta, "--samples", samples, "--quiet"});
-    ASSERT_EQ(0, table.code) << table.err;
-    EXPECT_NE(std::string::npos, table.out.find("resolved 26 / 30 samples")) << table.out;
-    EXPECT_NE(std::string::npos, table.out.find("0x7f3a10000048  4242  alpha.lab  0x49     com::example::shop::Catalog::groupBy"))
-        << table.out;
-    EXPECT_EQ(1u + 3u, countOf(table.out, "inlined\n")); // the header and three frames
-    EXPECT_EQ(1u, countOf(table.out, "unresolved: unknown host"));
-    EXPECT_EQ(1u, countOf(table.out, "unresolved: no traces of this process"));
-
-    const CommandRun lazy = run(runResolve, {alpha, beta, "--samples", samples, "--lazy"});
-    EXPECT_NE(std::string::npos, lazy.out.find("resolved 26 / 30 samples; read 4 of 4 processes")) << lazy.out;
-    EXPECT_EQ(0, run(runReport, {alpha, beta, "--samples", samples, "--quiet"}).code);
-
-    const CommandRun methods = run(runMethods, {alpha, beta, "--format", "csv", "--quiet"});
-    ASSERT_EQ(0, methods.code);
-    EXPECT_EQ(1u + 360u, countOf(methods.out, "\n")) << methods.out.substr(0, 400);
-
-    const std::string symbols = std::string(JITREADER_SOURCE_DIR) + "/samples/dotnet";
-    const CommandRun resolved = run(runResolve, {root.file("dotnet"), "--samples", symbols + ".samples", "--symbols",
-                                                 "/nowhere", "--symbols", symbols, "--full-names"});
-    ASSERT_EQ(0, resolved.code) << resolved.err;
-    EXPECT_NE(std::string::npos, resolved.out.find("MyInternalClass::GetPdbId(System::Reflection::Module)"))
-        << resolved.out;
-    EXPECT_NE(std::string::npos, resolved.out.find("/Users/swatinem/Coding/sentry-dotnet/samples/foo/Program.cs:88"))
-        << resolved.out;
-    const CommandRun dotnet = run(runMethods, {root.file("dotnet"), "--symbols", symbols, "--format", "csv"});
-    ASSERT_EQ(0, dotnet.code) << dotnet.err;
-    EXPECT_NE(std::string::npos, dotnet.out.find("StackTraceSample::Main,/Users/swatinem/")) << dotnet.out;
-}
-
 TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
 {
     JR_REQUIRE_DOTNET_TESTDATA(folder);
@@ -194,7 +147,8 @@ TEST(AssemblyTool, ListsEveryMethodOfEachRealAssemblyWithSignatureAndLines)
     for (const auto& c : cases) {
         const CommandRun listed = run(runAssembly, {folder + "/" + c.file, "--format", "csv"});
         ASSERT_EQ(0, listed.code) << listed.err;
-        EXPECT_EQ(c.methods + 1, countOf(listed.out + listed.err, "\n")) << c.file;
+        const std::string text = listed.out + listed.err;
+        EXPECT_EQ(c.methods + 1, std::count(text.begin(), text.end(), '\n')) << c.file;
         EXPECT_NE(std::string::npos, listed.out.find(c.someRow + "\n")) << listed.out;
     }
     for (const char* token : {"0x06000999", "x"})

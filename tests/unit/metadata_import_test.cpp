@@ -1,6 +1,4 @@
-// The metadata scope on the real assemblies, reached as the assembly reader reaches it; PE images
-// and metadata roots: the debug directory of real images, damaged headers, and every truncated
-// prefix of every real file; the symbol binder and readers on the Portable PDB files.
+// The metadata scope, PE images and the symbol binder on the real assemblies and debug files.
 #include <zlib.h>
 
 #include <algorithm>

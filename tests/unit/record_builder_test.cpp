@@ -2,6 +2,7 @@
 
 #include <array>
 #include <map>
+#include <numeric>
 #include <tuple>
 
 #include "record_builder.h"
@@ -70,8 +71,7 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
          {{2, 1, 0, 0x20, "step(I)I", {{0, 0x10, 20}, {0x10, 0x20, 21}}}}},
     };
     std::vector<std::uint8_t> code(0x100);
-    for (std::size_t i = 0; i < code.size(); ++i)
-        code[i] = static_cast<std::uint8_t>(i);
+    std::iota(code.begin(), code.end(), 0);
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
         std::uint32_t lastId = 0;
@@ -90,7 +90,6 @@ TEST(RecordBuilder, InlineRecordsFollowTheChainOfCallSitesOverAdjacentCode)
             inlines.emplace_back(record.rawMethodId, record.parentRawMethodId, record.startAddr - kCode, record.size,
                                  record.methodName, rows(record.nativeToSource));
             EXPECT_EQ(77u, record.loadTime);
-            // An inline carries the bytes of its own range.
             ASSERT_EQ(record.size, record.bytes.size());
             EXPECT_EQ(record.startAddr - kCode, record.bytes.front());
         }

@@ -26,20 +26,15 @@ using RegionPtr = boost::intrusive_ptr<Region>;
 /// One code range of a record: address, length, jit rva.
 struct CodeRange { unsigned long long address; unsigned int length; unsigned long long jitRva; };
 
-/// Ids are unique per raw id, process and host, as the decoder makes them.
-inline MethodId idOf(unsigned int rawId, unsigned int pid = 7, unsigned int host = 1)
-{
-    return MethodId((static_cast<unsigned long long>(host) << 32) | pid, rawId);
-}
-
-/// A load record: a raw method with its regions, started at the first region's jit rva. Each
-/// code byte is the low byte of its address, so that a copy shows where it came from.
+/// A load record: a raw method with its regions, started at the first region's jit rva, its id
+/// unique per raw id, process and host. Each code byte is the low byte of its address, so that a
+/// copy shows where it came from.
 inline MethodPtr makeMethod(unsigned int rawId, unsigned long long loadTime, const std::vector<CodeRange>& ranges,
                             unsigned int pid = 7, unsigned int host = 1)
 {
     MethodPtr method(new JitMethod);
     method->setRawMethodId(rawId);
-    method->setMethodId(idOf(rawId, pid, host));
+    method->setMethodId(MethodId((static_cast<unsigned long long>(host) << 32) | pid, rawId));
     method->setLoadTime(loadTime);
     method->setStartJitRva(ranges.empty() ? 0 : ranges.front().jitRva);
     for (const CodeRange& range : ranges) {
@@ -60,7 +55,7 @@ inline MethodPtr makeInline(unsigned int rawId, unsigned int rawParentId, unsign
     if (rawId == 0)
         method->setMethodId(MethodId());
     if (rawParentId != 0)
-        method->setParentId(idOf(rawParentId));
+        method->setParentId(MethodId((1ull << 32) | 7, rawParentId));
     return method;
 }
 
@@ -88,8 +83,8 @@ inline std::vector<std::string> describeDomain(const JitDataManager& store)
 
 /// Keys of the jit rva domain and of every region domain disjoint and sorted, no empty history,
 /// every history in load time order, its regions and methods held by the jit rva domain (histories
-/// don't own them),
-/// and in every region that a domain or a method reaches, parallel inline vectors without a loop.
+/// don't own them), and in every region that a domain or a method reaches, parallel inline vectors
+/// without a loop.
 inline ::testing::AssertionResult storeIsConsistent(const JitDataManager& store)
 {
     std::string fault;

@@ -1,6 +1,5 @@
-// Windows PDB files through the symbol binder: every sequence point of the real files, and of their
-// Portable PDB twins, against the dumps their origin project asserts; damaged and cut files. The
-// binder's matching of a Windows PDB to its assembly is among the metadata tests' binder cases.
+// Windows PDB files through the symbol binder, against the dumps their origin project asserts;
+// damaged and cut files. Matching a Windows PDB to its assembly is among the metadata tests'.
 #include <map>
 #include <regex>
 #include <sstream>
@@ -19,13 +18,6 @@
 namespace {
 
 using namespace velmark_3_11;
-
-HRESULT readerFor(const std::string& assembly, ComPtr<ISymUnmanagedReader>& reader)
-{
-    const ComPtr<SymBinder> binder(SymBinder::create());
-    return binder->GetReaderForFile2(nullptr, toWide(assembly).c_str(), L"",
-                                     AllowOriginalPathAccess | AllowReferencePathAccess, reader.put());
-}
 
 /// Each method with sequence points, as its name and one line per point, in the dump's order.
 std::string expectedMethods(const std::string& dumpPath)
@@ -84,7 +76,9 @@ TEST(WindowsPdb, EverySequencePointDocumentAndHashOfBothKindsAsTheExpectedDumps)
             SCOPED_TRACE(std::string(kind) + " " + name);
             const std::string assembly = folder + "/symreader-converter/" + kind + "/" + name + ".dll";
             ComPtr<ISymUnmanagedReader> reader;
-            ASSERT_EQ(S_OK, readerFor(assembly, reader));
+            ASSERT_EQ(S_OK, ComPtr<SymBinder>(SymBinder::create())
+                                ->GetReaderForFile2(nullptr, toWide(assembly).c_str(), L"",
+                                                    AllowOriginalPathAccess | AllowReferencePathAccess, reader.put()));
             const std::string expected =
                 expectedMethods(folder + "/symreader-converter/expected/" + name + ".windows-pdb.xml.expected.txt");
             EXPECT_NE(std::string::npos, expected.find("hidden"));
