@@ -26,15 +26,20 @@ using RegionPtr = boost::intrusive_ptr<Region>;
 /// One code range of a record: address, length, jit rva.
 struct CodeRange { unsigned long long address; unsigned int length; unsigned long long jitRva; };
 
-/// A load record: a raw method with its regions, started at the first region's jit rva, its id
-/// unique per raw id, process and host. Each code byte is the low byte of its address, so that a
-/// copy shows where it came from.
+/// Ids are unique per raw id, process and host, as the decoder makes them.
+inline MethodId idOf(unsigned int rawId, unsigned int pid = 7, unsigned int host = 1)
+{
+    return MethodId((static_cast<unsigned long long>(host) << 32) | pid, rawId);
+}
+
+/// A load record: a raw method with its regions, started at the first region's jit rva. Each
+/// code byte is the low byte of its address, so that a copy shows where it came from.
 inline MethodPtr makeMethod(unsigned int rawId, unsigned long long loadTime, const std::vector<CodeRange>& ranges,
                             unsigned int pid = 7, unsigned int host = 1)
 {
     MethodPtr method(new JitMethod);
     method->setRawMethodId(rawId);
-    method->setMethodId(MethodId((static_cast<unsigned long long>(host) << 32) | pid, rawId));
+    method->setMethodId(idOf(rawId, pid, host));
     method->setLoadTime(loadTime);
     method->setStartJitRva(ranges.empty() ? 0 : ranges.front().jitRva);
     for (const CodeRange& range : ranges) {
@@ -55,7 +60,7 @@ inline MethodPtr makeInline(unsigned int rawId, unsigned int rawParentId, unsign
     if (rawId == 0)
         method->setMethodId(MethodId());
     if (rawParentId != 0)
-        method->setParentId(MethodId((1ull << 32) | 7, rawParentId));
+        method->setParentId(idOf(rawParentId));
     return method;
 }
 
